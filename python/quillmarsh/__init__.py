@@ -1,0 +1,1 @@
+"""quillmarsh: client library of a service that collects quantitative trading signals."""

@@ -1,0 +1,109 @@
+#include "common/py_helpers.hpp"
+
+namespace quillmarsh::st {
+
+namespace {
+// A strong reference for the life of the process: the module object outlives every caller.
+PyObject* g_module = nullptr;
+}  // namespace
+
+void set_module(py::module_ m) {
+    Py_XDECREF(g_module);
+    g_module = m.release().ptr();
+}
+
+py::module_ module() {
+    if (g_module == nullptr) throw std::runtime_error("quillmarsh.search_templates is not initialised");
+    return py::reinterpret_borrow<py::module_>(g_module);
+}
+
+py::object module_attr(const char* name) {
+    PyObject* dict = PyModule_GetDict(module().ptr());  // borrowed
+    PyObject* value = PyDict_GetItemString(dict, name);  // borrowed, no error set
+    if (value == nullptr) {
+        PyErr_Format(PyExc_AttributeError, "module 'quillmarsh.search_templates' has no attribute '%s'", name);
+        throw py::error_already_set();
+    }
+    return py::reinterpret_borrow<py::object>(value);
+}
+
+py::object module_attr_or_none(const char* name) {
+    PyObject* value = PyDict_GetItemString(PyModule_GetDict(module().ptr()), name);
+    return value ? py::reinterpret_borrow<py::object>(value) : py::none();
+}
+
+py::object attr_or(py::handle obj, const char* name, py::object dflt) {
+    PyObject* value = PyObject_GetAttrString(obj.ptr(), name);
+    if (value != nullptr) return py::reinterpret_steal<py::object>(value);
+    if (PyErr_ExceptionMatches(PyExc_AttributeError)) {
+        PyErr_Clear();
+        return dflt;
+    }
+    throw py::error_already_set();
+}
+
+py::object key_or_attr(py::handle obj, const char* name, py::object dflt) {
+    if (PyDict_Check(obj.ptr())) {
+        // dict.get semantics, including a subclass's own get()
+        if (PyDict_CheckExact(obj.ptr())) {
+            PyObject* value = PyDict_GetItemWithError(obj.ptr(), py::str(name).ptr());
+            if (value != nullptr) return py::reinterpret_borrow<py::object>(value);
+            if (PyErr_Occurred()) throw py::error_already_set();
+            return dflt;
+        }
+        return obj.attr("get")(name, dflt);
+    }
+    return attr_or(obj, name, std::move(dflt));
+}
+
+py::object callable_attr(py::handle obj, const char* name) {
+    py::object value = attr_or(obj, name);
+    return PyCallable_Check(value.ptr()) ? value : py::none();
+}
+
+bool truthy(py::handle h) {
+    int r = PyObject_IsTrue(h.ptr());
+    if (r < 0) throw py::error_already_set();
+    return r != 0;
+}
+
+std::string repr(py::handle h) { return py::repr(h).cast<std::string>(); }
+std::string str(py::handle h) { return py::str(h).cast<std::string>(); }
+
+std::string py_format(py::handle h, const char* spec) {
+    PyObject* out = PyObject_Format(h.ptr(), py::str(spec).ptr());
+    if (out == nullptr) throw py::error_already_set();
+    return py::reinterpret_steal<py::str>(out).cast<std::string>();
+}
+
+bool log_enabled(LogLevel level) {
+    return truthy(module_attr("logger").attr("isEnabledFor")(static_cast<int>(level)));
+}
+
+void log_args(LogLevel level, const char* fmt, py::tuple args, py::object exc_info) {
+    py::object logger = module_attr("logger");
+    py::tuple call_args(args.size() + 2);
+    call_args[0] = py::int_(static_cast<int>(level));
+    call_args[1] = py::str(fmt);
+    for (size_t i = 0; i < args.size(); ++i) call_args[i + 2] = args[i];
+    py::dict kwargs;
+    if (!exc_info.is_none()) kwargs["exc_info"] = exc_info;
+    logger.attr("log")(*call_args, **kwargs);
+}
+
+void log_exception(const char* msg, const py::error_already_set& err) {
+    log_args(LogLevel::Error, msg, py::tuple(), err.value());
+}
+
+void raise_instance(py::handle instance) {
+    PyErr_SetObject(reinterpret_cast<PyObject*>(Py_TYPE(instance.ptr())), instance.ptr());
+    throw py::error_already_set();
+}
+
+void raise_new(py::handle exc_type, py::tuple args) { raise_instance(exc_type(*args)); }
+
+bool error_matches(const py::error_already_set& err, py::handle exc_type) {
+    return PyErr_GivenExceptionMatches(err.type().ptr(), exc_type.ptr()) != 0;
+}
+
+}  // namespace quillmarsh::st

@@ -1,0 +1,106 @@
+// Small helpers that every subsystem of the search component uses at the C++/Python boundary.
+//
+//  * The live module object: names that a host or a test may replace (collaborator classes, hooks,
+//    `_library_runtime`, the logger) are read from the module's namespace at each use, never cached.
+//  * Tolerant reads with Python's own semantics: `attr_or` behaves like `getattr(obj, name, default)`
+//    (only AttributeError falls back to the default), `key_or_attr` reads a map's key or else an
+//    attribute, `callable_attr` yields an attribute only when it is callable.
+//  * Exact-type tests: `type(x) is dict` versus `isinstance(x, dict)`, and "an int that is not a bool".
+//  * Logging through the module's `logger` with a %-format and its arguments, so that records look the
+//    same as records made by Python code.
+//  * Raising a Python exception instance from C++.
+//
+// None of these hold a C++ lock; all of them expect the GIL to be held.
+#pragma once
+
+#include <pybind11/pybind11.h>
+
+#include <string>
+#include <string_view>
+#include <utility>
+
+namespace quillmarsh::st {
+
+namespace py = pybind11;
+
+// ---- the live module -------------------------------------------------------------------------
+
+// Remembers the module object; called once by the module's initialiser.
+void set_module(py::module_ m);
+// The module object `quillmarsh.search_templates`.
+py::module_ module();
+// The current value of a module global; raises AttributeError naming the module when it is unset.
+py::object module_attr(const char* name);
+// The current value of a module global, or None when it is unset.
+py::object module_attr_or_none(const char* name);
+
+// ---- tolerant reads --------------------------------------------------------------------------
+
+// getattr(obj, name, dflt): an AttributeError yields `dflt`, any other error propagates.
+py::object attr_or(py::handle obj, const char* name, py::object dflt = py::none());
+// obj.get(name, dflt) when obj is a dict (or subclass), else attr_or(obj, name, dflt).
+py::object key_or_attr(py::handle obj, const char* name, py::object dflt = py::none());
+// The attribute when it exists and is callable, else None.
+py::object callable_attr(py::handle obj, const char* name);
+
+// ---- type tests ------------------------------------------------------------------------------
+
+inline bool is_none(py::handle h) { return h.is_none(); }
+inline bool is_dict(py::handle h) { return PyDict_Check(h.ptr()); }
+inline bool is_exact_dict(py::handle h) { return PyDict_CheckExact(h.ptr()); }
+inline bool is_list(py::handle h) { return PyList_Check(h.ptr()); }
+inline bool is_exact_list(py::handle h) { return PyList_CheckExact(h.ptr()); }
+inline bool is_str(py::handle h) { return PyUnicode_Check(h.ptr()); }
+inline bool is_exact_str(py::handle h) { return PyUnicode_CheckExact(h.ptr()); }
+inline bool is_bool(py::handle h) { return PyBool_Check(h.ptr()); }
+// isinstance(x, int) and not isinstance(x, bool)
+inline bool is_int_not_bool(py::handle h) { return PyLong_Check(h.ptr()) && !PyBool_Check(h.ptr()); }
+inline bool is_exact_int(py::handle h) { return PyLong_CheckExact(h.ptr()); }
+inline bool is_float(py::handle h) { return PyFloat_Check(h.ptr()); }
+inline bool is_exact_float(py::handle h) { return PyFloat_CheckExact(h.ptr()); }
+// isinstance(x, (int, float)) and not isinstance(x, bool)
+inline bool is_real_not_bool(py::handle h) { return is_int_not_bool(h) || PyFloat_Check(h.ptr()); }
+inline bool is_callable(py::handle h) { return PyCallable_Check(h.ptr()) != 0; }
+// bool(x) with Python's truth rules; errors propagate.
+bool truthy(py::handle h);
+// repr(x), as `%r` shows it.
+std::string repr(py::handle h);
+// str(x).
+std::string str(py::handle h);
+// format(x, spec), e.g. py_format(3.94, ".1f") == "3.9".
+std::string py_format(py::handle h, const char* spec);
+
+// ---- logging ---------------------------------------------------------------------------------
+
+enum class LogLevel : int { Debug = 10, Info = 20, Warning = 30, Error = 40 };
+
+// logger.log(level, fmt, *args) through the module's current `logger`. The level test comes first, so
+// a disabled level costs one call and no argument conversion.
+bool log_enabled(LogLevel level);
+void log_args(LogLevel level, const char* fmt, py::tuple args, py::object exc_info = py::none());
+
+template <typename... Args>
+void log(LogLevel level, const char* fmt, Args&&... args) {
+    if (!log_enabled(level)) return;
+    log_args(level, fmt, py::make_tuple(std::forward<Args>(args)...));
+}
+template <typename... Args> void log_debug(const char* fmt, Args&&... a) { log(LogLevel::Debug, fmt, std::forward<Args>(a)...); }
+template <typename... Args> void log_info(const char* fmt, Args&&... a) { log(LogLevel::Info, fmt, std::forward<Args>(a)...); }
+template <typename... Args> void log_warning(const char* fmt, Args&&... a) { log(LogLevel::Warning, fmt, std::forward<Args>(a)...); }
+template <typename... Args> void log_error(const char* fmt, Args&&... a) { log(LogLevel::Error, fmt, std::forward<Args>(a)...); }
+
+// logger.error(msg, exc_info=<the exception>): a loop's crash line with its traceback.
+void log_exception(const char* msg, const py::error_already_set& err);
+
+// ---- raising ---------------------------------------------------------------------------------
+
+// Sets `instance` (an exception object) as the pending Python error and throws error_already_set,
+// which pybind11 hands back to the interpreter unchanged.
+[[noreturn]] void raise_instance(py::handle instance);
+// Calls `exc_type(*args)` and raises the result.
+[[noreturn]] void raise_new(py::handle exc_type, py::tuple args);
+
+// True when the pending exception of `err` is an instance of `exc_type` (isinstance semantics).
+bool error_matches(const py::error_already_set& err, py::handle exc_type);
+
+}  // namespace quillmarsh::st

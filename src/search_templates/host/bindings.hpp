@@ -1,0 +1,12 @@
+// One binder per subsystem; module.cpp calls them in dependency order.
+#pragma once
+
+#include <pybind11/pybind11.h>
+
+namespace quillmarsh::st {
+
+namespace py = pybind11;
+
+void bind_common(py::module_& m);
+
+}  // namespace quillmarsh::st
