@@ -92,7 +92,8 @@ void log_args(LogLevel level, const char* fmt, py::tuple args, py::object exc_in
 }
 
 void log_exception(const char* msg, const py::error_already_set& err) {
-    log_args(LogLevel::Error, msg, py::tuple(), err.value());
+    // (type, value, traceback): the value alone may not carry its traceback once fetched from C.
+    log_args(LogLevel::Error, msg, py::tuple(), py::make_tuple(err.type(), err.value(), err.trace()));
 }
 
 void raise_instance(py::handle instance) {

@@ -1,0 +1,131 @@
+"""The helpers every subsystem uses at the boundary: tolerant reads, type tests, logging."""
+import logging
+
+import pytest
+
+import quillmarsh.search_templates as st
+
+h = st._helpers
+
+
+class WithProperty:
+    plain = 1
+
+    @property
+    def missing(self):
+        raise AttributeError("computed attribute is absent")
+
+    @property
+    def broken(self):
+        raise KeyError("not an attribute problem")
+
+    def method(self):
+        return 2
+
+
+def test_attr_or_falls_back_only_on_attribute_error():
+    obj = WithProperty()
+    assert h.attr_or(obj, "plain") == 1
+    assert h.attr_or(obj, "nope") is None
+    assert h.attr_or(obj, "nope", "dflt") == "dflt"
+    assert h.attr_or(obj, "missing", 7) == 7
+    with pytest.raises(KeyError):
+        h.attr_or(obj, "broken")
+
+
+class GetDict(dict):
+    def get(self, key, default=None):
+        return ("sub", key, default)
+
+
+@pytest.mark.parametrize("obj, expected", [
+    ({"plain": 5}, 5),
+    ({"other": 5}, "dflt"),
+    ({"plain": None}, None),                  # a present None is returned, not replaced
+    (WithProperty(), 1),
+    (GetDict(plain=3), ("sub", "plain", "dflt")),  # a dict subclass's own get() decides
+    (None, "dflt"),
+])
+def test_key_or_attr(obj, expected):
+    assert h.key_or_attr(obj, "plain", "dflt") == expected
+
+
+def test_key_or_attr_does_not_fall_back_to_attributes_of_a_map():
+    assert h.key_or_attr({}, "keys", "dflt") == "dflt"
+
+
+def test_callable_attr():
+    obj = WithProperty()
+    assert h.callable_attr(obj, "method")() == 2
+    assert h.callable_attr(obj, "plain") is None
+    assert h.callable_attr(obj, "nope") is None
+
+
+class D(dict):
+    pass
+
+
+@pytest.mark.parametrize("value, true_tests", [
+    ({}, {"dict", "exact_dict"}),
+    (D(), {"dict"}),
+    ([], {"list", "exact_list"}),
+    ("s", {"str"}),
+    (3, {"int_not_bool", "real_not_bool"}),
+    (True, {"bool"}),
+    (2.5, {"real_not_bool"}),
+    (None, set()),
+])
+def test_type_tests(value, true_tests):
+    assert {k for k, v in h.type_tests(value).items() if v} == true_tests
+
+
+@pytest.mark.parametrize("value, spec, text", [
+    (3.94, ".1f", "3.9"), (3.96, ".1f", "4.0"), (499.6, ".0f", "500"), (0.05, ".1f", "0.1"),
+])
+def test_py_format_is_python_format(value, spec, text):
+    assert h.py_format(value, spec) == format(value, spec) == text
+
+
+def test_log_passes_format_and_arguments_unformatted(caplog):
+    caplog.set_level(logging.INFO, logger="quillmarsh.search_templates")
+    h.log(logging.WARNING, "step %s failed: %r", "sync", "boom")
+    h.log(logging.DEBUG, "hidden %s", "x")
+    (record,) = caplog.records
+    assert record.name == "quillmarsh.search_templates"
+    assert record.levelno == logging.WARNING
+    assert record.msg == "step %s failed: %r"
+    assert record.args == ("sync", "boom")
+    assert record.getMessage() == "step sync failed: 'boom'"
+
+
+def test_log_goes_through_the_current_module_logger(monkeypatch):
+    seen = []
+
+    class Recorder:
+        def isEnabledFor(self, level):
+            return True
+
+        def log(self, level, msg, *args, **kwargs):
+            seen.append((level, msg, args))
+
+    monkeypatch.setattr(st, "logger", Recorder())
+    h.log(logging.INFO, "n=%d", 3)
+    assert seen == [(logging.INFO, "n=%d", (3,))]
+
+
+def test_log_exception_keeps_the_traceback(caplog):
+    def fail():
+        raise ValueError("inner")
+
+    h.log_exception("worker_loop_crashed", fail)
+    (record,) = caplog.records
+    assert record.levelno == logging.ERROR
+    assert record.getMessage() == "worker_loop_crashed"
+    assert record.exc_info[0] is ValueError
+    assert "inner" in caplog.text and "Traceback" in caplog.text
+
+
+def test_module_attr_is_read_live(monkeypatch):
+    assert h.module_attr_or_none("no_such_global") is None
+    monkeypatch.setattr(st, "no_such_global", 42, raising=False)
+    assert h.module_attr_or_none("no_such_global") == 42

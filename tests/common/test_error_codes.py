@@ -1,0 +1,79 @@
+"""The error-code table: every code with its fixed words, and how details enter the message."""
+import pytest
+
+import quillmarsh.search_templates as st
+
+EXPECTED = {
+    "AUTH_ERROR": ("Run register() or login(private_key) first.",
+                   "Not authenticated. Run register() or login(private_key) first."),
+    "RUNTIME_BOOTSTRAP_FAILED": (
+        "Inspect the data sync/runtime bootstrap error, then rerun register() or login(private_key).",
+        "Runtime bootstrap failed after authentication."),
+    "OUT_OF_MEMORY": ("Run get_db_info() then delete_evaluations(). Reduce n_jobs if needed.",
+                      "Not enough memory: requires 4.0 GB, available {} GB"),
+    "DISK_FULL": ("Run get_db_info() then delete_evaluations() or delete_failed_evaluations().",
+                  "Disk space critically low: {} MB remaining"),
+    "DATA_DIR_REQUIRED": ("Set quillmarsh.agent_onboarding._config['data_dir'] before calling search().",
+                          "data_dir is required to start a search."),
+    "VALID_UNIVERSE_UNAVAILABLE": (
+        "Configure valid_universe_id before searching.",
+        "search() requires a target valid_universe_id so vocabulary lookup is scoped to one universe."),
+    "SEARCH_TRACKER_UNAVAILABLE": (
+        "Run get_db_info() and reinitialize the database before searching.",
+        "SearchTracker unavailable: runtime did not provide a tracker. Run get_db_info() and reinitialize "
+        "the database before searching."),
+    "ERA_CONFIG_UNAVAILABLE": ("Run register() or login(private_key) again after data sync completes.",
+                               "search() requires synced era config before expressions can be generated."),
+    "VOCABULARY_UNAVAILABLE": (
+        "Vocabulary data not found. Run search() after data sync completes, or ensure the per-universe "
+        "vocabulary.json exists in your data directory.",
+        "search() requires vocabulary data to validate and generate expressions."),
+    "BACKTESTER_UNAVAILABLE": ("Run register() or login(private_key) again after data sync completes.",
+                               "search() requires a usable private evaluation runtime/backtester."),
+    "NO_ACTIVE_SEARCH": ("Call quillmarsh.search(template) first to start one.",
+                         "No active search. Call quillmarsh.search(template) first to start one."),
+    "INFRASTRUCTURE_FAILURE": ("register()", "Background infrastructure failed permanently"),
+    "DATABASE_ERROR": ("Run get_db_info() to check database state. Consider restarting the search.",
+                       "Database write failed after retry: "),
+}
+
+
+def test_table_holds_every_code_with_its_words():
+    assert {code: (advice, msg) for code, advice, msg in st._helpers.error_codes()} == EXPECTED
+
+
+@pytest.mark.parametrize("code, detail, message", [
+    ("OUT_OF_MEMORY", "3.9", "Not enough memory: requires 4.0 GB, available 3.9 GB"),
+    ("DISK_FULL", "500", "Disk space critically low: 500 MB remaining"),
+    ("RUNTIME_BOOTSTRAP_FAILED", None, "Runtime bootstrap failed after authentication."),
+    ("RUNTIME_BOOTSTRAP_FAILED", " \n\t", "Runtime bootstrap failed after authentication."),
+    ("RUNTIME_BOOTSTRAP_FAILED", "  sync timed out \n", "Runtime bootstrap failed after authentication. sync timed out"),
+    ("INFRASTRUCTURE_FAILURE", None, "Background infrastructure failed permanently"),
+    ("INFRASTRUCTURE_FAILURE", "worker died", "Background infrastructure failed permanently: worker died"),
+    ("DATABASE_ERROR", "disk I/O error", "Database write failed after retry: disk I/O error"),
+    ("AUTH_ERROR", None, "Not authenticated. Run register() or login(private_key) first."),
+])
+def test_message_details(code, detail, message):
+    assert st._helpers.error_message(code, detail) == message
+
+
+def test_raising_by_code_carries_a_stopped_status_by_default():
+    with pytest.raises(st.SearchError) as info:
+        st._helpers.raise_search_error("DISK_FULL", None, "12")
+    err = info.value
+    assert err.error_code == "DISK_FULL"
+    assert err.recovery_advice == EXPECTED["DISK_FULL"][0]
+    assert str(err) == "Disk space critically low: 12 MB remaining"
+    assert err.status == st.SearchStatus(running=False)
+
+
+def test_raising_by_code_keeps_a_given_status():
+    status = st.SearchStatus(running=True, error_code="NO_ACTIVE_SEARCH")
+    with pytest.raises(st.SearchError) as info:
+        st._helpers.raise_search_error("NO_ACTIVE_SEARCH", status)
+    assert info.value.status is status
+
+
+def test_unknown_code_is_refused():
+    with pytest.raises(ValueError, match="unknown error code"):
+        st._helpers.error_message("NOPE")
