@@ -56,7 +56,7 @@ def service():
             pass
 
     server = ThreadingHTTPServer(("127.0.0.1", 0), Handler)
-    thread = threading.Thread(target=server.serve_forever, daemon=True)
+    thread = threading.Thread(target=server.serve_forever, kwargs={"poll_interval": 0.05}, daemon=True)
     thread.start()
     svc.url = "http://127.0.0.1:%d" % server.server_address[1]
     yield svc
