@@ -1,1 +1,53 @@
-"""quillmarsh: client library of a service that collects quantitative trading signals."""
+"""quillmarsh: client library of a service that collects quantitative trading signals.
+
+``register()`` and ``login(private_key)`` set up the account and runtime; the search API (``search``,
+``status``, ``random_weighted``, ...) is that of ``quillmarsh.search_templates``, whose public names are
+available here too. The extension is imported only when one of its names is used, so the package itself
+imports even where the extension cannot be loaded.
+"""
+
+from __future__ import annotations
+
+import importlib
+
+__all__ = ["register", "login", "logout"]
+
+
+def register() -> dict:
+    """Create (or reuse) the local account of the data directory and log in with it."""
+    from quillmarsh.agent_onboarding import register as _register
+    return _register()
+
+
+def login(private_key) -> dict:
+    """Log in with an existing private key (hex text or bytes)."""
+    from quillmarsh.agent_onboarding import login as _login
+    return _login(private_key)
+
+
+def logout() -> None:
+    """Forget the login and close the runtime."""
+    from quillmarsh.agent_onboarding import logout as _logout
+    _logout()
+
+
+def __getattr__(name: str):
+    if name.startswith("_"):
+        raise AttributeError("module 'quillmarsh' has no attribute %r" % name)
+    st = importlib.import_module("quillmarsh.search_templates")
+    if name == "search_templates":
+        return st
+    try:
+        return getattr(st, name)
+    except AttributeError:
+        raise AttributeError("module 'quillmarsh' has no attribute %r" % name) from None
+
+
+def __dir__():
+    names = set(globals())
+    try:
+        st = importlib.import_module("quillmarsh.search_templates")
+        names.update(n for n in dir(st) if not n.startswith("_"))
+    except ImportError:
+        pass
+    return sorted(names)

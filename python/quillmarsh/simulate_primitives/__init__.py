@@ -1,0 +1,1 @@
+"""Primitives of the signal simulation shared with the search: metaparameter resolution."""
