@@ -61,11 +61,28 @@ py::object callable_attr(py::handle obj, const char* name) {
     return PyCallable_Check(value.ptr()) ? value : py::none();
 }
 
+py::list new_list(py::handle iterable) {
+    PyObject* out = PySequence_List(iterable.ptr());
+    if (out == nullptr) throw py::error_already_set();
+    return py::reinterpret_steal<py::list>(out);
+}
+
 bool truthy(py::handle h) {
     int r = PyObject_IsTrue(h.ptr());
     if (r < 0) throw py::error_already_set();
     return r != 0;
 }
+
+namespace {
+bool compare(py::handle a, py::handle b, int op) {
+    PyObject* result = PyObject_RichCompare(a.ptr(), b.ptr(), op);
+    if (result == nullptr) throw py::error_already_set();
+    return truthy(py::reinterpret_steal<py::object>(result));
+}
+}  // namespace
+
+bool py_equal(py::handle a, py::handle b) { return compare(a, b, Py_EQ); }
+bool py_not_equal(py::handle a, py::handle b) { return compare(a, b, Py_NE); }
 
 std::string repr(py::handle h) { return py::repr(h).cast<std::string>(); }
 std::string str(py::handle h) { return py::str(h).cast<std::string>(); }
@@ -105,6 +122,49 @@ void raise_new(py::handle exc_type, py::tuple args) { raise_instance(exc_type(*a
 
 bool error_matches(const py::error_already_set& err, py::handle exc_type) {
     return PyErr_GivenExceptionMatches(err.type().ptr(), exc_type.ptr()) != 0;
+}
+
+void raise_from(py::handle instance, py::handle cause) {
+    // The setter of __cause__ also sets __suppress_context__, as `raise ... from` does.
+    PyException_SetCause(instance.ptr(), py::reinterpret_borrow<py::object>(cause).release().ptr());
+    PyException_SetContext(instance.ptr(), py::reinterpret_borrow<py::object>(cause).release().ptr());
+    raise_instance(instance);
+}
+
+bool is_module_not_found(const py::error_already_set& err, const char* module_name) {
+    if (!error_matches(err, PyExc_ModuleNotFoundError)) return false;
+    py::object name = attr_or(err.value(), "name");
+    return is_str(name) && name.cast<std::string>() == module_name;
+}
+
+py::object import_module(const char* module_name) {
+    PyObject* mod = PyImport_ImportModule(module_name);
+    if (mod == nullptr) throw py::error_already_set();
+    return py::reinterpret_steal<py::object>(mod);
+}
+
+py::object import_from(const char* module_name, const char* name) {
+    py::object mod = import_module(module_name);
+    PyObject* value = PyObject_GetAttrString(mod.ptr(), name);
+    if (value != nullptr) return py::reinterpret_steal<py::object>(value);
+    if (!PyErr_ExceptionMatches(PyExc_AttributeError)) throw py::error_already_set();
+    PyErr_Clear();
+    py::object err = py::reinterpret_borrow<py::object>(PyExc_ImportError)(
+        py::str("cannot import name '{}' from '{}'").format(name, module_name), py::arg("name") = module_name);
+    raise_instance(err);
+}
+
+bool has_attr(py::handle obj, const char* name) {
+    PyObject* value = PyObject_GetAttrString(obj.ptr(), name);
+    if (value != nullptr) {
+        Py_DECREF(value);
+        return true;
+    }
+    if (PyErr_ExceptionMatches(PyExc_AttributeError)) {
+        PyErr_Clear();
+        return false;
+    }
+    throw py::error_already_set();
 }
 
 }  // namespace quillmarsh::st

@@ -61,8 +61,13 @@ inline bool is_exact_float(py::handle h) { return PyFloat_CheckExact(h.ptr()); }
 // isinstance(x, (int, float)) and not isinstance(x, bool)
 inline bool is_real_not_bool(py::handle h) { return is_int_not_bool(h) || PyFloat_Check(h.ptr()); }
 inline bool is_callable(py::handle h) { return PyCallable_Check(h.ptr()) != 0; }
+// list(x): always a new list, even when x already is one (py::list(x) would hand back x itself).
+py::list new_list(py::handle iterable);
 // bool(x) with Python's truth rules; errors propagate.
 bool truthy(py::handle h);
+// a == b and a != b with Python's operators (no identity shortcut); errors propagate.
+bool py_equal(py::handle a, py::handle b);
+bool py_not_equal(py::handle a, py::handle b);
 // repr(x), as `%r` shows it.
 std::string repr(py::handle h);
 // str(x).
@@ -100,7 +105,21 @@ void log_exception(const char* msg, const py::error_already_set& err);
 // Calls `exc_type(*args)` and raises the result.
 [[noreturn]] void raise_new(py::handle exc_type, py::tuple args);
 
+// `raise instance from cause`: sets __cause__ (and __context__) before raising.
+[[noreturn]] void raise_from(py::handle instance, py::handle cause);
+
 // True when the pending exception of `err` is an instance of `exc_type` (isinstance semantics).
 bool error_matches(const py::error_already_set& err, py::handle exc_type);
+// True when `err` is a ModuleNotFoundError whose `name` is exactly `module_name`.
+bool is_module_not_found(const py::error_already_set& err, const char* module_name);
+
+// ---- imports ---------------------------------------------------------------------------------
+
+// `import module_name` (the submodule itself, not the top package).
+py::object import_module(const char* module_name);
+// `from module_name import name`: a missing attribute raises ImportError as the statement would.
+py::object import_from(const char* module_name, const char* name);
+// hasattr(obj, name): only AttributeError means "no".
+bool has_attr(py::handle obj, const char* name);
 
 }  // namespace quillmarsh::st

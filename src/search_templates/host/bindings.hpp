@@ -8,5 +8,7 @@ namespace quillmarsh::st {
 namespace py = pybind11;
 
 void bind_common(py::module_& m);
+void bind_host_runtime(py::module_& m);
+void bind_era(py::module_& m);
 
 }  // namespace quillmarsh::st

@@ -1,0 +1,138 @@
+#include "era/transform_pipeline.hpp"
+
+#include "common/host_runtime.hpp"
+#include "common/py_helpers.hpp"
+#include "era/era_config.hpp"
+
+namespace quillmarsh::st {
+
+namespace {
+
+[[noreturn]] void raise_not_ready(const char* message) {
+    raise_new(sdk_runtime_not_ready_error_type(), py::make_tuple(message));
+}
+
+// The resolver step: per pool when any stage's default depends on the pool, else for the era.
+py::object resolve_metaparameters(const py::list& pipeline, py::handle signal_pool_id) {
+    if (pipeline_has_per_pool_default(pipeline)) {
+        if (!truthy(signal_pool_id)) {
+            PyErr_SetString(PyExc_ValueError, "per-pool transform defaults require a signal pool id");
+            throw py::error_already_set();
+        }
+        py::list pool_ids;
+        pool_ids.append(signal_pool_id);
+        py::object per_pool = bound_sibling("_resolve_metaparameters_per_pool")(py::none(), pipeline, pool_ids);
+        py::object canonical = bound_sibling("_canonicalize_metaparameters")(per_pool);
+        return canonical.attr("get")(signal_pool_id, py::dict());
+    }
+    return bound_sibling("_resolve_metaparameters")(py::none(), pipeline);
+}
+
+}  // namespace
+
+py::list era_transform_pipeline_config(py::handle era_config) {
+    py::object pipeline = era_config_field(era_config, "transform_pipeline_config");
+    if (pipeline.is_none()) pipeline = key_or_attr(era_config_raw_dict(era_config), "transform_pipeline");
+    if (pipeline.is_none()) pipeline = era_config_field(era_config, "transform_pipeline");
+    if (is_list(pipeline)) return new_list(pipeline);
+    return py::list();
+}
+
+py::object stage_value(py::handle stage, const char* name, py::object dflt) {
+    return key_or_attr(stage, name, std::move(dflt));
+}
+
+bool stage_has_default_contract(py::handle stage) {
+    if (is_dict(stage)) {
+        py::dict d = py::reinterpret_borrow<py::dict>(stage);
+        return !key_or_attr(d, "name").is_none() && d.contains("options") && d.contains("default");
+    }
+    return !attr_or(stage, "name").is_none() && has_attr(stage, "options") && has_attr(stage, "default");
+}
+
+bool pipeline_has_per_pool_default(py::handle transform_pipeline) {
+    for (py::handle stage : transform_pipeline)
+        if (truthy(stage_value(stage, "per_pool_default"))) return true;
+    return false;
+}
+
+py::dict resolve_search_metaparameters_from_era_config(py::handle era_config, py::handle signal_pool_id) {
+    py::list pipeline = era_transform_pipeline_config(era_config);
+    if (pipeline.empty()) raise_not_ready("search era config missing transform_pipeline");
+    for (py::handle stage : pipeline)
+        if (!stage_has_default_contract(stage))
+            raise_not_ready("search era transform_pipeline must include name, options, and default for every stage");
+
+    py::object resolved;
+    try {
+        resolved = resolve_metaparameters(pipeline, signal_pool_id);
+    } catch (py::error_already_set& e) {
+        if (!error_matches(e, PyExc_Exception)) throw;
+        raise_from(sdk_runtime_not_ready_error_type()("failed to resolve search metaparameters from era config"),
+                   e.value());
+    }
+
+    py::dict out;
+    for (py::handle item : resolved.attr("items")()) out[py::str(item[py::int_(0)])] = item[py::int_(1)];
+
+    // The era's default for normalization gives way whenever "rescale" is on offer.
+    for (py::handle stage : pipeline) {
+        py::object name = stage_value(stage, "name");
+        if (!truthy(name) || !py_equal(py::str(name), py::str("normalization"))) continue;
+        py::object options = stage_value(stage, "options");
+        py::set offered;
+        if (truthy(options))
+            for (py::handle option : options) offered.add(py::str(option));
+        if (offered.contains(py::str("rescale"))) out["normalization"] = py::str("rescale");
+    }
+    return out;
+}
+
+py::dict method_transform_context_kwargs(py::handle method, py::handle metaparameters,
+                                         py::handle transform_pipeline, py::handle universe_id) {
+    py::dict all;
+    all["metaparameters"] = metaparameters;
+    all["transform_pipeline"] = transform_pipeline;
+    all["universe_id"] = universe_id;
+
+    py::object inspect = import_module("inspect");
+    py::object signature;
+    try {
+        signature = inspect.attr("signature")(method);
+    } catch (py::error_already_set& e) {
+        if (error_matches(e, PyExc_TypeError) || error_matches(e, PyExc_ValueError)) return all;
+        throw;
+    }
+    py::object parameters = signature.attr("parameters");
+    py::object var_keyword = inspect.attr("Parameter").attr("VAR_KEYWORD");
+    for (py::handle parameter : parameters.attr("values")())
+        if (py_equal(parameter.attr("kind"), var_keyword)) return all;
+
+    py::dict accepted;
+    for (auto item : all)
+        if (parameters.contains(item.first)) accepted[item.first] = item.second;
+    return accepted;
+}
+
+py::object call_backtester_with_transform_context(py::handle backtester, py::handle method_name,
+                                                  py::handle expr_graph, py::handle metaparameters,
+                                                  py::handle transform_pipeline, py::handle universe_id) {
+    py::object method = backtester.attr(method_name);
+    py::dict kwargs = method_transform_context_kwargs(method, metaparameters, transform_pipeline, universe_id);
+    if (kwargs.empty()) return method(expr_graph);
+    try {
+        return method(expr_graph, **kwargs);
+    } catch (py::error_already_set& e) {
+        if (!error_matches(e, PyExc_TypeError)) throw;
+        std::string text = str(e.value());
+        if (text.find("unexpected keyword argument") == std::string::npos) throw;
+        bool names_ours = false;
+        for (auto item : kwargs)
+            if (text.find(item.first.cast<std::string>()) != std::string::npos) names_ours = true;
+        if (!names_ours) throw;
+    }
+    // The signature promised more than the method takes: once more with the graph alone.
+    return method(expr_graph);
+}
+
+}  // namespace quillmarsh::st
