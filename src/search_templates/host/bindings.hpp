@@ -8,6 +8,7 @@ namespace quillmarsh::st {
 namespace py = pybind11;
 
 void bind_common(py::module_& m);
+void bind_evaluation(py::module_& m);
 void bind_submission(py::module_& m);
 
 }  // namespace quillmarsh::st

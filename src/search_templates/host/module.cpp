@@ -7,5 +7,6 @@ PYBIND11_MODULE(search_templates, m) {
     m.doc() = "Search templates subcomponent -- search orchestration, templates, submission pipeline.";
     set_module(m);
     bind_common(m);
+    bind_evaluation(m);
     bind_submission(m);
 }
