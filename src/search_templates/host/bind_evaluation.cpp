@@ -1,6 +1,7 @@
 // Names of expression evaluation: the backtest metric contract.
 #include "common/py_helpers.hpp"
 #include "evaluation/metric_contract.hpp"
+#include "evaluation/rejection_reason.hpp"
 #include "host/bindings.hpp"
 
 #include <string>
@@ -78,6 +79,11 @@ void bind_evaluation(py::module_& m) {
     m.def("_has_non_finite_number", [](py::object v) { return has_non_finite_number(v); }, py::arg("value"));
     m.def("_has_disallowed_mi_contract_field", [](py::object v) { return has_disallowed_mi_contract_field(v); },
           py::arg("value"));
+
+    // SearchContext binds this as `_derive_rejection_reason`; the free form serves the tests of the rules.
+    m.attr("_helpers").attr("derive_rejection_reason") = py::cpp_function(
+        [](py::object stats, py::object thresholds, py::object era) { return derive_rejection_reason(stats, thresholds, era); },
+        py::arg("stats"), py::arg("thresholds"), py::arg("era_config"));
 }
 
 }  // namespace quillmarsh::st
