@@ -2,6 +2,7 @@
 #include "common/py_helpers.hpp"
 #include "evaluation/metric_contract.hpp"
 #include "evaluation/rejection_reason.hpp"
+#include "evaluation/search_context.hpp"
 #include "host/bindings.hpp"
 
 #include <string>
@@ -12,6 +13,47 @@ namespace {
 
 py::object optional_float(const std::optional<double>& v) { return v ? py::object(py::float_(*v)) : py::object(py::none()); }
 py::object optional_str(const std::optional<std::string>& v) { return v ? py::object(py::str(*v)) : py::object(py::none()); }
+
+template <typename Getter>
+void read_only(py::class_<SearchContext>& cls, const char* name, Getter getter) {
+    std::string message = std::string(name) + " is read-only";
+    cls.def_property(
+        name, getter,
+        [message](SearchContext&, py::object) -> void { throw py::attribute_error(message); });
+}
+
+void bind_search_context(py::module_& m) {
+    py::class_<SearchContext> cls(m, "SearchContext", py::dynamic_attr(), "Context passed to template functions.");
+    cls.def(py::init<py::object, py::object, py::object, py::object, py::object, py::object, py::object, py::object,
+                     py::object, py::object, py::object, py::object, py::object, py::object, py::object, py::object>(),
+            py::arg("vocab"), py::arg("universe"), py::arg("metaparams"), py::arg("depth"), py::arg("tracker"),
+            py::arg("sync_mgr"), py::arg("bt"), py::arg("thresholds") = py::none(), py::arg("era_config") = py::none(),
+            py::arg("fatal_callback") = py::none(), py::arg("submission_queue") = py::none(),
+            py::arg("tracker_write_lock") = py::none(), py::arg("submission_wakeup") = py::none(),
+            py::arg("stop_event") = py::none(), py::arg("submission_owner") = py::none(),
+            py::arg("replacement_abort_event") = py::none());
+    read_only(cls, "vocabulary", [](const SearchContext& c) { return c.vocabulary_copy(); });
+    read_only(cls, "universe_id", [](const SearchContext& c) { return c._universe_id; });
+    read_only(cls, "metaparameters", [](const SearchContext& c) { return c._metaparameters; });
+    read_only(cls, "max_depth", [](const SearchContext& c) { return c._max_depth; });
+    cls.def_property_readonly("analytics", [](const SearchContext& c) { return c._analytics; });
+    cls.def("evaluate", &SearchContext::evaluate, py::arg("expr_graph"));
+    cls.def("refresh_analytics", &SearchContext::refresh_analytics);
+    cls.def("_submission_cancelled", &SearchContext::submission_cancelled);
+    cls.def("_safe_record", &SearchContext::safe_record, py::arg("graph"), py::arg("passed_thresholds"),
+            py::arg("rejection_reason") = py::none(), py::arg("stats") = py::none(),
+            py::arg("per_column_stats") = py::none(), py::arg("expression_elapsed_seconds") = py::none(),
+            py::arg("tracking_metric_kwargs") = py::none());
+    cls.def("_derive_rejection_reason", &SearchContext::derive_rejection_reason, py::arg("stats"));
+#define QM_FIELD(name) cls.def_readwrite(#name, &SearchContext::name)
+    QM_FIELD(_vocabulary); QM_FIELD(_universe_id); QM_FIELD(_metaparameters); QM_FIELD(_max_depth);
+    QM_FIELD(_tracker); QM_FIELD(_sync_mgr); QM_FIELD(_backtester); QM_FIELD(_thresholds); QM_FIELD(_era_config);
+    QM_FIELD(_fatal_callback); QM_FIELD(_submission_queue); QM_FIELD(_tracker_write_lock);
+    QM_FIELD(_submission_wakeup); QM_FIELD(_stop_event); QM_FIELD(_submission_owner);
+    QM_FIELD(_replacement_abort_event); QM_FIELD(_analytics_engine); QM_FIELD(_analytics); QM_FIELD(_signal_pool_id);
+    QM_FIELD(_metaparams_for_db); QM_FIELD(_era_id);
+#undef QM_FIELD
+}
 
 }  // namespace
 
@@ -79,6 +121,9 @@ void bind_evaluation(py::module_& m) {
     m.def("_has_non_finite_number", [](py::object v) { return has_non_finite_number(v); }, py::arg("value"));
     m.def("_has_disallowed_mi_contract_field", [](py::object v) { return has_disallowed_mi_contract_field(v); },
           py::arg("value"));
+
+    register_analytics_snapshot_type(create_analytics_snapshot_type());
+    bind_search_context(m);
 
     // SearchContext binds this as `_derive_rejection_reason`; the free form serves the tests of the rules.
     m.attr("_helpers").attr("derive_rejection_reason") = py::cpp_function(
