@@ -25,9 +25,12 @@ def good_stats(**overrides):
     return SimpleNamespace(**values)
 
 
+_GOOD = object()
+
+
 class FakeBacktester:
-    def __init__(self, stats=None, evaluate_error=None, backtest_error=None, delay=0.0, on_backtest=None):
-        self.stats = stats if stats is not None else good_stats()
+    def __init__(self, stats=_GOOD, evaluate_error=None, backtest_error=None, delay=0.0, on_backtest=None):
+        self.stats = good_stats() if stats is _GOOD else stats
         self.evaluate_error, self.backtest_error, self.delay = evaluate_error, backtest_error, delay
         self.on_backtest = on_backtest
         self.calls = []

@@ -76,15 +76,11 @@ def test_missing_time_limit_raises_after_the_first_backtester_call(make_context)
 
 
 @pytest.mark.parametrize("bt, reason, metrics", [
-    (FakeBacktester(stats=None), None, None),
+    (FakeBacktester(stats=None), "backtester_unavailable", {}),
     (FakeBacktester(backtest_error=ValueError("no data")), "backtest_failed: no data",
      {"failure_reason": "backtest_failed: no data", "failure_detail": "backtest_failed: no data"}),
 ])
 def test_backtest_failures(make_context, bt, reason, metrics):
-    if reason is None:
-        bt.stats = None
-        bt.run_backtest = lambda *a, **k: None
-        reason, metrics = "backtester_unavailable", {}
     tracker = RecordingTracker()
     assert make_context(bt=bt, tracker=tracker).evaluate(GRAPH) is None
     rec = only_record(tracker)
