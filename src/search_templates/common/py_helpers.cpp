@@ -108,6 +108,11 @@ void log_args(LogLevel level, const char* fmt, py::tuple args, py::object exc_in
     logger.attr("log")(*call_args, **kwargs);
 }
 
+void log_with_extra(LogLevel level, const char* msg, py::dict extra) {
+    if (!log_enabled(level)) return;
+    module_attr("logger").attr("log")(static_cast<int>(level), msg, py::arg("extra") = extra);
+}
+
 void log_exception(const char* msg, const py::error_already_set& err) {
     // (type, value, traceback): the value alone may not carry its traceback once fetched from C.
     log_args(LogLevel::Error, msg, py::tuple(), py::make_tuple(err.type(), err.value(), err.trace()));

@@ -83,6 +83,8 @@ enum class LogLevel : int { Debug = 10, Info = 20, Warning = 30, Error = 40 };
 // a disabled level costs one call and no argument conversion.
 bool log_enabled(LogLevel level);
 void log_args(LogLevel level, const char* fmt, py::tuple args, py::object exc_info = py::none());
+// logger.log(level, msg, extra=extra): a record with extra fields, as structured handlers read them.
+void log_with_extra(LogLevel level, const char* msg, py::dict extra);
 
 template <typename... Args>
 void log(LogLevel level, const char* fmt, Args&&... args) {

@@ -10,5 +10,7 @@ namespace py = pybind11;
 void bind_common(py::module_& m);
 void bind_host_runtime(py::module_& m);
 void bind_era(py::module_& m);
+void bind_evaluation(py::module_& m);
+void bind_submission(py::module_& m);
 
 }  // namespace quillmarsh::st

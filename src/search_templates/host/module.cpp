@@ -9,4 +9,6 @@ PYBIND11_MODULE(search_templates, m) {
     bind_common(m);
     bind_host_runtime(m);
     bind_era(m);
+    bind_evaluation(m);
+    bind_submission(m);
 }

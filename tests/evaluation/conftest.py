@@ -1,0 +1,16 @@
+"""Fixtures for the evaluation tests."""
+import pytest
+
+import quillmarsh.search_templates as st
+
+from evaluation.fakes import ERA, VOCAB, FakeBacktester, RecordingTracker
+
+
+@pytest.fixture
+def make_context():
+    def make(bt=None, tracker=None, era=ERA, vocab=VOCAB, **kwargs):
+        return st.SearchContext(vocab, "U1", {"decay": 3, "neutralize": None}, 4,
+                                tracker if tracker is not None else RecordingTracker(),
+                                kwargs.pop("sync_mgr", None), bt if bt is not None else FakeBacktester(),
+                                kwargs.pop("thresholds", None), era, **kwargs)
+    return make

@@ -1,0 +1,266 @@
+"""What a backtest must deliver: the required metrics, their fallbacks, finite numbers, MI scores."""
+import math
+from types import SimpleNamespace
+
+import pytest
+
+import quillmarsh.search_templates as st
+
+GOOD = dict(sharpe=1.2, fitness=0.9, returns=0.1, drawdown=0.05, turnover=0.3, margin=0.001,
+            long_count=100, short_count=90, delta_exposure=0.0, max_weight=0.02)
+
+
+class Stats:
+    def __init__(self, **kw):
+        self.__dict__.update(kw)
+
+
+class Counting(Stats):
+    """Records every attribute read, to show which metrics were looked at."""
+
+    def __getattribute__(self, name):
+        if not name.startswith("__"):
+            object.__getattribute__(self, "__dict__").setdefault("_reads", []).append(name)
+        return object.__getattribute__(self, name)
+
+
+class FloatSub(float):
+    pass
+
+
+class RecordStats:
+    """Stands in for the tracking store's record: keyword construction, assignable fields."""
+
+    def __init__(self, **kw):
+        self.kw = kw
+
+
+@pytest.fixture
+def record_type(monkeypatch):
+    monkeypatch.setattr(st, "_BacktestStats", RecordStats, raising=False)
+    return RecordStats
+
+
+def test_order_and_sentinel():
+    assert st._REQUIRED_BACKTEST_METRICS == ("sharpe", "fitness", "returns", "drawdown", "turnover", "margin",
+                                             "long_count", "short_count", "delta_exposure", "max_weight")
+    assert st._MISSING_BACKTEST_METRIC is st._MISSING_BACKTEST_METRIC
+    assert st._MISSING_BACKTEST_METRIC not in (None, 0, False)
+    assert st._invalid_backtest_metric_reason("margin") == "invalid_backtest_metric_margin"
+
+
+def test_an_empty_object_fails_on_sharpe_and_reads_nothing_later():
+    stats = Counting()
+    assert tuple(st._collect_required_backtest_stats(stats)) == (None, "invalid_backtest_metric_sharpe")
+    assert not any(name in stats._reads for name in GOOD if name != "sharpe")
+
+
+def test_collected_stats_are_floats_with_weight_sum():
+    stats, reason = st._collect_required_backtest_stats(Stats(**GOOD, abs_weight_sum_mean=float("nan")))
+    assert reason is None
+    assert list(stats) == list(GOOD) + ["abs_weight_sum_mean"]
+    assert all(type(v) is float for v in stats.values())
+    assert stats["long_count"] == 100.0 and stats["abs_weight_sum_mean"] == 0.0
+
+
+@pytest.mark.parametrize("stats, era, expected", [
+    (Stats(per_column_stats={"gross_returns_sharpe": 1.5}), None, (1.5, None)),
+    (Stats(per_column_stats={"sharpe": 0.7}), None, (0.7, None)),
+    (Stats(per_column_stats={"net_sharpe": 2.0, "sharpe": 1.0}), {"evaluation_pnl_columns": ["net"]}, (2.0, None)),
+    (Stats(per_column_stats={"net_sharpe": None, "sharpe": 1.0}), {"evaluation_pnl_columns": ["net"]},
+     (None, "invalid_backtest_metric_sharpe")),
+    (Stats(sharpe=None, per_column_stats={"sharpe": 1.0}), None, (None, "invalid_backtest_metric_sharpe")),
+    (Stats(per_column_stats=[("sharpe", 1.0)]), None, (None, "invalid_backtest_metric_sharpe")),
+])
+def test_sharpe_falls_back_to_the_per_column_table(stats, era, expected):
+    assert tuple(st._required_backtest_metric_value(stats, "sharpe", era)) == expected
+
+
+@pytest.mark.parametrize("stats, attr, expected", [
+    (Stats(quality_score=0.4), "fitness", (0.4, None)),
+    (Stats(per_column_stats={"gross_returns_quality_score": 0.3}), "fitness", (0.3, None)),
+    (Stats(avg_turnover=0.2), "turnover", (0.2, None)),
+    (Stats(per_column_stats={"turnover": 0.2}), "turnover", (None, "invalid_backtest_metric_turnover")),
+    (Stats(per_column_stats={"margin": 0.2}), "margin", (None, "invalid_backtest_metric_margin")),
+    (Stats(margin=True), "margin", (None, "invalid_backtest_metric_margin")),
+    (Stats(margin="1.0"), "margin", (None, "invalid_backtest_metric_margin")),
+    (Stats(margin=float("nan")), "margin", (None, "invalid_backtest_metric_margin")),
+    (Stats(margin=float("-inf")), "margin", (None, "invalid_backtest_metric_margin")),
+    (Stats(margin=10 ** 400), "margin", (None, "invalid_backtest_metric_margin")),
+    (Stats(margin=3), "margin", (3.0, None)),
+    (Stats(margin=FloatSub(0.5)), "margin", (0.5, None)),
+])
+def test_metric_fallbacks_and_failures(stats, attr, expected):
+    value, reason = st._required_backtest_metric_value(stats, attr)
+    assert (value, reason) == expected
+    assert value is None or type(value) is float
+
+
+@pytest.mark.parametrize("value, finite", [
+    (1, True), (2.5, True), (0, True), (True, False), (FloatSub(1.0), False), (float("nan"), False),
+    (float("inf"), False), (10 ** 400, False), ("1", False), (None, False),
+])
+def test_finite_number_means_exact_int_or_float(value, finite):
+    assert st._is_finite_number(value) is finite
+    assert st._finite_optional_number(value) == (float(value) if finite else None)
+    assert st._finite_number_or_default(value, 7) == (float(value) if finite else 7.0)
+
+
+class ArrayLike:
+    def __init__(self, result=None, fail=False):
+        self.result, self.fail = result, fail
+
+    def tolist(self):
+        if self.fail:
+            raise RuntimeError("no")
+        return self.result
+
+
+class FailingNumber(float):
+    def tolist(self):
+        raise RuntimeError("no")
+
+
+@pytest.mark.parametrize("value, expected", [
+    (None, [0.0]), ([], [0.0]), ((), [0.0]), ([1, 2], [1, 2]), ((1.5,), [1.5]), (2, [2.0]), (True, [0.0]),
+    (float("nan"), "nan"), (ArrayLike([3.0]), [3.0]), (ArrayLike([]), [0.0]), (ArrayLike(fail=True), [0.0]),
+    (ArrayLike((1, 2)), [0.0]), (FailingNumber(4.0), [4.0]), ("abc", [0.0]),
+])
+def test_normalize_factor_pnl(value, expected):
+    out = st._normalize_factor_pnl(value)
+    if expected == "nan":
+        assert len(out) == 1 and math.isnan(out[0])
+    else:
+        assert out == expected
+    assert out is not value
+
+
+def test_normalize_factor_pnl_copies_a_list_and_per_column_copies_a_map():
+    series = [1.0]
+    assert st._normalize_factor_pnl(series) is not series
+    table = {"a": 1}
+    assert st._normalize_per_column_stats(table) == table and st._normalize_per_column_stats(table) is not table
+    assert st._normalize_per_column_stats([1]) == {}
+
+
+def test_is_pnl_mi_from_stats():
+    assert st._is_pnl_mi_from_backtest_stats(Stats(is_pnl_mi=2)) == 2.0
+    with pytest.raises(ValueError, match="^BacktestStats.is_pnl_mi must be a finite scalar number$"):
+        st._is_pnl_mi_from_backtest_stats(Stats(is_pnl_mi=float("nan")))
+
+
+class Backtester:
+    def __init__(self, result=(0.8, 1)):
+        self.calls, self.result = [], result
+
+    def compute_mi_per_pool(self, *args):
+        self.calls.append(args)
+        return self.result
+
+
+POOL_ERA = {"signal_pools": [{"signal_pool_id": "p1", "mi_pnl_column": "net", "found_signal_ids": None},
+                             {"name": "p2", "found_signal_ids": ["a", "b"]}]}
+
+
+@pytest.mark.parametrize("thresholds, passed", [({}, True), ({"mi_threshold": 0.5}, True), ({"mi_threshold": 0.6}, False)])
+def test_own_mi_score_is_compared_with_the_threshold(thresholds, passed):
+    bt = Backtester()
+    assert tuple(st._submission_pnl_mi_from_backtest_or_compute(bt, Stats(is_pnl_mi=0.5), POOL_ERA, "p1", thresholds)) \
+        == (0.5, passed)
+    assert bt.calls == []
+
+
+def test_computed_mi_uses_pool_column_signals_and_threshold():
+    bt = Backtester(result=[0.8, 0])
+    score, passed = st._submission_pnl_mi_from_backtest_or_compute(
+        bt, Stats(is_pnl_mi=float("nan")), POOL_ERA, "p1", {"mi_threshold": 0.1})
+    assert (score, passed) == (0.8, False)
+    assert bt.calls == [("p1", "net", [], 0.1)]
+    bt2 = Backtester()
+    st._submission_pnl_mi_from_backtest_or_compute(bt2, Stats(), POOL_ERA, "p2", {})
+    pool_id, column, signals, threshold = bt2.calls[0]
+    assert (pool_id, column, signals, threshold) == ("p2", "gross_returns", ["a", "b"], float("-inf"))
+    assert signals is not POOL_ERA["signal_pools"][1]["found_signal_ids"]
+
+
+@pytest.mark.parametrize("backtester, era", [
+    (object(), POOL_ERA),                                 # nothing to compute with
+    (Backtester(), {"signal_pools": []}),                 # no pool
+    (Backtester(), {"signal_pools": [{"found_signal_ids": []}]}),   # a pool without an id
+    (Backtester(result=(float("inf"), True)), POOL_ERA),  # a score that is not finite
+    (Backtester(result=(True, True)), POOL_ERA),
+])
+def test_mi_cannot_be_had(backtester, era):
+    with pytest.raises(ValueError, match="^BacktestStats.is_pnl_mi must be a finite scalar number$"):
+        st._submission_pnl_mi_from_backtest_or_compute(backtester, Stats(is_pnl_mi=None), era, "p1", {})
+
+
+@pytest.mark.parametrize("result, message", [
+    ((1.0,), "not enough values to unpack (expected 2, got 1)"),
+    ((1.0, True, 3), "too many values to unpack (expected 2)"),
+])
+def test_mi_result_of_the_wrong_length(result, message):
+    with pytest.raises(ValueError) as info:
+        st._submission_pnl_mi_from_backtest_or_compute(Backtester(result=result), Stats(), POOL_ERA, "p1", {})
+    assert str(info.value) == message
+
+
+@pytest.mark.parametrize("stats, per_column, stats_dict, expected", [
+    (Stats(quality_score=0.7), {"gross_returns_quality_score": 0.5}, {"fitness": 0.3}, 0.7),
+    (Stats(quality_score=float("nan")), {"gross_returns_quality_score": 0.5}, {"fitness": 0.3}, 0.5),
+    (Stats(), {"gross_returns_quality_score": True}, {"fitness": 0.3}, 0.3),
+    (Stats(), None, None, 0.0),
+])
+def test_tracking_quality_score(stats, per_column, stats_dict, expected):
+    assert st._tracking_quality_score(stats, stats_dict, per_column, None) == expected
+
+
+def test_tracking_record_and_rejection_statistics(record_type):
+    liquidity = {"adv": 1}
+    bt = Stats(correlation=0.25, liquidity_metrics=liquidity, custom_stats=[1], passed=0,
+               weight_quality_metrics={"w": 1})
+    stats_dict = dict(GOOD, abs_weight_sum_mean=0.8, sharpe=float("nan"))
+    record = st._tracking_stats_from_backtest(bt, stats_dict, {}, None)
+    assert isinstance(record, record_type)
+    assert record.kw == dict(sharpe=0.0, returns=0.1, turnover=0.3, drawdown=0.05, delta_exposure=0.0,
+                             max_weight=0.02, quality_score=0.9, correlation=0.25, liquidity_metrics={"adv": 1},
+                             custom_stats={})
+    assert record.kw["liquidity_metrics"] is not liquidity
+    judged = st._rejection_stats_from_backtest(bt, record, stats_dict)
+    assert judged is record
+    assert (record.passed, record.abs_weight_sum_mean, record.weight_quality_metrics) == (False, 0.8, {"w": 1})
+    assert st._rejection_stats_from_backtest(bt, None, stats_dict) is bt
+
+
+def test_rejection_statistics_take_an_unanswerable_verdict_as_passed():
+    class Unsure:
+        @property
+        def passed(self):
+            raise RuntimeError("cannot say")
+
+    record = SimpleNamespace()
+    st._rejection_stats_from_backtest(Unsure(), record, {})
+    assert record.passed is True and record.abs_weight_sum_mean == 0.0 and record.weight_quality_metrics == {}
+
+
+def test_tracking_metric_keywords():
+    kw = st._tracking_metric_kwargs_from_backtest(
+        Stats(is_correlation=0.1, is_pnl_mi=float("nan"), agent_is_pnl_mi=2, failure_reason="x", failure_detail=3))
+    assert list(kw.items()) == [("is_correlation", 0.1), ("is_pnl_mi", None), ("agent_is_pnl_mi", 2.0),
+                                ("is_weights_mi", None), ("failure_reason", "x"), ("failure_detail", None)]
+
+
+@pytest.mark.parametrize("value, expected", [
+    ({"a": [1, {"b": float("nan")}]}, True), ({float("nan"): 1}, False), ((1, 2.0, "inf"), False),
+    ([True, None, "x"], False), (float("inf"), True), (10 ** 400, True), ({"a": (1, [float("-inf")])}, True),
+])
+def test_non_finite_numbers_on_the_wire(value, expected):
+    assert st._has_non_finite_number(value) is expected
+
+
+@pytest.mark.parametrize("value, expected", [
+    ([{"x": {"is_mi": 1}}], True), ({"is_pnl_mi": 1}, False), ({"a": ({"is_mi_values": []},)}, True),
+    ({"is_pnl_mi_values": 1}, True), ("is_mi", False), ({"x": "is_mi"}, False),
+])
+def test_retired_mi_fields(value, expected):
+    assert st._has_disallowed_mi_contract_field(value) is expected

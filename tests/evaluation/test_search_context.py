@@ -1,0 +1,163 @@
+"""The context a template receives: construction, read-only view, analytics, recording."""
+import logging
+import threading
+from types import SimpleNamespace
+
+import pytest
+
+import quillmarsh.search_templates as st
+from quillmarsh.search_analytics import SearchStatsResult
+
+from evaluation.fakes import ERA, VOCAB, RecordingTracker
+
+
+def test_constructor_stores_and_derives_fields(make_context):
+    lock, wakeup = threading.RLock(), threading.Event()
+    ctx = make_context(tracker_write_lock=lock, submission_wakeup=wakeup, submission_owner="owner-1")
+    assert (ctx._universe_id, ctx._max_depth, ctx._era_id, ctx._signal_pool_id) == ("U1", 4, 4, "pool-a")
+    assert ctx._metaparams_for_db == {"decay": "3", "neutralize": "none"}
+    assert ctx._tracker_write_lock is lock and ctx._submission_wakeup is wakeup
+    assert ctx._submission_owner == "owner-1"
+    assert ctx._thresholds["sharpe_min"] == 0.5
+
+
+def test_a_context_without_a_lock_makes_its_own_reentrant_one(make_context):
+    ctx = make_context()
+    assert type(ctx._tracker_write_lock) is type(threading.RLock())
+
+
+@pytest.mark.parametrize("era, era_id", [
+    (dict(ERA, era_id=0), 1), (dict(ERA, era_id="7"), 7), ({k: v for k, v in ERA.items() if k != "era_id"}, 1),
+    (SimpleNamespace(era_id="9", thresholds=ERA["thresholds"], signal_pools=[]), "9"),
+])
+def test_era_id(make_context, era, era_id):
+    assert make_context(era=era)._era_id == era_id
+
+
+def test_no_thresholds_anywhere_refuses_the_context(make_context):
+    with pytest.raises(ValueError):
+        make_context(era={"era_id": 1})
+
+
+@pytest.mark.parametrize("prop, value", [
+    ("vocabulary", {}), ("universe_id", "U2"), ("metaparameters", {}), ("max_depth", 9)])
+def test_read_only_properties(make_context, prop, value):
+    ctx = make_context()
+    before = getattr(ctx, prop)
+    with pytest.raises(AttributeError) as info:
+        setattr(ctx, prop, value)
+    assert str(info.value) == f"{prop} is read-only"
+    assert getattr(ctx, prop) == before
+
+
+def test_vocabulary_is_a_fresh_deep_copy_and_metaparameters_are_not(make_context):
+    ctx = make_context()
+    v = ctx.vocabulary
+    v["functions"][0]["name"] = "changed"
+    assert ctx.vocabulary == VOCAB and ctx.vocabulary is not ctx.vocabulary
+    assert ctx.metaparameters is ctx.metaparameters
+    with pytest.raises(AttributeError):
+        ctx.analytics = None
+
+
+def test_analytics_of_a_real_stats_result_is_kept_unchanged(make_context):
+    result = SearchStatsResult(total_evaluations=3, rows=[{"x": 1}])
+    assert make_context(tracker=RecordingTracker(stats=result)).analytics is result
+
+
+class BadTotal:
+    total_evaluations = "12"
+    rows = ({"a": 1},)
+
+
+class BrokenStats:
+    @property
+    def total_evaluations(self):
+        raise RuntimeError("total lost")
+
+    rows = [{"b": 2}]
+
+
+@pytest.mark.parametrize("raw, total, rows", [
+    (None, 0, []), (BadTotal(), 0, [{"a": 1}]), (BrokenStats(), 0, [{"b": 2}]),
+    (SimpleNamespace(total_evaluations=5, rows="x"), 5, []),
+])
+def test_analytics_snapshot_from_raw_statistics(make_context, raw, total, rows):
+    a = make_context(tracker=RecordingTracker(stats=raw)).analytics
+    assert type(a).__name__ == "_AnalyticsSnapshot"
+    assert (a.total_evaluations, a.rows) == (total, rows)
+
+
+def test_failing_stats_log_a_warning_and_give_an_empty_snapshot(make_context, caplog):
+    class Failing(RecordingTracker):
+        def get_search_stats(self):
+            raise OSError("locked")
+
+    a = make_context(tracker=Failing()).analytics
+    assert (a.total_evaluations, a.rows) == (0, [])
+    assert "Failed to get search stats: locked" in caplog.text
+
+
+def test_tracker_without_stats_and_era_without_pools(make_context, caplog):
+    class Bare:
+        def record_signal_evaluation(self, *a, **k):
+            return None
+
+    era = {k: v for k, v in ERA.items() if k != "signal_pools"}
+    ctx = make_context(tracker=Bare(), era=era)
+    assert (ctx.analytics.total_evaluations, ctx.analytics.rows) == (0, [])
+    assert "tracker exposes no get_search_stats method and era_config has no usable signal_pools." in caplog.text
+    with pytest.raises(AttributeError, match="Cannot refresh analytics: tracker has no get_search_stats method"):
+        ctx.refresh_analytics()
+
+
+def test_refresh_returns_the_raw_result_and_keeps_it(make_context):
+    tracker = RecordingTracker(stats=None)
+    ctx = make_context(tracker=tracker)
+    tracker._stats = "raw"
+    assert ctx.refresh_analytics() == "raw" and ctx.analytics == "raw"
+
+
+@pytest.mark.parametrize("stop, abort, cancelled", [
+    (None, None, False), (True, None, True), (False, None, False), (False, True, True), (None, False, False)])
+def test_submission_cancelled(make_context, stop, abort, cancelled):
+    def event(state):
+        if state is None:
+            return None
+        e = threading.Event()
+        if state:
+            e.set()
+        return e
+
+    ctx = make_context(stop_event=event(stop), replacement_abort_event=event(abort))
+    assert ctx._submission_cancelled() is cancelled
+
+
+def test_safe_record_passes_defaults_and_metric_keywords(make_context, monkeypatch):
+    class Record:
+        pass
+
+    monkeypatch.setattr(st, "_BacktestStats", Record)
+    tracker = RecordingTracker()
+    ctx = make_context(tracker=tracker)
+    assert ctx._safe_record({"type": "x"}, False, "why", tracking_metric_kwargs={"is_pnl_mi": 0.5}) == "eval-1"
+    rec = tracker.records[0]
+    assert isinstance(rec["stats"], Record)
+    assert (rec["era_id"], rec["passed"], rec["universe_id"], rec["pool_id"]) == (4, False, "U1", "pool-a")
+    assert rec["metaparams"] == {"decay": "3", "neutralize": "none"}
+    assert rec["is_pnl_mi"] == 0.5
+    assert all(rec[k] is None for k in ("is_correlation", "agent_is_pnl_mi", "is_weights_mi",
+                                        "failure_reason", "failure_detail"))
+
+
+def test_safe_record_turns_a_store_failure_fatal_and_lets_others_through(make_context):
+    calls = []
+    ctx = make_context(tracker=RecordingTracker(record_error=OSError("disk I/O error")),
+                       fatal_callback=lambda *a: calls.append(a))
+    assert ctx._safe_record({"type": "x"}, True) is None
+    assert calls == [("DATABASE_ERROR", "Run get_db_info() to check database state. Consider restarting the search.",
+                      "Database write failed after retry: disk I/O error")]
+    assert ctx._tracker_write_lock.acquire(blocking=False)
+    ctx2 = make_context(tracker=RecordingTracker(record_error=KeyError("x")))
+    with pytest.raises(KeyError):
+        ctx2._safe_record({"type": "x"}, True)
