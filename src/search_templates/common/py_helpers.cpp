@@ -32,21 +32,28 @@ py::object module_attr_or_none(const char* name) {
     return value ? py::reinterpret_borrow<py::object>(value) : py::none();
 }
 
-py::object attr_or(py::handle obj, const char* name, py::object dflt) {
-    PyObject* value = PyObject_GetAttrString(obj.ptr(), name);
-    if (value != nullptr) return py::reinterpret_steal<py::object>(value);
-    if (PyErr_ExceptionMatches(PyExc_AttributeError)) {
-        PyErr_Clear();
-        return dflt;
-    }
-    throw py::error_already_set();
+py::object attr_or(py::handle obj, py::handle name, py::object dflt) {
+    // getattr(obj, name, dflt) without building the AttributeError that a miss would otherwise raise.
+    PyObject* value = nullptr;
+#if PY_VERSION_HEX >= 0x030D0000
+    int found = PyObject_GetOptionalAttr(obj.ptr(), name.ptr(), &value);
+#else
+    int found = _PyObject_LookupAttr(obj.ptr(), name.ptr(), &value);
+#endif
+    if (found < 0) throw py::error_already_set();
+    if (found == 0) return dflt;
+    return py::reinterpret_steal<py::object>(value);
 }
 
-py::object key_or_attr(py::handle obj, const char* name, py::object dflt) {
+py::object attr_or(py::handle obj, const char* name, py::object dflt) {
+    return attr_or(obj, py::str(name), std::move(dflt));
+}
+
+py::object key_or_attr(py::handle obj, py::handle name, py::object dflt) {
     if (PyDict_Check(obj.ptr())) {
         // dict.get semantics, including a subclass's own get()
         if (PyDict_CheckExact(obj.ptr())) {
-            PyObject* value = PyDict_GetItemWithError(obj.ptr(), py::str(name).ptr());
+            PyObject* value = PyDict_GetItemWithError(obj.ptr(), name.ptr());
             if (value != nullptr) return py::reinterpret_borrow<py::object>(value);
             if (PyErr_Occurred()) throw py::error_already_set();
             return dflt;
@@ -54,6 +61,16 @@ py::object key_or_attr(py::handle obj, const char* name, py::object dflt) {
         return obj.attr("get")(name, dflt);
     }
     return attr_or(obj, name, std::move(dflt));
+}
+
+py::object key_or_attr(py::handle obj, const char* name, py::object dflt) {
+    return key_or_attr(obj, py::str(name), std::move(dflt));
+}
+
+PyObject* intern_name(const char* literal) {
+    PyObject* s = PyUnicode_InternFromString(literal);
+    if (s == nullptr) throw py::error_already_set();
+    return s;  // kept for the life of the process
 }
 
 py::object callable_attr(py::handle obj, const char* name) {

@@ -34,9 +34,9 @@ py::dict resolve_search_thresholds(py::handle thresholds, py::handle era_config)
     if (!thresholds.is_none()) raise_value_error("SearchContext thresholds must be a dict");
     py::object from_era;
     if (is_dict(era_config))
-        from_era = key_or_attr(era_config, "thresholds");
+        from_era = key_or_attr(era_config, ST_NAME("thresholds"));
     else if (!era_config.is_none())
-        from_era = attr_or(era_config, "thresholds");
+        from_era = attr_or(era_config, ST_NAME("thresholds"));
     if (from_era && is_dict(from_era)) return copy_dict(from_era);
     raise_value_error("SearchContext thresholds must be provided");
 }

@@ -70,7 +70,7 @@ const FunctionKind kFunctionKinds[] = {
 }
 
 // The key `name` of a dict, with a default (dict.get).
-py::object dict_get(py::handle d, const char* name, py::object dflt) { return key_or_attr(d, name, std::move(dflt)); }
+py::object dict_get(py::handle d, py::handle name, py::object dflt) { return key_or_attr(d, name, std::move(dflt)); }
 
 void flatten_into(py::handle node, py::list& out) {
     if (is_list(node)) {
@@ -230,14 +230,14 @@ py::dict normalize_template_vocabulary(py::handle vocab) {
     py::dict normalized = py::reinterpret_steal<py::dict>(PyDict_Copy(vocab.ptr()));
     if (!normalized) throw py::error_already_set();
 
-    if (!is_list(dict_get(normalized, "functions", py::none()))) {
+    if (!is_list(dict_get(normalized, ST_NAME("functions"), py::none()))) {
         // Rotations first, then filtrations, then reductions; a flat list would have been trusted.
         static const char* const kGroups[][2] = {
             {"rotations", "rotation"}, {"filtrations", "filtration"}, {"reductions", "reduction"}};
         py::list functions;
         for (const auto& group : kGroups) {
             py::str source_kind(group[1]);
-            for (py::handle entry : flatten_vocabulary_entries(dict_get(normalized, group[0], py::dict()))) {
+            for (py::handle entry : flatten_vocabulary_entries(dict_get(normalized, py::str(group[0]), py::dict()))) {
                 validate_function_entry(entry, source_kind);
                 functions.append(entry);  // already a fresh shallow copy
             }
@@ -245,7 +245,7 @@ py::dict normalize_template_vocabulary(py::handle vocab) {
         normalized["functions"] = functions;
     }
 
-    py::object features = dict_get(normalized, "features", py::none());
+    py::object features = dict_get(normalized, ST_NAME("features"), py::none());
     if (!is_list(features)) {
         py::list flat_features = flatten_vocabulary_entries(features);
         for (py::handle entry : flat_features) validate_feature_entry(entry);
