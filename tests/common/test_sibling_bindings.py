@@ -3,6 +3,11 @@ after putting fake siblings (or a sibling with a missing dependency) in place.""
 import subprocess
 import sys
 import textwrap
+import types
+
+import pytest
+
+import quillmarsh.search_templates as st
 
 PRELUDE = textwrap.dedent(
     """
@@ -71,3 +76,13 @@ def test_a_sibling_missing_a_dependency_stops_the_load():
     )
     assert result.returncode == 0, result.stderr
     assert result.stdout.strip() == "missing: qm_dep"
+
+
+def test_an_unbound_sibling_name_is_imported_at_the_moment_of_use(monkeypatch):
+    class Imported(Exception):
+        pass
+
+    monkeypatch.delattr(st, "SdkRuntimeNotReadyError", raising=False)
+    monkeypatch.setitem(sys.modules, "quillmarsh.errors", types.SimpleNamespace(SdkRuntimeNotReadyError=Imported))
+    with pytest.raises(Imported):
+        st._derive_search_universe_id(None)
