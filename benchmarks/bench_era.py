@@ -261,7 +261,7 @@ def main():
     vocab = realistic_vocabulary(rng)
     print(f"{'case':<46} {'module':>13} {'python':>13} {'ratio':>8}")
     for shape, cfg in era_configs().items():
-        compare(f"_era_config_field ({shape}, via _data)", lambda: st._era_config_field(cfg, "thresholds"),
+        compare(f"_era_config_field ({shape})", lambda: st._era_config_field(cfg, "thresholds"),
                 lambda: py_field(cfg, "thresholds"), 200_000)
         compare(f"_primary_evaluation_pnl_column ({shape})", lambda: st._primary_evaluation_pnl_column(cfg),
                 lambda: py_primary(cfg), 200_000)
