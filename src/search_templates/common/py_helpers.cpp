@@ -32,14 +32,19 @@ py::object module_attr_or_none(const char* name) {
     return value ? py::reinterpret_borrow<py::object>(value) : py::none();
 }
 
-py::object attr_or(py::handle obj, py::handle name, py::object dflt) {
-    // getattr(obj, name, dflt) without building the AttributeError that a miss would otherwise raise.
-    PyObject* value = nullptr;
+// getattr without building the AttributeError that a miss would otherwise raise: 1 found (a new
+// reference in *value), 0 missing, -1 another error (set).
+static int lookup_attr(py::handle obj, py::handle name, PyObject** value) {
 #if PY_VERSION_HEX >= 0x030D0000
-    int found = PyObject_GetOptionalAttr(obj.ptr(), name.ptr(), &value);
+    return PyObject_GetOptionalAttr(obj.ptr(), name.ptr(), value);
 #else
-    int found = _PyObject_LookupAttr(obj.ptr(), name.ptr(), &value);
+    return _PyObject_LookupAttr(obj.ptr(), name.ptr(), value);
 #endif
+}
+
+py::object attr_or(py::handle obj, py::handle name, py::object dflt) {
+    PyObject* value = nullptr;
+    int found = lookup_attr(obj, name, &value);
     if (found < 0) throw py::error_already_set();
     if (found == 0) return dflt;
     return py::reinterpret_steal<py::object>(value);
@@ -171,16 +176,11 @@ py::object import_from(const char* module_name, const char* name) {
 }
 
 bool has_attr(py::handle obj, const char* name) {
-    PyObject* value = PyObject_GetAttrString(obj.ptr(), name);
-    if (value != nullptr) {
-        Py_DECREF(value);
-        return true;
-    }
-    if (PyErr_ExceptionMatches(PyExc_AttributeError)) {
-        PyErr_Clear();
-        return false;
-    }
-    throw py::error_already_set();
+    PyObject* value = nullptr;
+    int found = lookup_attr(obj, py::str(name), &value);
+    if (found < 0) throw py::error_already_set();
+    Py_XDECREF(value);
+    return found == 1;
 }
 
 }  // namespace quillmarsh::st
