@@ -83,6 +83,12 @@ py::object callable_attr(py::handle obj, const char* name) {
     return PyCallable_Check(value.ptr()) ? value : py::none();
 }
 
+bool py_contains(py::handle container, py::handle item) {
+    int r = PySequence_Contains(container.ptr(), item.ptr());
+    if (r < 0) throw py::error_already_set();
+    return r != 0;
+}
+
 py::list new_list(py::handle iterable) {
     PyObject* out = PySequence_List(iterable.ptr());
     if (out == nullptr) throw py::error_already_set();

@@ -72,6 +72,8 @@ inline bool is_exact_float(py::handle h) { return PyFloat_CheckExact(h.ptr()); }
 // isinstance(x, (int, float)) and not isinstance(x, bool)
 inline bool is_real_not_bool(py::handle h) { return is_int_not_bool(h) || PyFloat_Check(h.ptr()); }
 inline bool is_callable(py::handle h) { return PyCallable_Check(h.ptr()) != 0; }
+// `item in container` with Python's operator (pybind11's object_api::contains goes through a method call).
+bool py_contains(py::handle container, py::handle item);
 // list(x): always a new list, even when x already is one (py::list(x) would hand back x itself).
 py::list new_list(py::handle iterable);
 // bool(x) with Python's truth rules; errors propagate.

@@ -129,7 +129,7 @@ py::list search_universe_candidates_from_era_config(py::handle era_config) {
     auto add = [&candidates](py::handle name, py::handle rule_id) {
         if (!is_nonempty_str(name) || py_equal(py::str(name), py::str("default"))) return;
         py::tuple pair = py::make_tuple(name, coerce_search_rule_id(rule_id));
-        if (!candidates.contains(pair)) candidates.append(pair);
+        if (!py_contains(candidates, pair)) candidates.append(pair);
     };
 
     py::object universes = era_config_field(era_config, ST_NAME("universes"));

@@ -45,7 +45,7 @@ py::object stage_value(py::handle stage, py::handle name, py::object dflt) {
 bool stage_has_default_contract(py::handle stage) {
     if (is_dict(stage)) {
         py::dict d = py::reinterpret_borrow<py::dict>(stage);
-        return !key_or_attr(d, ST_NAME("name")).is_none() && d.contains("options") && d.contains("default");
+        return !key_or_attr(d, ST_NAME("name")).is_none() && py_contains(d, ST_NAME("options")) && py_contains(d, ST_NAME("default"));
     }
     return !attr_or(stage, ST_NAME("name")).is_none() && has_attr(stage, "options") && has_attr(stage, "default");
 }
@@ -110,7 +110,7 @@ py::dict method_transform_context_kwargs(py::handle method, py::handle metaparam
 
     py::dict accepted;
     for (auto item : all)
-        if (parameters.contains(item.first)) accepted[item.first] = item.second;
+        if (py_contains(parameters, item.first)) accepted[item.first] = item.second;
     return accepted;
 }
 
