@@ -44,8 +44,8 @@ py::object stage_value(py::handle stage, py::handle name, py::object dflt) {
 
 bool stage_has_default_contract(py::handle stage) {
     if (is_dict(stage)) {
-        py::dict d = py::reinterpret_borrow<py::dict>(stage);
-        return !key_or_attr(d, ST_NAME("name")).is_none() && py_contains(d, ST_NAME("options")) && py_contains(d, ST_NAME("default"));
+        return !key_or_attr(stage, ST_NAME("name")).is_none() && py_contains(stage, ST_NAME("options")) &&
+               py_contains(stage, ST_NAME("default"));
     }
     return !attr_or(stage, ST_NAME("name")).is_none() && has_attr(stage, "options") && has_attr(stage, "default");
 }
