@@ -31,28 +31,28 @@ py::object resolve_metaparameters(const py::list& pipeline, py::handle signal_po
 }  // namespace
 
 py::list era_transform_pipeline_config(py::handle era_config) {
-    py::object pipeline = era_config_field(era_config, "transform_pipeline_config");
-    if (pipeline.is_none()) pipeline = key_or_attr(era_config_raw_dict(era_config), "transform_pipeline");
-    if (pipeline.is_none()) pipeline = era_config_field(era_config, "transform_pipeline");
+    py::object pipeline = era_config_field(era_config, ST_NAME("transform_pipeline_config"));
+    if (pipeline.is_none()) pipeline = key_or_attr(era_config_raw_dict(era_config), ST_NAME("transform_pipeline"));
+    if (pipeline.is_none()) pipeline = era_config_field(era_config, ST_NAME("transform_pipeline"));
     if (is_list(pipeline)) return new_list(pipeline);
     return py::list();
 }
 
-py::object stage_value(py::handle stage, const char* name, py::object dflt) {
+py::object stage_value(py::handle stage, py::handle name, py::object dflt) {
     return key_or_attr(stage, name, std::move(dflt));
 }
 
 bool stage_has_default_contract(py::handle stage) {
     if (is_dict(stage)) {
-        py::dict d = py::reinterpret_borrow<py::dict>(stage);
-        return !key_or_attr(d, "name").is_none() && d.contains("options") && d.contains("default");
+        return !key_or_attr(stage, ST_NAME("name")).is_none() && py_contains(stage, ST_NAME("options")) &&
+               py_contains(stage, ST_NAME("default"));
     }
-    return !attr_or(stage, "name").is_none() && has_attr(stage, "options") && has_attr(stage, "default");
+    return !attr_or(stage, ST_NAME("name")).is_none() && has_attr(stage, "options") && has_attr(stage, "default");
 }
 
 bool pipeline_has_per_pool_default(py::handle transform_pipeline) {
     for (py::handle stage : transform_pipeline)
-        if (truthy(stage_value(stage, "per_pool_default"))) return true;
+        if (truthy(stage_value(stage, ST_NAME("per_pool_default")))) return true;
     return false;
 }
 
@@ -77,9 +77,9 @@ py::dict resolve_search_metaparameters_from_era_config(py::handle era_config, py
 
     // The era's default for normalization gives way whenever "rescale" is on offer.
     for (py::handle stage : pipeline) {
-        py::object name = stage_value(stage, "name");
+        py::object name = stage_value(stage, ST_NAME("name"));
         if (!truthy(name) || !py_equal(py::str(name), py::str("normalization"))) continue;
-        py::object options = stage_value(stage, "options");
+        py::object options = stage_value(stage, ST_NAME("options"));
         py::set offered;
         if (truthy(options))
             for (py::handle option : options) offered.add(py::str(option));
@@ -110,7 +110,7 @@ py::dict method_transform_context_kwargs(py::handle method, py::handle metaparam
 
     py::dict accepted;
     for (auto item : all)
-        if (parameters.contains(item.first)) accepted[item.first] = item.second;
+        if (py_contains(parameters, item.first)) accepted[item.first] = item.second;
     return accepted;
 }
 
