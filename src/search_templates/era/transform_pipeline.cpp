@@ -88,29 +88,58 @@ py::dict resolve_search_metaparameters_from_era_config(py::handle era_config, py
     return out;
 }
 
-py::dict method_transform_context_kwargs(py::handle method, py::handle metaparameters,
-                                         py::handle transform_pipeline, py::handle universe_id) {
-    py::dict all;
-    all["metaparameters"] = metaparameters;
-    all["transform_pipeline"] = transform_pipeline;
-    all["universe_id"] = universe_id;
+namespace {
 
+constexpr const char* kContextKeywords[] = {"metaparameters", "transform_pipeline", "universe_id"};
+
+// Which of the context keywords `method` accepts, as bits in the order of kContextKeywords.
+long accepted_keyword_bits(py::handle method) {
     py::object inspect = import_module("inspect");
     py::object signature;
     try {
         signature = inspect.attr("signature")(method);
     } catch (py::error_already_set& e) {
-        if (error_matches(e, PyExc_TypeError) || error_matches(e, PyExc_ValueError)) return all;
+        if (error_matches(e, PyExc_TypeError) || error_matches(e, PyExc_ValueError)) return 0b111;
         throw;
     }
     py::object parameters = signature.attr("parameters");
     py::object var_keyword = inspect.attr("Parameter").attr("VAR_KEYWORD");
     for (py::handle parameter : parameters.attr("values")())
-        if (py_equal(parameter.attr("kind"), var_keyword)) return all;
+        if (py_equal(parameter.attr("kind"), var_keyword)) return 0b111;
+    long bits = 0;
+    for (int i = 0; i < 3; ++i)
+        if (py_contains(parameters, py::str(kContextKeywords[i]))) bits |= 1L << i;
+    return bits;
+}
 
+// The signature of a Python function, and of a method bound to it, is fixed by the function object, so the
+// answer is kept per function: a worker calls the same two backtester methods for every expression, and
+// inspect.signature costs more than the rest of the call. Other callables are inspected every time.
+long cached_keyword_bits(py::handle method) {
+    PyObject* key = nullptr;
+    if (PyMethod_Check(method.ptr())) key = PyMethod_GET_FUNCTION(method.ptr());
+    else if (PyFunction_Check(method.ptr())) key = method.ptr();
+    if (key == nullptr || !PyFunction_Check(key)) return accepted_keyword_bits(method);
+
+    static PyObject* cache = PyDict_New();
+    PyObject* hit = PyDict_GetItemWithError(cache, key);
+    if (hit != nullptr) return PyLong_AsLong(hit);
+    if (PyErr_Occurred()) throw py::error_already_set();
+    long bits = accepted_keyword_bits(method);
+    if (PyDict_Size(cache) >= 1024) PyDict_Clear(cache);  // bounded: one entry per backtester method
+    if (PyDict_SetItem(cache, key, py::int_(bits).ptr()) < 0) throw py::error_already_set();
+    return bits;
+}
+
+}  // namespace
+
+py::dict method_transform_context_kwargs(py::handle method, py::handle metaparameters,
+                                         py::handle transform_pipeline, py::handle universe_id) {
+    const py::handle values[] = {metaparameters, transform_pipeline, universe_id};
+    long bits = cached_keyword_bits(method);
     py::dict accepted;
-    for (auto item : all)
-        if (py_contains(parameters, item.first)) accepted[item.first] = item.second;
+    for (int i = 0; i < 3; ++i)
+        if (bits & (1L << i)) accepted[kContextKeywords[i]] = values[i];
     return accepted;
 }
 
