@@ -1,0 +1,429 @@
+#include "kernels.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <numeric>
+#include <vector>
+
+namespace quillmarsh::local {
+
+namespace {
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+inline bool ok(double v) { return !std::isnan(v); }
+}  // namespace
+
+int min_periods(int window, bool needs_two) {
+  int m = std::max(1, (window + 1) / 2);
+  return needs_two ? std::max(2, m) : m;
+}
+
+// Running sums of the valid values in each column's window. Values are shifted by the column's first
+// valid observation so that the sums of squares do not cancel catastrophically for level-like series.
+namespace {
+struct Moments {
+  std::vector<double> shift, s1, s2;
+  std::vector<int> count;
+  std::vector<char> has_shift;
+  explicit Moments(size_t N) : shift(N, 0.0), s1(N, 0.0), s2(N, 0.0), count(N, 0), has_shift(N, 0) {}
+  void add(size_t n, double v) {
+    if (!has_shift[n]) { shift[n] = v; has_shift[n] = 1; }
+    double d = v - shift[n];
+    s1[n] += d; s2[n] += d * d; ++count[n];
+  }
+  void remove(size_t n, double v) {
+    double d = v - shift[n];
+    s1[n] -= d; s2[n] -= d * d; --count[n];
+    if (count[n] == 0) { s1[n] = 0.0; s2[n] = 0.0; }
+  }
+  template <class F>
+  void run(const double* x, double* out, size_t T, size_t N, int w, F&& emit) {
+    for (size_t t = 0; t < T; ++t) {
+      const double* row = x + t * N;
+      const double* old = (t >= size_t(w)) ? x + (t - w) * N : nullptr;
+      double* o = out + t * N;
+      for (size_t n = 0; n < N; ++n) {
+        if (old && ok(old[n])) remove(n, old[n]);
+        double v = row[n];
+        if (ok(v)) add(n, v);
+        o[n] = ok(v) ? emit(n, v) : kNaN;
+      }
+    }
+  }
+};
+}  // namespace
+
+void ts_sum(const double* x, double* out, size_t T, size_t N, int w) {
+  Moments m(N);
+  const int mp = min_periods(w, false);
+  m.run(x, out, T, N, w, [&](size_t n, double) {
+    return m.count[n] < mp ? kNaN : m.s1[n] + m.count[n] * m.shift[n];
+  });
+}
+
+void ts_mean(const double* x, double* out, size_t T, size_t N, int w) {
+  Moments m(N);
+  const int mp = min_periods(w, false);
+  m.run(x, out, T, N, w, [&](size_t n, double) {
+    return m.count[n] < mp ? kNaN : m.shift[n] + m.s1[n] / m.count[n];
+  });
+}
+
+namespace {
+inline double sample_var(const Moments& m, size_t n) {
+  double c = m.count[n];
+  double v = (m.s2[n] - m.s1[n] * m.s1[n] / c) / (c - 1.0);
+  return v > 0.0 ? v : 0.0;
+}
+// A variance this small relative to the squared deviations is rounding residue of a constant window.
+inline bool degenerate(const Moments& m, size_t n, double var) {
+  return var <= 1e-14 * (m.s2[n] / m.count[n]) || var == 0.0;
+}
+}  // namespace
+
+void ts_std(const double* x, double* out, size_t T, size_t N, int w) {
+  Moments m(N);
+  const int mp = min_periods(w, true);
+  m.run(x, out, T, N, w, [&](size_t n, double) {
+    if (m.count[n] < mp) return kNaN;
+    double v = sample_var(m, n);
+    return degenerate(m, n, v) ? 0.0 : std::sqrt(v);
+  });
+}
+
+void ts_zscore(const double* x, double* out, size_t T, size_t N, int w) {
+  Moments m(N);
+  const int mp = min_periods(w, true);
+  m.run(x, out, T, N, w, [&](size_t n, double v) {
+    if (m.count[n] < mp) return kNaN;
+    double var = sample_var(m, n);
+    if (degenerate(m, n, var)) return kNaN;
+    double mean = m.s1[n] / m.count[n];
+    return ((v - m.shift[n]) - mean) / std::sqrt(var);
+  });
+}
+
+namespace {
+// Monotonic deque per column, stored as a ring of row indices: O(1) amortised per cell.
+template <class Better>
+void ts_extreme(const double* x, double* out, size_t T, size_t N, int w, int* ring, Better better) {
+  std::vector<int> head(N, 0), size(N, 0), count(N, 0);
+  const int mp = min_periods(w, false);
+  for (size_t t = 0; t < T; ++t) {
+    const double* row = x + t * N;
+    double* o = out + t * N;
+    for (size_t n = 0; n < N; ++n) {
+      int* r = ring + n * size_t(w);
+      if (t >= size_t(w) && ok(x[(t - w) * N + n])) --count[n];
+      while (size[n] > 0 && r[head[n]] <= int(t) - w) { head[n] = (head[n] + 1) % w; --size[n]; }
+      double v = row[n];
+      if (!ok(v)) { o[n] = kNaN; continue; }
+      ++count[n];
+      while (size[n] > 0) {
+        int back = (head[n] + size[n] - 1) % w;
+        if (better(x[size_t(r[back]) * N + n], v)) break;
+        --size[n];
+      }
+      r[(head[n] + size[n]) % w] = int(t);
+      ++size[n];
+      o[n] = count[n] < mp ? kNaN : x[size_t(r[head[n]]) * N + n];
+    }
+  }
+}
+}  // namespace
+
+void ts_min(const double* x, double* out, size_t T, size_t N, int w, int* scratch) {
+  ts_extreme(x, out, T, N, w, scratch, [](double kept, double v) { return kept < v; });
+}
+
+void ts_max(const double* x, double* out, size_t T, size_t N, int w, int* scratch) {
+  ts_extreme(x, out, T, N, w, scratch, [](double kept, double v) { return kept > v; });
+}
+
+void ts_rank(const double* x, double* out, size_t T, size_t N, int w) {
+  const int mp = min_periods(w, false);
+  std::vector<double> less(N), equal(N), valid(N);
+  for (size_t t = 0; t < T; ++t) {
+    const double* cur = x + t * N;
+    std::fill(less.begin(), less.end(), 0.0);
+    std::fill(equal.begin(), equal.end(), 0.0);
+    std::fill(valid.begin(), valid.end(), 0.0);
+    const size_t span = std::min(size_t(w), t + 1);
+    for (size_t k = 0; k < span; ++k) {
+      const double* row = x + (t - k) * N;
+      for (size_t n = 0; n < N; ++n) {
+        double v = row[n], c = cur[n];
+        less[n] += (v < c) ? 1.0 : 0.0;
+        equal[n] += (v == c) ? 1.0 : 0.0;
+        valid[n] += (v == v) ? 1.0 : 0.0;
+      }
+    }
+    double* o = out + t * N;
+    for (size_t n = 0; n < N; ++n) {
+      if (!ok(cur[n]) || valid[n] < mp) { o[n] = kNaN; continue; }
+      o[n] = valid[n] <= 1.0 ? 0.5 : (less[n] + 0.5 * (equal[n] - 1.0)) / (valid[n] - 1.0);
+    }
+  }
+}
+
+void ts_decay_linear(const double* x, double* out, size_t T, size_t N, int w, int minp) {
+  // num_t = sum_j (w - j) x_{t-j}; num_{t+1} = num_t - sum_t + w * x_{t+1}, with sum_t the plain window
+  // sum; the same recurrence on the indicator of validity gives the normaliser.
+  std::vector<double> num(N, 0.0), sum(N, 0.0), wnum(N, 0.0), wsum(N, 0.0);
+  std::vector<int> count(N, 0);
+  for (size_t t = 0; t < T; ++t) {
+    const double* row = x + t * N;
+    const double* old = (t >= size_t(w)) ? x + (t - w) * N : nullptr;
+    double* o = out + t * N;
+    for (size_t n = 0; n < N; ++n) {
+      // Shift every weight down by one; the value leaving the window had weight 1 and drops out.
+      num[n] -= sum[n];
+      wnum[n] -= wsum[n];
+      if (old && ok(old[n])) { sum[n] -= old[n]; wsum[n] -= 1.0; --count[n]; }
+      double v = row[n];
+      if (ok(v)) { num[n] += w * v; sum[n] += v; wnum[n] += w; wsum[n] += 1.0; ++count[n]; }
+      if (count[n] == 0) { num[n] = sum[n] = wnum[n] = wsum[n] = 0.0; }
+      o[n] = (!ok(v) || count[n] < minp) ? kNaN : num[n] / wnum[n];
+    }
+  }
+}
+
+void ts_delay(const double* x, double* out, size_t T, size_t N, int d) {
+  for (size_t t = 0; t < T; ++t) {
+    double* o = out + t * N;
+    if (t < size_t(d)) { std::fill(o, o + N, kNaN); continue; }
+    std::copy(x + (t - d) * N, x + (t - d + 1) * N, o);
+  }
+}
+
+void ts_delta(const double* x, double* out, size_t T, size_t N, int d) {
+  for (size_t t = 0; t < T; ++t) {
+    double* o = out + t * N;
+    if (t < size_t(d)) { std::fill(o, o + N, kNaN); continue; }
+    const double* a = x + t * N;
+    const double* b = x + (t - d) * N;
+    for (size_t n = 0; n < N; ++n) o[n] = a[n] - b[n];
+  }
+}
+
+namespace {
+// Running co-moments over the pairs of a window where both inputs are valid, each input shifted by its
+// first valid pair.
+template <class F>
+void ts_pair(const double* x, const double* y, double* out, size_t T, size_t N, int w, F&& emit) {
+  std::vector<double> sx(N), sy(N), sxx(N), syy(N), sxy(N), kx(N), ky(N);
+  std::vector<int> count(N, 0);
+  std::vector<char> has(N, 0);
+  const int mp = min_periods(w, true);
+  for (size_t t = 0; t < T; ++t) {
+    double* o = out + t * N;
+    for (size_t n = 0; n < N; ++n) {
+      if (t >= size_t(w)) {
+        double a = x[(t - w) * N + n], b = y[(t - w) * N + n];
+        if (ok(a) && ok(b)) {
+          a -= kx[n]; b -= ky[n];
+          sx[n] -= a; sy[n] -= b; sxx[n] -= a * a; syy[n] -= b * b; sxy[n] -= a * b; --count[n];
+          if (count[n] == 0) sx[n] = sy[n] = sxx[n] = syy[n] = sxy[n] = 0.0;
+        }
+      }
+      double a = x[t * N + n], b = y[t * N + n];
+      if (!(ok(a) && ok(b))) { o[n] = kNaN; continue; }
+      if (!has[n]) { kx[n] = a; ky[n] = b; has[n] = 1; }
+      a -= kx[n]; b -= ky[n];
+      sx[n] += a; sy[n] += b; sxx[n] += a * a; syy[n] += b * b; sxy[n] += a * b; ++count[n];
+      if (count[n] < mp) { o[n] = kNaN; continue; }
+      double c = count[n];
+      double cxy = sxy[n] - sx[n] * sy[n] / c;
+      double cxx = sxx[n] - sx[n] * sx[n] / c;
+      double cyy = syy[n] - sy[n] * sy[n] / c;
+      o[n] = emit(c, cxy, cxx, cyy, sxx[n], syy[n]);
+    }
+  }
+}
+}  // namespace
+
+void ts_corr(const double* x, const double* y, double* out, size_t T, size_t N, int w) {
+  ts_pair(x, y, out, T, N, w, [](double c, double cxy, double cxx, double cyy, double sxx, double syy) {
+    if (cxx <= 1e-14 * sxx || cyy <= 1e-14 * syy || cxx <= 0.0 || cyy <= 0.0) return kNaN;
+    (void)c;
+    double r = cxy / std::sqrt(cxx * cyy);
+    return std::clamp(r, -1.0, 1.0);
+  });
+}
+
+void ts_cov(const double* x, const double* y, double* out, size_t T, size_t N, int w) {
+  ts_pair(x, y, out, T, N, w, [](double c, double cxy, double, double, double, double) {
+    return cxy / (c - 1.0);
+  });
+}
+
+void cs_rank(const double* x, double* out, size_t T, size_t N, int* idx) {
+  for (size_t t = 0; t < T; ++t) {
+    const double* row = x + t * N;
+    double* o = out + t * N;
+    size_t m = 0;
+    for (size_t n = 0; n < N; ++n) {
+      if (ok(row[n])) idx[m++] = int(n); else o[n] = kNaN;
+    }
+    std::sort(idx, idx + m, [row](int a, int b) { return row[a] < row[b]; });
+    if (m == 1) { o[idx[0]] = 0.5; continue; }
+    for (size_t i = 0; i < m;) {
+      size_t j = i;
+      while (j + 1 < m && row[idx[j + 1]] == row[idx[i]]) ++j;
+      double r = 0.5 * double(i + j) / double(m - 1);  // average of the tied zero-based ranks
+      for (size_t k = i; k <= j; ++k) o[idx[k]] = r;
+      i = j + 1;
+    }
+  }
+}
+
+namespace {
+inline void row_moments(const double* row, size_t N, double& mean, double& sd, size_t& m) {
+  double s = 0.0;
+  m = 0;
+  for (size_t n = 0; n < N; ++n) if (ok(row[n])) { s += row[n]; ++m; }
+  mean = m ? s / double(m) : kNaN;
+  double ss = 0.0;
+  for (size_t n = 0; n < N; ++n) if (ok(row[n])) { double d = row[n] - mean; ss += d * d; }
+  sd = m ? std::sqrt(ss / double(m)) : kNaN;
+}
+}  // namespace
+
+void cs_zscore(const double* x, double* out, size_t T, size_t N) {
+  for (size_t t = 0; t < T; ++t) {
+    const double* row = x + t * N;
+    double* o = out + t * N;
+    double mean, sd; size_t m;
+    row_moments(row, N, mean, sd, m);
+    bool bad = m < 2 || !(sd > 1e-12 * std::fabs(mean)) || sd == 0.0;
+    for (size_t n = 0; n < N; ++n) o[n] = (bad || !ok(row[n])) ? kNaN : (row[n] - mean) / sd;
+  }
+}
+
+void cs_demean(const double* x, double* out, size_t T, size_t N) {
+  for (size_t t = 0; t < T; ++t) {
+    const double* row = x + t * N;
+    double* o = out + t * N;
+    double s = 0.0; size_t m = 0;
+    for (size_t n = 0; n < N; ++n) if (ok(row[n])) { s += row[n]; ++m; }
+    double mean = m ? s / double(m) : 0.0;
+    for (size_t n = 0; n < N; ++n) o[n] = row[n] - mean;
+  }
+}
+
+void cs_scale(const double* x, double* out, size_t T, size_t N) {
+  for (size_t t = 0; t < T; ++t) {
+    const double* row = x + t * N;
+    double* o = out + t * N;
+    double s = 0.0;
+    for (size_t n = 0; n < N; ++n) if (ok(row[n])) s += std::fabs(row[n]);
+    for (size_t n = 0; n < N; ++n) o[n] = s > 0.0 ? row[n] / s : kNaN;
+  }
+}
+
+void unary(Unary op, const double* x, double* out, size_t n) {
+  switch (op) {
+    case Unary::neg: for (size_t i = 0; i < n; ++i) out[i] = -x[i]; break;
+    case Unary::abs: for (size_t i = 0; i < n; ++i) out[i] = std::fabs(x[i]); break;
+    case Unary::sign:
+      for (size_t i = 0; i < n; ++i) out[i] = ok(x[i]) ? double((x[i] > 0) - (x[i] < 0)) : kNaN;
+      break;
+    case Unary::slog:
+      for (size_t i = 0; i < n; ++i) out[i] = std::copysign(std::log1p(std::fabs(x[i])), x[i]);
+      break;
+    case Unary::ssqrt:
+      for (size_t i = 0; i < n; ++i) out[i] = std::copysign(std::sqrt(std::fabs(x[i])), x[i]);
+      break;
+    case Unary::square: for (size_t i = 0; i < n; ++i) out[i] = x[i] * x[i]; break;
+    case Unary::inverse: for (size_t i = 0; i < n; ++i) out[i] = x[i] != 0.0 ? 1.0 / x[i] : kNaN; break;
+  }
+}
+
+void binary(Binary op, const double* x, const double* y, double* out, size_t n) {
+  switch (op) {
+    case Binary::add: for (size_t i = 0; i < n; ++i) out[i] = x[i] + y[i]; break;
+    case Binary::sub: for (size_t i = 0; i < n; ++i) out[i] = x[i] - y[i]; break;
+    case Binary::mul: for (size_t i = 0; i < n; ++i) out[i] = x[i] * y[i]; break;
+    case Binary::div:
+      for (size_t i = 0; i < n; ++i) out[i] = y[i] != 0.0 ? x[i] / y[i] : kNaN;
+      break;
+    case Binary::min:
+      for (size_t i = 0; i < n; ++i) out[i] = (ok(x[i]) && ok(y[i])) ? std::min(x[i], y[i]) : kNaN;
+      break;
+    case Binary::max:
+      for (size_t i = 0; i < n; ++i) out[i] = (ok(x[i]) && ok(y[i])) ? std::max(x[i], y[i]) : kNaN;
+      break;
+  }
+}
+
+void book_weights(const double* signal, double* weights, size_t T, size_t N, Normalization norm,
+                  int decay, double truncation, int* scratch) {
+  const size_t cells = T * N;
+  switch (norm) {
+    case Normalization::none: std::copy(signal, signal + cells, weights); break;
+    case Normalization::rank: cs_rank(signal, weights, T, N, scratch); break;
+    case Normalization::zscore: cs_zscore(signal, weights, T, N); break;
+    case Normalization::rescale:
+      for (size_t t = 0; t < T; ++t) {
+        const double* row = signal + t * N;
+        double* o = weights + t * N;
+        double mx = 0.0;
+        for (size_t n = 0; n < N; ++n) if (ok(row[n])) mx = std::max(mx, std::fabs(row[n]));
+        for (size_t n = 0; n < N; ++n) o[n] = mx > 0.0 ? row[n] / mx : kNaN;
+      }
+      break;
+  }
+  if (decay > 1) {
+    std::vector<double> tmp(weights, weights + cells);
+    ts_decay_linear(tmp.data(), weights, T, N, decay, 1);
+  }
+  for (size_t t = 0; t < T; ++t) {
+    double* o = weights + t * N;
+    double s = 0.0; size_t m = 0;
+    for (size_t n = 0; n < N; ++n) if (ok(o[n])) { s += o[n]; ++m; }
+    double mean = m ? s / double(m) : 0.0;
+    double gross = 0.0;
+    for (size_t n = 0; n < N; ++n) {
+      o[n] = ok(o[n]) ? o[n] - mean : 0.0;
+      gross += std::fabs(o[n]);
+    }
+    if (!(gross > 0.0)) { std::fill(o, o + N, 0.0); continue; }
+    for (size_t n = 0; n < N; ++n) o[n] /= gross;
+    if (truncation > 0.0) {
+      for (int round = 0; round < 32; ++round) {
+        bool clipped = false;
+        double g = 0.0;
+        for (size_t n = 0; n < N; ++n) {
+          if (std::fabs(o[n]) > truncation) { o[n] = std::copysign(truncation, o[n]); clipped = true; }
+          g += std::fabs(o[n]);
+        }
+        if (!clipped) break;
+        for (size_t n = 0; n < N; ++n) o[n] /= g;
+        if (g >= 1.0 - 1e-15) break;
+      }
+    }
+  }
+}
+
+void book_daily(const double* weights, const double* fwd, size_t T, size_t N, DailySeries s) {
+  for (size_t t = 0; t < T; ++t) {
+    const double* w = weights + t * N;
+    const double* prev = t ? weights + (t - 1) * N : nullptr;
+    const double* r = fwd + t * N;
+    double pnl = 0.0, traded = 0.0, longs = 0.0, shorts = 0.0, net = 0.0, gross = 0.0, mx = 0.0;
+    for (size_t n = 0; n < N; ++n) {
+      double v = w[n];
+      if (ok(r[n])) pnl += v * r[n];
+      traded += std::fabs(v - (prev ? prev[n] : 0.0));
+      longs += v > 0.0 ? 1.0 : 0.0;
+      shorts += v < 0.0 ? 1.0 : 0.0;
+      net += v;
+      gross += std::fabs(v);
+      mx = std::max(mx, std::fabs(v));
+    }
+    s.pnl[t] = pnl; s.traded[t] = traded; s.longs[t] = longs; s.shorts[t] = shorts;
+    s.net[t] = net; s.abs_sum[t] = gross; s.max_share[t] = gross > 0.0 ? mx / gross : 0.0;
+  }
+}
+
+}  // namespace quillmarsh::local
