@@ -151,19 +151,27 @@ Panel book_weights(const py::array& signal, const std::string& normalization, in
   return out;
 }
 
-py::tuple book_daily(const py::array& weights, const py::array& fwd_returns) {
+py::tuple book_daily(const py::array& weights, const py::array& fwd_returns, const py::object& flag) {
   View w = panel_view(weights, "weights"), r = panel_view(fwd_returns, "fwd_returns");
   same_shape(w, r);
+  const double* f = nullptr;
+  if (!flag.is_none()) {
+    View fv = panel_view(flag.cast<py::array>(), "flag");
+    same_shape(w, fv);
+    f = fv.data;
+  }
   std::vector<py::array_t<double>> cols;
-  for (int i = 0; i < 7; ++i) cols.emplace_back(py::ssize_t(w.T));
+  for (int i = 0; i < 9; ++i) cols.emplace_back(py::ssize_t(w.T));
   ql::DailySeries s{cols[0].mutable_data(), cols[1].mutable_data(), cols[2].mutable_data(),
                     cols[3].mutable_data(), cols[4].mutable_data(), cols[5].mutable_data(),
-                    cols[6].mutable_data()};
+                    cols[6].mutable_data(), cols[7].mutable_data(), cols[8].mutable_data()};
   {
     py::gil_scoped_release release;
-    ql::book_daily(w.data, r.data, w.T, w.N, s);
+    ql::book_daily(w.data, r.data, f, w.T, w.N, s);
   }
-  return py::make_tuple(cols[0], cols[1], cols[2], cols[3], cols[4], cols[5], cols[6]);
+  py::tuple out(9);
+  for (int i = 0; i < 9; ++i) out[i] = cols[i];
+  return out;
 }
 
 }  // namespace
@@ -182,7 +190,7 @@ PYBIND11_MODULE(_evaluator, m) {
         "Element-wise: add, sub, mul, div, min, max.");
   m.def("book_weights", &book_weights, py::arg("signal"), py::arg("normalization"), py::arg("decay"),
         py::arg("truncation"), "Dollar-neutral book with unit gross from a raw signal.");
-  m.def("book_daily", &book_daily, py::arg("weights"), py::arg("fwd_returns"),
-        "Daily (pnl, traded, longs, shorts, net, abs_sum, max_share) of a book.");
+  m.def("book_daily", &book_daily, py::arg("weights"), py::arg("fwd_returns"), py::arg("flag") = py::none(),
+        "Daily (pnl, traded, longs, shorts, net, abs_sum, max_share, held, flagged) of a book.");
   m.def("min_periods", &ql::min_periods, py::arg("window"), py::arg("needs_two"));
 }

@@ -22,31 +22,39 @@ int min_periods(int window, bool needs_two) {
 // valid observation so that the sums of squares do not cancel catastrophically for level-like series.
 namespace {
 struct Moments {
-  std::vector<double> shift, s1, s2;
-  std::vector<int> count;
-  std::vector<char> has_shift;
-  explicit Moments(size_t N) : shift(N, 0.0), s1(N, 0.0), s2(N, 0.0), count(N, 0), has_shift(N, 0) {}
-  void add(size_t n, double v) {
-    if (!has_shift[n]) { shift[n] = v; has_shift[n] = 1; }
-    double d = v - shift[n];
-    s1[n] += d; s2[n] += d * d; ++count[n];
-  }
-  void remove(size_t n, double v) {
-    double d = v - shift[n];
-    s1[n] -= d; s2[n] -= d * d; --count[n];
-    if (count[n] == 0) { s1[n] = 0.0; s2[n] = 0.0; }
-  }
+  std::vector<double> shift, s1, s2, count;
+  explicit Moments(size_t N) : shift(N, 0.0), s1(N, 0.0), s2(N, 0.0), count(N, 0.0) {}
   template <class F>
   void run(const double* x, double* out, size_t T, size_t N, int w, F&& emit) {
+    // Shift each column by its first valid value (found in a pre-pass) so that the loop has no branch.
+    std::vector<char> found(N, 0);
+    size_t left = N;
+    for (size_t t = 0; t < T && left; ++t)
+      for (size_t n = 0; n < N; ++n)
+        if (!found[n] && ok(x[t * N + n])) { shift[n] = x[t * N + n]; found[n] = 1; --left; }
+    double* __restrict a1 = s1.data();
+    double* __restrict a2 = s2.data();
+    double* __restrict c = count.data();
+    const double* __restrict k = shift.data();
     for (size_t t = 0; t < T; ++t) {
       const double* row = x + t * N;
-      const double* old = (t >= size_t(w)) ? x + (t - w) * N : nullptr;
       double* o = out + t * N;
+      if (t >= size_t(w)) {
+        const double* old = x + (t - w) * N;
+        for (size_t n = 0; n < N; ++n) {
+          bool valid = old[n] == old[n];
+          double d = valid ? old[n] - k[n] : 0.0;
+          a1[n] -= d; a2[n] -= d * d; c[n] -= valid ? 1.0 : 0.0;
+        }
+      }
       for (size_t n = 0; n < N; ++n) {
-        if (old && ok(old[n])) remove(n, old[n]);
-        double v = row[n];
-        if (ok(v)) add(n, v);
-        o[n] = ok(v) ? emit(n, v) : kNaN;
+        bool valid = row[n] == row[n];
+        double d = valid ? row[n] - k[n] : 0.0;
+        a1[n] += d; a2[n] += d * d; c[n] += valid ? 1.0 : 0.0;
+      }
+      for (size_t n = 0; n < N; ++n) {
+        if (c[n] == 0.0) { a1[n] = 0.0; a2[n] = 0.0; }
+        o[n] = ok(row[n]) ? emit(n, row[n]) : kNaN;
       }
     }
   }
@@ -142,26 +150,29 @@ void ts_max(const double* x, double* out, size_t T, size_t N, int w, int* scratc
 
 void ts_rank(const double* x, double* out, size_t T, size_t N, int w) {
   const int mp = min_periods(w, false);
-  std::vector<double> less(N), equal(N), valid(N);
+  std::vector<int> less_v(N), equal_v(N), valid_v(N);
+  int* __restrict less = less_v.data();
+  int* __restrict equal = equal_v.data();
+  int* __restrict valid = valid_v.data();
   for (size_t t = 0; t < T; ++t) {
     const double* cur = x + t * N;
-    std::fill(less.begin(), less.end(), 0.0);
-    std::fill(equal.begin(), equal.end(), 0.0);
-    std::fill(valid.begin(), valid.end(), 0.0);
+    std::fill(less, less + N, 0);
+    std::fill(equal, equal + N, 0);
+    std::fill(valid, valid + N, 0);
     const size_t span = std::min(size_t(w), t + 1);
     for (size_t k = 0; k < span; ++k) {
       const double* row = x + (t - k) * N;
       for (size_t n = 0; n < N; ++n) {
         double v = row[n], c = cur[n];
-        less[n] += (v < c) ? 1.0 : 0.0;
-        equal[n] += (v == c) ? 1.0 : 0.0;
-        valid[n] += (v == v) ? 1.0 : 0.0;
+        less[n] += int(v < c);
+        equal[n] += int(v == c);
+        valid[n] += int(v == v);
       }
     }
     double* o = out + t * N;
     for (size_t n = 0; n < N; ++n) {
       if (!ok(cur[n]) || valid[n] < mp) { o[n] = kNaN; continue; }
-      o[n] = valid[n] <= 1.0 ? 0.5 : (less[n] + 0.5 * (equal[n] - 1.0)) / (valid[n] - 1.0);
+      o[n] = valid[n] <= 1 ? 0.5 : (less[n] + 0.5 * (equal[n] - 1)) / double(valid[n] - 1);
     }
   }
 }
@@ -257,21 +268,23 @@ void ts_cov(const double* x, const double* y, double* out, size_t T, size_t N, i
   });
 }
 
-void cs_rank(const double* x, double* out, size_t T, size_t N, int* idx) {
+void cs_rank(const double* x, double* out, size_t T, size_t N, int*) {
+  std::vector<std::pair<double, int>> v(N);
   for (size_t t = 0; t < T; ++t) {
     const double* row = x + t * N;
     double* o = out + t * N;
     size_t m = 0;
     for (size_t n = 0; n < N; ++n) {
-      if (ok(row[n])) idx[m++] = int(n); else o[n] = kNaN;
+      if (ok(row[n])) v[m++] = {row[n], int(n)}; else o[n] = kNaN;
     }
-    std::sort(idx, idx + m, [row](int a, int b) { return row[a] < row[b]; });
-    if (m == 1) { o[idx[0]] = 0.5; continue; }
+    std::sort(v.begin(), v.begin() + m,
+              [](const std::pair<double, int>& a, const std::pair<double, int>& b) { return a.first < b.first; });
+    if (m == 1) { o[v[0].second] = 0.5; continue; }
     for (size_t i = 0; i < m;) {
       size_t j = i;
-      while (j + 1 < m && row[idx[j + 1]] == row[idx[i]]) ++j;
+      while (j + 1 < m && v[j + 1].first == v[i].first) ++j;
       double r = 0.5 * double(i + j) / double(m - 1);  // average of the tied zero-based ranks
-      for (size_t k = i; k <= j; ++k) o[idx[k]] = r;
+      for (size_t k = i; k <= j; ++k) o[v[k].second] = r;
       i = j + 1;
     }
   }
@@ -390,29 +403,44 @@ void book_weights(const double* signal, double* weights, size_t T, size_t N, Nor
     if (!(gross > 0.0)) { std::fill(o, o + N, 0.0); continue; }
     for (size_t n = 0; n < N; ++n) o[n] /= gross;
     if (truncation > 0.0) {
-      for (int round = 0; round < 32; ++round) {
-        bool clipped = false;
-        double g = 0.0;
+      // Water-filling: weights above the cap are pinned to it and the rest re-scaled to fill the book,
+      // until no free weight exceeds the cap (at most N rounds, each pinning at least one weight).
+      char* pinned = reinterpret_cast<char*>(scratch);
+      std::fill(pinned, pinned + N, 0);
+      size_t npinned = 0;
+      for (size_t round = 0; round <= N; ++round) {
+        double free_gross = 0.0;
+        for (size_t n = 0; n < N; ++n) if (!pinned[n]) free_gross += std::fabs(o[n]);
+        double room = 1.0 - double(npinned) * truncation;
+        if (!(free_gross > 0.0) || room <= 0.0) break;
+        double scale = room / free_gross;
+        bool more = false;
         for (size_t n = 0; n < N; ++n) {
-          if (std::fabs(o[n]) > truncation) { o[n] = std::copysign(truncation, o[n]); clipped = true; }
-          g += std::fabs(o[n]);
+          if (!pinned[n] && std::fabs(o[n]) * scale > truncation) { pinned[n] = 1; ++npinned; more = true; }
         }
-        if (!clipped) break;
-        for (size_t n = 0; n < N; ++n) o[n] /= g;
-        if (g >= 1.0 - 1e-15) break;
+        if (!more) {
+          for (size_t n = 0; n < N; ++n) if (!pinned[n]) o[n] *= scale;
+          break;
+        }
+        for (size_t n = 0; n < N; ++n) if (pinned[n]) o[n] = std::copysign(truncation, o[n]);
       }
+      for (size_t n = 0; n < N; ++n) if (pinned[n]) o[n] = std::copysign(truncation, o[n]);
     }
   }
 }
 
-void book_daily(const double* weights, const double* fwd, size_t T, size_t N, DailySeries s) {
+void book_daily(const double* weights, const double* fwd, const double* flag, size_t T, size_t N,
+                DailySeries s) {
   for (size_t t = 0; t < T; ++t) {
     const double* w = weights + t * N;
     const double* prev = t ? weights + (t - 1) * N : nullptr;
     const double* r = fwd + t * N;
     double pnl = 0.0, traded = 0.0, longs = 0.0, shorts = 0.0, net = 0.0, gross = 0.0, mx = 0.0;
+    double flagged = 0.0;
+    const double* f = flag ? flag + t * N : nullptr;
     for (size_t n = 0; n < N; ++n) {
       double v = w[n];
+      if (f && f[n] > 0.0) flagged += std::fabs(v);
       if (ok(r[n])) pnl += v * r[n];
       traded += std::fabs(v - (prev ? prev[n] : 0.0));
       longs += v > 0.0 ? 1.0 : 0.0;
@@ -423,6 +451,7 @@ void book_daily(const double* weights, const double* fwd, size_t T, size_t N, Da
     }
     s.pnl[t] = pnl; s.traded[t] = traded; s.longs[t] = longs; s.shorts[t] = shorts;
     s.net[t] = net; s.abs_sum[t] = gross; s.max_share[t] = gross > 0.0 ? mx / gross : 0.0;
+    s.held[t] = longs + shorts; s.flagged[t] = flagged;
   }
 }
 

@@ -50,17 +50,21 @@ void unary(Unary op, const double* x, double* out, size_t n);
 void binary(Binary op, const double* x, const double* y, double* out, size_t n);
 
 // The book. Normalisation per day, linear decay over days, then per day: demean, scale so that the
-// absolute weights sum to one, and clip each weight to `truncation` of the book (re-scaling after each
-// clip, at most 32 rounds). Instruments with no valid signal hold no position (weight 0).
+// absolute weights sum to one, and cap each weight at `truncation` of the book, the uncapped weights
+// re-scaled to fill it (exact water-filling; when 1/truncation exceeds the number of names the book stays
+// below one). Instruments with no valid signal hold no position (weight 0).
 enum class Normalization { none, rank, zscore, rescale };
 void book_weights(const double* signal, double* weights, size_t T, size_t N, Normalization norm,
                   int decay, double truncation, int* scratch);  // scratch: N ints
 
 // Daily series of a book against the next day's returns (a missing return earns nothing):
-// pnl, traded value, long count, short count, net exposure, absolute weight sum, largest weight share.
+// pnl, traded value, long count, short count, net exposure, absolute weight sum, largest weight share,
+// number of positions held, and the absolute weight on instruments flagged by `flag` (> 0; may be null).
 struct DailySeries {
   double* pnl; double* traded; double* longs; double* shorts; double* net; double* abs_sum; double* max_share;
+  double* held; double* flagged;
 };
-void book_daily(const double* weights, const double* fwd_returns, size_t T, size_t N, DailySeries s);
+void book_daily(const double* weights, const double* fwd_returns, const double* flag, size_t T, size_t N,
+                DailySeries s);
 
 }  // namespace quillmarsh::local
