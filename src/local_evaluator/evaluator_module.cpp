@@ -6,6 +6,9 @@
 
 #include <string>
 #include <vector>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
 
 #include "kernels.hpp"
 
@@ -45,7 +48,7 @@ Panel ts(const std::string& op, const py::array& x, int window) {
   check_window(window, op == "delay" || op == "delta" ? "lag" : "window");
   Panel out = new_panel(v);
   double* o = out.mutable_data();
-  std::vector<int> scratch;
+  std::vector<double> scratch;
   using Fn = void (*)(const double*, double*, size_t, size_t, int);
   Fn fn = nullptr;
   if (op == "sum") fn = ql::ts_sum;
@@ -56,7 +59,7 @@ Panel ts(const std::string& op, const py::array& x, int window) {
   else if (op == "delay") fn = ql::ts_delay;
   else if (op == "delta") fn = ql::ts_delta;
   else if (op == "min" || op == "max" || op == "decay_linear") {
-    if (op != "decay_linear") scratch.resize(v.N * size_t(window));
+    if (op != "decay_linear") scratch.resize(2 * v.N * v.T);
   } else throw py::value_error("unknown time-series operator '" + op + "'");
   {
     py::gil_scoped_release release;
@@ -177,6 +180,13 @@ py::tuple book_daily(const py::array& weights, const py::array& fwd_returns, con
 }  // namespace
 
 PYBIND11_MODULE(_evaluator, m) {
+#ifdef __GLIBC__
+  // Every operator returns a fresh panel of a few megabytes. Served by mmap, each would be faulted in
+  // page by page and handed back to the kernel when freed, which costs more than most operators and
+  // serialises threads on the address-space lock. Keep such blocks on the heap for reuse instead.
+  mallopt(M_MMAP_THRESHOLD, 256 << 20);
+  mallopt(M_TRIM_THRESHOLD, 512 << 20);
+#endif
   m.doc() = "Panel kernels of the local backtester (float64, C-contiguous, (days, instruments)).";
   m.def("ts", &ts, py::arg("op"), py::arg("x"), py::arg("window"),
         "Rolling operator over the last `window` days: sum, mean, std, zscore, min, max, rank, "

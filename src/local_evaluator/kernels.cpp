@@ -5,6 +5,9 @@
 #include <limits>
 #include <numeric>
 #include <vector>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 namespace quillmarsh::local {
 
@@ -112,67 +115,103 @@ void ts_zscore(const double* x, double* out, size_t T, size_t N, int w) {
 }
 
 namespace {
-// Monotonic deque per column, stored as a ring of row indices: O(1) amortised per cell.
-template <class Better>
-void ts_extreme(const double* x, double* out, size_t T, size_t N, int w, int* ring, Better better) {
-  std::vector<int> head(N, 0), size(N, 0), count(N, 0);
-  const int mp = min_periods(w, false);
+// Van Herk / Gil-Werman: with the days cut into blocks of w, the window ending at t spans the tail of one
+// block and the head of the next, so its extreme is better(suffix[t-w+1], prefix[t]). Three comparisons
+// per cell, no branch, whole rows at a time. Missing values count as +inf (min) or -inf (max).
+template <bool IsMin>
+void ts_extreme(const double* x, double* out, size_t T, size_t N, int w, double* prefix, double* suffix) {
+  const double fill = IsMin ? std::numeric_limits<double>::infinity() : -std::numeric_limits<double>::infinity();
+  auto pick = [](double a, double b) { return IsMin ? (a < b ? a : b) : (a > b ? a : b); };
+  const size_t W = size_t(w);
   for (size_t t = 0; t < T; ++t) {
-    const double* row = x + t * N;
-    double* o = out + t * N;
-    for (size_t n = 0; n < N; ++n) {
-      int* r = ring + n * size_t(w);
-      if (t >= size_t(w) && ok(x[(t - w) * N + n])) --count[n];
-      while (size[n] > 0 && r[head[n]] <= int(t) - w) { head[n] = (head[n] + 1) % w; --size[n]; }
-      double v = row[n];
-      if (!ok(v)) { o[n] = kNaN; continue; }
-      ++count[n];
-      while (size[n] > 0) {
-        int back = (head[n] + size[n] - 1) % w;
-        if (better(x[size_t(r[back]) * N + n], v)) break;
-        --size[n];
-      }
-      r[(head[n] + size[n]) % w] = int(t);
-      ++size[n];
-      o[n] = count[n] < mp ? kNaN : x[size_t(r[head[n]]) * N + n];
+    const double* __restrict row = x + t * N;
+    double* __restrict p = prefix + t * N;
+    if (t % W == 0) {
+      for (size_t n = 0; n < N; ++n) p[n] = row[n] == row[n] ? row[n] : fill;
+    } else {
+      const double* __restrict q = p - N;
+      for (size_t n = 0; n < N; ++n) p[n] = pick(row[n] == row[n] ? row[n] : fill, q[n]);
     }
+  }
+  for (size_t t = T; t-- > 0;) {
+    const double* __restrict row = x + t * N;
+    double* __restrict h = suffix + t * N;
+    if ((t + 1) % W == 0 || t + 1 == T) {
+      for (size_t n = 0; n < N; ++n) h[n] = row[n] == row[n] ? row[n] : fill;
+    } else {
+      const double* __restrict q = h + N;
+      for (size_t n = 0; n < N; ++n) h[n] = pick(row[n] == row[n] ? row[n] : fill, q[n]);
+    }
+  }
+  const int mp = min_periods(w, false);
+  std::vector<int> count_v(N, 0);
+  int* __restrict count = count_v.data();
+  for (size_t t = 0; t < T; ++t) {
+    const double* __restrict row = x + t * N;
+    const double* __restrict p = prefix + t * N;
+    double* __restrict o = out + t * N;
+    for (size_t n = 0; n < N; ++n) count[n] += int(row[n] == row[n]);
+    if (t >= W) {
+      const double* __restrict old = x + (t - W) * N;
+      for (size_t n = 0; n < N; ++n) count[n] -= int(old[n] == old[n]);
+    }
+    if (t + 1 >= W) {
+      const double* __restrict h = suffix + (t + 1 - W) * N;
+      for (size_t n = 0; n < N; ++n) o[n] = pick(h[n], p[n]);
+    } else {
+      for (size_t n = 0; n < N; ++n) o[n] = p[n];  // the window is still inside the first block
+    }
+    for (size_t n = 0; n < N; ++n) o[n] = (row[n] == row[n] && count[n] >= mp) ? o[n] : kNaN;
   }
 }
 }  // namespace
 
-void ts_min(const double* x, double* out, size_t T, size_t N, int w, int* scratch) {
-  ts_extreme(x, out, T, N, w, scratch, [](double kept, double v) { return kept < v; });
+void ts_min(const double* x, double* out, size_t T, size_t N, int w, double* scratch) {
+  ts_extreme<true>(x, out, T, N, w, scratch, scratch + T * N);
 }
 
-void ts_max(const double* x, double* out, size_t T, size_t N, int w, int* scratch) {
-  ts_extreme(x, out, T, N, w, scratch, [](double kept, double v) { return kept > v; });
+void ts_max(const double* x, double* out, size_t T, size_t N, int w, double* scratch) {
+  ts_extreme<false>(x, out, T, N, w, scratch, scratch + T * N);
 }
 
 void ts_rank(const double* x, double* out, size_t T, size_t N, int w) {
-  const int mp = min_periods(w, false);
-  std::vector<int> less_v(N), equal_v(N), valid_v(N);
-  int* __restrict less = less_v.data();
-  int* __restrict equal = equal_v.data();
-  int* __restrict valid = valid_v.data();
+  const double mp = min_periods(w, false);
+  auto finish = [mp](double c, double less, double equal, double valid) {
+    if (!ok(c) || valid < mp) return kNaN;
+    return valid <= 1.0 ? 0.5 : (less + 0.5 * (equal - 1.0)) / (valid - 1.0);
+  };
   for (size_t t = 0; t < T; ++t) {
     const double* cur = x + t * N;
-    std::fill(less, less + N, 0);
-    std::fill(equal, equal + N, 0);
-    std::fill(valid, valid + N, 0);
-    const size_t span = std::min(size_t(w), t + 1);
-    for (size_t k = 0; k < span; ++k) {
-      const double* row = x + (t - k) * N;
-      for (size_t n = 0; n < N; ++n) {
-        double v = row[n], c = cur[n];
-        less[n] += int(v < c);
-        equal[n] += int(v == c);
-        valid[n] += int(v == v);
-      }
-    }
     double* o = out + t * N;
-    for (size_t n = 0; n < N; ++n) {
-      if (!ok(cur[n]) || valid[n] < mp) { o[n] = kNaN; continue; }
-      o[n] = valid[n] <= 1 ? 0.5 : (less[n] + 0.5 * (equal[n] - 1)) / double(valid[n] - 1);
+    const size_t span = std::min(size_t(w), t + 1);
+    const double* first = x + (t + 1 - span) * N;  // oldest row of the window
+    size_t n = 0;
+#ifdef __SSE2__
+    // Two columns at a time, the three counters in registers; a comparison mask ANDed with 1.0 counts.
+    const __m128d one = _mm_set1_pd(1.0);
+    for (; n + 2 <= N; n += 2) {
+      __m128d c = _mm_loadu_pd(cur + n);
+      __m128d less = _mm_setzero_pd(), equal = _mm_setzero_pd(), valid = _mm_setzero_pd();
+      const double* p = first + n;
+      for (size_t k = 0; k < span; ++k, p += N) {
+        __m128d v = _mm_loadu_pd(p);
+        less = _mm_add_pd(less, _mm_and_pd(_mm_cmplt_pd(v, c), one));
+        equal = _mm_add_pd(equal, _mm_and_pd(_mm_cmpeq_pd(v, c), one));
+        valid = _mm_add_pd(valid, _mm_and_pd(_mm_cmpord_pd(v, v), one));
+      }
+      alignas(16) double l[2], e[2], v[2];
+      _mm_store_pd(l, less); _mm_store_pd(e, equal); _mm_store_pd(v, valid);
+      o[n] = finish(cur[n], l[0], e[0], v[0]);
+      o[n + 1] = finish(cur[n + 1], l[1], e[1], v[1]);
+    }
+#endif
+    for (; n < N; ++n) {
+      double c = cur[n], less = 0.0, equal = 0.0, valid = 0.0;
+      const double* p = first + n;
+      for (size_t k = 0; k < span; ++k, p += N) {
+        less += double(*p < c); equal += double(*p == c); valid += double(*p == *p);
+      }
+      o[n] = finish(c, less, equal, valid);
     }
   }
 }

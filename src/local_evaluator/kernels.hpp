@@ -25,8 +25,8 @@ void ts_sum(const double* x, double* out, size_t T, size_t N, int w);
 void ts_mean(const double* x, double* out, size_t T, size_t N, int w);
 void ts_std(const double* x, double* out, size_t T, size_t N, int w);      // sample (ddof = 1)
 void ts_zscore(const double* x, double* out, size_t T, size_t N, int w);   // (x - mean) / std
-void ts_min(const double* x, double* out, size_t T, size_t N, int w, int* scratch);  // scratch: N*w ints
-void ts_max(const double* x, double* out, size_t T, size_t N, int w, int* scratch);
+void ts_min(const double* x, double* out, size_t T, size_t N, int w, double* scratch);  // scratch: 2*T*N
+void ts_max(const double* x, double* out, size_t T, size_t N, int w, double* scratch);
 // Rank of today's value within its window: (less + (equal - 1) / 2) / (valid - 1), in [0, 1];
 // 0.5 when today's value is the only valid one. O(w) per cell.
 void ts_rank(const double* x, double* out, size_t T, size_t N, int w);
