@@ -408,40 +408,66 @@ void binary(Binary op, const double* x, const double* y, double* out, size_t n) 
   }
 }
 
+namespace {
+// Demean the valid values of one row, put 0 where there is no signal, scale to unit gross. Returns false
+// (row left all zero) when there is nothing to hold.
+inline bool demean_and_scale(const double* src, double* o, size_t N) {
+  double s = 0.0, m = 0.0;
+  for (size_t n = 0; n < N; ++n) {
+    bool valid = src[n] == src[n];
+    s += valid ? src[n] : 0.0;
+    m += valid ? 1.0 : 0.0;
+  }
+  double mean = m > 0.0 ? s / m : 0.0;
+  double gross = 0.0;
+  for (size_t n = 0; n < N; ++n) {
+    double d = src[n] == src[n] ? src[n] - mean : 0.0;
+    o[n] = d;
+    gross += std::fabs(d);
+  }
+  // A spread this small relative to the level is rounding residue of a constant row.
+  if (!(gross > 1e-12 * std::fabs(mean) * m) || !(gross > 0.0)) {
+    std::fill(o, o + N, 0.0);
+    return false;
+  }
+  const double inv = 1.0 / gross;
+  for (size_t n = 0; n < N; ++n) o[n] *= inv;
+  return true;
+}
+}  // namespace
+
 void book_weights(const double* signal, double* weights, size_t T, size_t N, Normalization norm,
                   int decay, double truncation, int* scratch) {
   const size_t cells = T * N;
-  switch (norm) {
-    case Normalization::none: std::copy(signal, signal + cells, weights); break;
-    case Normalization::rank: cs_rank(signal, weights, T, N, scratch); break;
-    case Normalization::zscore: cs_zscore(signal, weights, T, N); break;
-    case Normalization::rescale:
-      for (size_t t = 0; t < T; ++t) {
-        const double* row = signal + t * N;
-        double* o = weights + t * N;
-        double mx = 0.0;
-        for (size_t n = 0; n < N; ++n) if (ok(row[n])) mx = std::max(mx, std::fabs(row[n]));
-        for (size_t n = 0; n < N; ++n) o[n] = mx > 0.0 ? row[n] / mx : kNaN;
-      }
-      break;
-  }
-  if (decay > 1) {
-    std::vector<double> tmp(weights, weights + cells);
-    ts_decay_linear(tmp.data(), weights, T, N, decay, 1);
+  // Without decay, "none", "zscore" and "rescale" scale each day by a positive constant that demeaning and
+  // scaling to unit gross remove again, so the book comes straight from the signal in one fused pass.
+  const bool direct = decay <= 1 && norm != Normalization::rank;
+  if (!direct) {
+    switch (norm) {
+      case Normalization::none: std::copy(signal, signal + cells, weights); break;
+      case Normalization::rank: cs_rank(signal, weights, T, N, scratch); break;
+      case Normalization::zscore: cs_zscore(signal, weights, T, N); break;
+      case Normalization::rescale:
+        for (size_t t = 0; t < T; ++t) {
+          const double* row = signal + t * N;
+          double* o = weights + t * N;
+          double mx = 0.0;
+          for (size_t n = 0; n < N; ++n) if (ok(row[n])) mx = std::max(mx, std::fabs(row[n]));
+          for (size_t n = 0; n < N; ++n) o[n] = mx > 0.0 ? row[n] / mx : kNaN;
+        }
+        break;
+    }
+    if (decay > 1) {
+      std::vector<double> tmp(weights, weights + cells);
+      ts_decay_linear(tmp.data(), weights, T, N, decay, 1);
+    }
   }
   for (size_t t = 0; t < T; ++t) {
     double* o = weights + t * N;
-    double s = 0.0; size_t m = 0;
-    for (size_t n = 0; n < N; ++n) if (ok(o[n])) { s += o[n]; ++m; }
-    double mean = m ? s / double(m) : 0.0;
-    double gross = 0.0;
-    for (size_t n = 0; n < N; ++n) {
-      o[n] = ok(o[n]) ? o[n] - mean : 0.0;
-      gross += std::fabs(o[n]);
-    }
-    if (!(gross > 0.0)) { std::fill(o, o + N, 0.0); continue; }
-    for (size_t n = 0; n < N; ++n) o[n] /= gross;
-    if (truncation > 0.0) {
+    if (!demean_and_scale(direct ? signal + t * N : o, o, N)) continue;
+    double largest = 0.0;
+    for (size_t n = 0; n < N; ++n) largest = std::max(largest, std::fabs(o[n]));
+    if (truncation > 0.0 && largest > truncation) {
       // Water-filling: weights above the cap are pinned to it and the rest re-scaled to fill the book,
       // until no free weight exceeds the cap (at most N rounds, each pinning at least one weight).
       char* pinned = reinterpret_cast<char*>(scratch);

@@ -88,3 +88,43 @@ def test_pnl_information_drops_when_the_pool_explains_the_pnl():
     assert pnl_information(-y, []) == 0.0
     unrelated = rng.standard_normal(500)
     assert pnl_information(y, [unrelated]) == pytest.approx(alone, rel=0.2)
+
+
+def reference_book(signal, norm, truncation):
+    out = np.zeros_like(signal)
+    for t, row in enumerate(signal):
+        ok = ~np.isnan(row)
+        v = row[ok]
+        if v.size == 0:
+            continue
+        if norm == "zscore":
+            if v.size < 2 or v.std() == 0:
+                continue
+            v = (v - v.mean()) / v.std()
+        elif norm == "rank":
+            v = np.array([(np.sum(v < a) + 0.5 * (np.sum(v == a) - 1)) / max(v.size - 1, 1) for a in v])
+        elif norm == "rescale":
+            v = v / np.abs(v).max()
+        v = v - v.mean()
+        if np.abs(v).sum() == 0:
+            continue
+        v = v / np.abs(v).sum()
+        pinned = np.zeros(v.size, bool)
+        while truncation and np.abs(v).max() > truncation + 1e-15:
+            pinned |= np.abs(v) > truncation
+            v = np.where(pinned, np.sign(v) * truncation, v)
+            free = ~pinned
+            v[free] *= (1 - pinned.sum() * truncation) / np.abs(v[free]).sum()
+        out[t, ok] = v
+    return out
+
+
+@pytest.mark.parametrize("norm", ["none", "zscore", "rescale", "rank"])
+@pytest.mark.parametrize("truncation", [0.0, 0.12])
+def test_book_matches_a_direct_rendition(norm, truncation):
+    rng = np.random.default_rng(3)
+    s = rng.standard_normal((30, 40)) ** 3
+    s[rng.random(s.shape) < 0.2] = np.nan
+    s[4] = 7.0  # constant day: nothing to hold
+    got = ev.book_weights(s, norm, 0, truncation)
+    np.testing.assert_allclose(got, reference_book(s, norm, truncation), rtol=1e-9, atol=1e-12)
