@@ -494,30 +494,43 @@ void book_weights(const double* signal, double* weights, size_t T, size_t N, Nor
   }
 }
 
-void book_daily(const double* weights, const double* fwd, const double* flag, size_t T, size_t N,
-                DailySeries s) {
+namespace {
+template <bool HasFlag>
+void book_daily_rows(const double* weights, const double* fwd, const double* flag, size_t T, size_t N,
+                     DailySeries s) {
+  // Branch-free: every test is a select; the flag is a 0/1 multiplier.
   for (size_t t = 0; t < T; ++t) {
-    const double* w = weights + t * N;
-    const double* prev = t ? weights + (t - 1) * N : nullptr;
-    const double* r = fwd + t * N;
+    const double* __restrict w = weights + t * N;
+    const double* __restrict r = fwd + t * N;
     double pnl = 0.0, traded = 0.0, longs = 0.0, shorts = 0.0, net = 0.0, gross = 0.0, mx = 0.0;
     double flagged = 0.0;
-    const double* f = flag ? flag + t * N : nullptr;
+    if (t) {
+      const double* __restrict prev = weights + (t - 1) * N;
+      for (size_t n = 0; n < N; ++n) traded += std::fabs(w[n] - prev[n]);
+    } else {
+      for (size_t n = 0; n < N; ++n) traded += std::fabs(w[n]);
+    }
     for (size_t n = 0; n < N; ++n) {
-      double v = w[n];
-      if (f && f[n] > 0.0) flagged += std::fabs(v);
-      if (ok(r[n])) pnl += v * r[n];
-      traded += std::fabs(v - (prev ? prev[n] : 0.0));
+      double v = w[n], a = std::fabs(v);
+      pnl += v * (r[n] == r[n] ? r[n] : 0.0);
       longs += v > 0.0 ? 1.0 : 0.0;
       shorts += v < 0.0 ? 1.0 : 0.0;
       net += v;
-      gross += std::fabs(v);
-      mx = std::max(mx, std::fabs(v));
+      gross += a;
+      mx = a > mx ? a : mx;
+      if constexpr (HasFlag) flagged += flag[t * N + n] * a;
     }
     s.pnl[t] = pnl; s.traded[t] = traded; s.longs[t] = longs; s.shorts[t] = shorts;
     s.net[t] = net; s.abs_sum[t] = gross; s.max_share[t] = gross > 0.0 ? mx / gross : 0.0;
     s.held[t] = longs + shorts; s.flagged[t] = flagged;
   }
+}
+}  // namespace
+
+void book_daily(const double* weights, const double* fwd, const double* flag, size_t T, size_t N,
+                DailySeries s) {
+  if (flag) book_daily_rows<true>(weights, fwd, flag, T, N, s);
+  else book_daily_rows<false>(weights, fwd, nullptr, T, N, s);
 }
 
 }  // namespace quillmarsh::local

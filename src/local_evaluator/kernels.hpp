@@ -59,7 +59,7 @@ void book_weights(const double* signal, double* weights, size_t T, size_t N, Nor
 
 // Daily series of a book against the next day's returns (a missing return earns nothing):
 // pnl, traded value, long count, short count, net exposure, absolute weight sum, largest weight share,
-// number of positions held, and the absolute weight on instruments flagged by `flag` (> 0; may be null).
+// number of positions held, and sum_n flag[t,n] * |w[t,n]| for a 0/1 `flag` panel (may be null: 0).
 struct DailySeries {
   double* pnl; double* traded; double* longs; double* shorts; double* net; double* abs_sum; double* max_share;
   double* held; double* flagged;
