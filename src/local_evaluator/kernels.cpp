@@ -24,12 +24,14 @@ int min_periods(int window, bool needs_two) {
 // Running sums of the valid values in each column's window. Values are shifted by the column's first
 // valid observation so that the sums of squares do not cancel catastrophically for level-like series.
 namespace {
+// Running sums of the valid values in each column's window, each column shifted by its first valid value
+// so that sums of squares do not cancel catastrophically for level-like series. `emit_row` turns the
+// sums of a whole row into its outputs; every step is a select, so the row loops vectorise.
 struct Moments {
   std::vector<double> shift, s1, s2, count;
   explicit Moments(size_t N) : shift(N, 0.0), s1(N, 0.0), s2(N, 0.0), count(N, 0.0) {}
   template <class F>
-  void run(const double* x, double* out, size_t T, size_t N, int w, F&& emit) {
-    // Shift each column by its first valid value (found in a pre-pass) so that the loop has no branch.
+  void run(const double* x, double* out, size_t T, size_t N, int w, F&& emit_row) {
     std::vector<char> found(N, 0);
     size_t left = N;
     for (size_t t = 0; t < T && left; ++t)
@@ -40,10 +42,9 @@ struct Moments {
     double* __restrict c = count.data();
     const double* __restrict k = shift.data();
     for (size_t t = 0; t < T; ++t) {
-      const double* row = x + t * N;
-      double* o = out + t * N;
+      const double* __restrict row = x + t * N;
       if (t >= size_t(w)) {
-        const double* old = x + (t - w) * N;
+        const double* __restrict old = x + (t - w) * N;
         for (size_t n = 0; n < N; ++n) {
           bool valid = old[n] == old[n];
           double d = valid ? old[n] - k[n] : 0.0;
@@ -54,63 +55,73 @@ struct Moments {
         bool valid = row[n] == row[n];
         double d = valid ? row[n] - k[n] : 0.0;
         a1[n] += d; a2[n] += d * d; c[n] += valid ? 1.0 : 0.0;
+        bool empty = c[n] == 0.0;  // an empty window restarts from exact zeros
+        a1[n] = empty ? 0.0 : a1[n];
+        a2[n] = empty ? 0.0 : a2[n];
       }
-      for (size_t n = 0; n < N; ++n) {
-        if (c[n] == 0.0) { a1[n] = 0.0; a2[n] = 0.0; }
-        o[n] = ok(row[n]) ? emit(n, row[n]) : kNaN;
-      }
+      emit_row(row, out + t * N, N, a1, a2, c, k);
     }
   }
 };
+using Sums = const double* __restrict;
 }  // namespace
 
 void ts_sum(const double* x, double* out, size_t T, size_t N, int w) {
   Moments m(N);
-  const int mp = min_periods(w, false);
-  m.run(x, out, T, N, w, [&](size_t n, double) {
-    return m.count[n] < mp ? kNaN : m.s1[n] + m.count[n] * m.shift[n];
+  const double mp = min_periods(w, false);
+  m.run(x, out, T, N, w, [mp](Sums row, double* __restrict o, size_t n_, Sums a1, Sums, Sums c, Sums k) {
+    for (size_t n = 0; n < n_; ++n)
+      o[n] = ((row[n] == row[n]) & (c[n] >= mp)) ? a1[n] + c[n] * k[n] : kNaN;
   });
 }
 
 void ts_mean(const double* x, double* out, size_t T, size_t N, int w) {
   Moments m(N);
-  const int mp = min_periods(w, false);
-  m.run(x, out, T, N, w, [&](size_t n, double) {
-    return m.count[n] < mp ? kNaN : m.shift[n] + m.s1[n] / m.count[n];
+  const double mp = min_periods(w, false);
+  m.run(x, out, T, N, w, [mp](Sums row, double* __restrict o, size_t n_, Sums a1, Sums, Sums c, Sums k) {
+    for (size_t n = 0; n < n_; ++n) {
+      double cc = c[n] > 0.0 ? c[n] : 1.0;
+      o[n] = ((row[n] == row[n]) & (c[n] >= mp)) ? k[n] + a1[n] / cc : kNaN;
+    }
   });
 }
 
 namespace {
-inline double sample_var(const Moments& m, size_t n) {
-  double c = m.count[n];
-  double v = (m.s2[n] - m.s1[n] * m.s1[n] / c) / (c - 1.0);
-  return v > 0.0 ? v : 0.0;
-}
-// A variance this small relative to the squared deviations is rounding residue of a constant window.
-inline bool degenerate(const Moments& m, size_t n, double var) {
-  return var <= 1e-14 * (m.s2[n] / m.count[n]) || var == 0.0;
+// Sample variance of a window and whether it is degenerate: a variance this small relative to the squared
+// deviations is rounding residue of a constant window.
+inline double window_var(double a1, double a2, double c, bool& degenerate) {
+  double cc = c > 1.0 ? c : 2.0;
+  double v = (a2 - a1 * a1 / cc) / (cc - 1.0);
+  v = v > 0.0 ? v : 0.0;
+  degenerate = !(v > 1e-14 * (a2 / cc));
+  return v;
 }
 }  // namespace
 
 void ts_std(const double* x, double* out, size_t T, size_t N, int w) {
   Moments m(N);
-  const int mp = min_periods(w, true);
-  m.run(x, out, T, N, w, [&](size_t n, double) {
-    if (m.count[n] < mp) return kNaN;
-    double v = sample_var(m, n);
-    return degenerate(m, n, v) ? 0.0 : std::sqrt(v);
+  const double mp = min_periods(w, true);
+  m.run(x, out, T, N, w, [mp](Sums row, double* __restrict o, size_t n_, Sums a1, Sums a2, Sums c, Sums) {
+    for (size_t n = 0; n < n_; ++n) {
+      bool deg;
+      double v = window_var(a1[n], a2[n], c[n], deg);
+      double sd = deg ? 0.0 : std::sqrt(v);
+      o[n] = ((row[n] == row[n]) & (c[n] >= mp)) ? sd : kNaN;
+    }
   });
 }
 
 void ts_zscore(const double* x, double* out, size_t T, size_t N, int w) {
   Moments m(N);
-  const int mp = min_periods(w, true);
-  m.run(x, out, T, N, w, [&](size_t n, double v) {
-    if (m.count[n] < mp) return kNaN;
-    double var = sample_var(m, n);
-    if (degenerate(m, n, var)) return kNaN;
-    double mean = m.s1[n] / m.count[n];
-    return ((v - m.shift[n]) - mean) / std::sqrt(var);
+  const double mp = min_periods(w, true);
+  m.run(x, out, T, N, w, [mp](Sums row, double* __restrict o, size_t n_, Sums a1, Sums a2, Sums c, Sums k) {
+    for (size_t n = 0; n < n_; ++n) {
+      bool deg;
+      double v = window_var(a1[n], a2[n], c[n], deg);
+      double cc = c[n] > 0.0 ? c[n] : 1.0;
+      double z = ((row[n] - k[n]) - a1[n] / cc) / std::sqrt(deg ? 1.0 : v);
+      o[n] = ((row[n] == row[n]) & (c[n] >= mp) & !deg) ? z : kNaN;
+    }
   });
 }
 
