@@ -40,6 +40,9 @@ def test_planted_signals_pass(evaluator, graph):
     stats = backtest(evaluator, graph(evaluator))
     assert stats.sharpe > THRESHOLDS["sharpe_min"]
     assert stats.passed and stats.is_pnl_mi > THRESHOLDS["mi_threshold"]
+    for rules in (stats.liquidity_metrics, stats.weight_quality_metrics, stats.custom_stats):
+        assert all(entry["passed"] for entry in rules.values()), rules
+    assert stats.turnover <= THRESHOLDS["turnover_max"] and stats.max_weight <= THRESHOLDS["max_weight_max"]
 
 
 def test_noise_features_do_not_pass(evaluator):

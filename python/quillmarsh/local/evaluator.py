@@ -439,8 +439,9 @@ class LocalEvaluator:
             abs_weight_sum_mean=float(abs_sum.mean()),
             quality_score=primary["quality_score"], per_column_stats=per_column,
             correlation=correlation, is_correlation=correlation, is_pnl_mi=is_pnl_mi,
-            liquidity_metrics={"illiquid_weight_share": {"value": illiquid_share, "max": 0.2,
-                                                         "passed": illiquid_share <= 0.2}},
+            # An even book holds about a fifth of its weight in the least liquid fifth of the names.
+            liquidity_metrics={"illiquid_weight_share": {"value": illiquid_share, "max": 0.3,
+                                                         "passed": illiquid_share <= 0.3}},
             weight_quality_metrics={"coverage": {"value": coverage, "min": 0.3,
                                                  "passed": coverage is not None and coverage >= 0.3}},
             custom_stats={"positive_year_fraction": {"value": stability, "min": 0.5,
