@@ -269,46 +269,60 @@ void ts_delta(const double* x, double* out, size_t T, size_t N, int d) {
 
 namespace {
 // Running co-moments over the pairs of a window where both inputs are valid, each input shifted by its
-// first valid pair.
+// value in the first valid pair. Updates and outputs go a whole row at a time.
 template <class F>
 void ts_pair(const double* x, const double* y, double* out, size_t T, size_t N, int w, F&& emit) {
-  std::vector<double> sx(N), sy(N), sxx(N), syy(N), sxy(N), kx(N), ky(N);
-  std::vector<int> count(N, 0);
+  std::vector<double> sx_v(N, 0.0), sy_v(N, 0.0), sxx_v(N, 0.0), syy_v(N, 0.0), sxy_v(N, 0.0);
+  std::vector<double> kx_v(N, 0.0), ky_v(N, 0.0), c_v(N, 0.0);
   std::vector<char> has(N, 0);
-  const int mp = min_periods(w, true);
-  for (size_t t = 0; t < T; ++t) {
-    double* o = out + t * N;
-    for (size_t n = 0; n < N; ++n) {
-      if (t >= size_t(w)) {
-        double a = x[(t - w) * N + n], b = y[(t - w) * N + n];
-        if (ok(a) && ok(b)) {
-          a -= kx[n]; b -= ky[n];
-          sx[n] -= a; sy[n] -= b; sxx[n] -= a * a; syy[n] -= b * b; sxy[n] -= a * b; --count[n];
-          if (count[n] == 0) sx[n] = sy[n] = sxx[n] = syy[n] = sxy[n] = 0.0;
-        }
+  size_t left = N;
+  for (size_t t = 0; t < T && left; ++t)
+    for (size_t n = 0; n < N; ++n)
+      if (!has[n] && ok(x[t * N + n]) && ok(y[t * N + n])) {
+        kx_v[n] = x[t * N + n]; ky_v[n] = y[t * N + n]; has[n] = 1; --left;
       }
-      double a = x[t * N + n], b = y[t * N + n];
-      if (!(ok(a) && ok(b))) { o[n] = kNaN; continue; }
-      if (!has[n]) { kx[n] = a; ky[n] = b; has[n] = 1; }
-      a -= kx[n]; b -= ky[n];
-      sx[n] += a; sy[n] += b; sxx[n] += a * a; syy[n] += b * b; sxy[n] += a * b; ++count[n];
-      if (count[n] < mp) { o[n] = kNaN; continue; }
-      double c = count[n];
-      double cxy = sxy[n] - sx[n] * sy[n] / c;
-      double cxx = sxx[n] - sx[n] * sx[n] / c;
-      double cyy = syy[n] - sy[n] * sy[n] / c;
-      o[n] = emit(c, cxy, cxx, cyy, sxx[n], syy[n]);
+  double* __restrict sx = sx_v.data(); double* __restrict sy = sy_v.data();
+  double* __restrict sxx = sxx_v.data(); double* __restrict syy = syy_v.data();
+  double* __restrict sxy = sxy_v.data(); double* __restrict c = c_v.data();
+  const double* __restrict kx = kx_v.data(); const double* __restrict ky = ky_v.data();
+  const double mp = min_periods(w, true);
+  auto step = [&](const double* __restrict xr, const double* __restrict yr, double sign) {
+    for (size_t n = 0; n < N; ++n) {
+      bool valid = ok(xr[n]) & ok(yr[n]);
+      double a = valid ? xr[n] - kx[n] : 0.0, b = valid ? yr[n] - ky[n] : 0.0;
+      sx[n] += sign * a; sy[n] += sign * b;
+      sxx[n] += sign * a * a; syy[n] += sign * b * b; sxy[n] += sign * a * b;
+      c[n] += valid ? sign : 0.0;
+    }
+  };
+  for (size_t t = 0; t < T; ++t) {
+    if (t >= size_t(w)) step(x + (t - w) * N, y + (t - w) * N, -1.0);
+    const double* __restrict xr = x + t * N;
+    const double* __restrict yr = y + t * N;
+    step(xr, yr, 1.0);
+    double* __restrict o = out + t * N;
+    for (size_t n = 0; n < N; ++n) {
+      bool empty = c[n] == 0.0;  // an empty window restarts from exact zeros
+      sx[n] = empty ? 0.0 : sx[n]; sy[n] = empty ? 0.0 : sy[n];
+      sxx[n] = empty ? 0.0 : sxx[n]; syy[n] = empty ? 0.0 : syy[n]; sxy[n] = empty ? 0.0 : sxy[n];
+      double cc = c[n] > 1.0 ? c[n] : 2.0;
+      double cxy = sxy[n] - sx[n] * sy[n] / cc;
+      double cxx = sxx[n] - sx[n] * sx[n] / cc;
+      double cyy = syy[n] - sy[n] * sy[n] / cc;
+      double v = emit(cc, cxy, cxx, cyy, sxx[n], syy[n]);
+      o[n] = (ok(xr[n]) & ok(yr[n]) & (c[n] >= mp)) ? v : kNaN;
     }
   }
 }
 }  // namespace
 
 void ts_corr(const double* x, const double* y, double* out, size_t T, size_t N, int w) {
-  ts_pair(x, y, out, T, N, w, [](double c, double cxy, double cxx, double cyy, double sxx, double syy) {
-    if (cxx <= 1e-14 * sxx || cyy <= 1e-14 * syy || cxx <= 0.0 || cyy <= 0.0) return kNaN;
-    (void)c;
-    double r = cxy / std::sqrt(cxx * cyy);
-    return std::clamp(r, -1.0, 1.0);
+  ts_pair(x, y, out, T, N, w, [](double, double cxy, double cxx, double cyy, double sxx, double syy) {
+    // A variance this small relative to the squared deviations is rounding residue of a constant window.
+    bool flat = !(cxx > 1e-14 * sxx) | !(cyy > 1e-14 * syy);
+    double r = cxy / std::sqrt(flat ? 1.0 : cxx * cyy);
+    r = r > 1.0 ? 1.0 : (r < -1.0 ? -1.0 : r);
+    return flat ? kNaN : r;
   });
 }
 
