@@ -33,9 +33,9 @@ SEED = 20240601
 def random_graph(rng: random.Random, rotations, features, depth):
     if depth <= 1:
         return {"type": "feature", "node": rng.choice(features)}
-    spec = rng.choice(rotations)
-    children = [random_graph(rng, rotations, features, depth - 1) for _ in spec.data_inputs]
-    return {"type": "rotation", "node": spec.name, "children": children}
+    info = rng.choice(rotations)
+    children = [random_graph(rng, rotations, features, depth - 1) for _ in info.data_inputs]
+    return {"type": "rotation", "node": info.name, "children": children}
 
 
 def expressions(evaluator):
@@ -48,8 +48,8 @@ def expressions(evaluator):
 def count_nodes(graph):
     if graph["type"] == "feature":
         return 0, 0
-    spec = FUNCTIONS[graph["node"]]
-    ops, reads = 1, len(spec.data_inputs) + 1
+    info = FUNCTIONS[graph["node"]]
+    ops, reads = 1, len(info.data_inputs) + 1
     for c in graph["children"]:
         o, r = count_nodes(c)
         ops, reads = ops + o, reads + r
@@ -144,10 +144,10 @@ BINARY = {"add": np.add, "sub": np.subtract, "mul": np.multiply, "min": np.minim
 def np_eval(evaluator, graph):
     if graph["type"] == "feature":
         return evaluator._feature(graph["node"])
-    spec = FUNCTIONS[graph["node"]]
+    info = FUNCTIONS[graph["node"]]
     args = [np_eval(evaluator, c) for c in graph["children"]]
-    kind, op = spec.op.split(":")
-    param = spec.config[0][2] if spec.config else None
+    kind, op = info.op.split(":")
+    param = info.config[0][2] if info.config else None
     with np.errstate(all="ignore"):
         if kind == "ts":
             return np_ts(op, args[0], param)
