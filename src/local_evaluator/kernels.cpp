@@ -461,101 +461,126 @@ inline bool demean_and_scale(const double* src, double* o, size_t N) {
 }
 }  // namespace
 
-void book_weights(const double* signal, double* weights, size_t T, size_t N, Normalization norm,
-                  int decay, double truncation, int* scratch) {
+namespace {
+// The per-day normalisation of the book, when it is more than a positive per-day scale (rank) or when
+// days are blended (decay). Returns false when the book can come straight from the signal: "none",
+// "zscore" and "rescale" scale each day by a positive constant that demeaning and scaling to unit gross
+// remove again.
+bool normalise(const double* signal, std::vector<double>& panel, size_t T, size_t N, Normalization norm,
+               int decay, int* scratch) {
+  if (decay <= 1 && norm != Normalization::rank) return false;
   const size_t cells = T * N;
-  // Without decay, "none", "zscore" and "rescale" scale each day by a positive constant that demeaning and
-  // scaling to unit gross remove again, so the book comes straight from the signal in one fused pass.
-  const bool direct = decay <= 1 && norm != Normalization::rank;
-  if (!direct) {
-    switch (norm) {
-      case Normalization::none: std::copy(signal, signal + cells, weights); break;
-      case Normalization::rank: cs_rank(signal, weights, T, N, scratch); break;
-      case Normalization::zscore: cs_zscore(signal, weights, T, N); break;
-      case Normalization::rescale:
-        for (size_t t = 0; t < T; ++t) {
-          const double* row = signal + t * N;
-          double* o = weights + t * N;
-          double mx = 0.0;
-          for (size_t n = 0; n < N; ++n) if (ok(row[n])) mx = std::max(mx, std::fabs(row[n]));
-          for (size_t n = 0; n < N; ++n) o[n] = mx > 0.0 ? row[n] / mx : kNaN;
-        }
-        break;
-    }
-    if (decay > 1) {
-      std::vector<double> tmp(weights, weights + cells);
-      ts_decay_linear(tmp.data(), weights, T, N, decay, 1);
-    }
-  }
-  for (size_t t = 0; t < T; ++t) {
-    double* o = weights + t * N;
-    if (!demean_and_scale(direct ? signal + t * N : o, o, N)) continue;
-    double largest = 0.0;
-    for (size_t n = 0; n < N; ++n) largest = std::max(largest, std::fabs(o[n]));
-    if (truncation > 0.0 && largest > truncation) {
-      // Water-filling: weights above the cap are pinned to it and the rest re-scaled to fill the book,
-      // until no free weight exceeds the cap (at most N rounds, each pinning at least one weight).
-      char* pinned = reinterpret_cast<char*>(scratch);
-      std::fill(pinned, pinned + N, 0);
-      size_t npinned = 0;
-      for (size_t round = 0; round <= N; ++round) {
-        double free_gross = 0.0;
-        for (size_t n = 0; n < N; ++n) if (!pinned[n]) free_gross += std::fabs(o[n]);
-        double room = 1.0 - double(npinned) * truncation;
-        if (!(free_gross > 0.0) || room <= 0.0) break;
-        double scale = room / free_gross;
-        bool more = false;
-        for (size_t n = 0; n < N; ++n) {
-          if (!pinned[n] && std::fabs(o[n]) * scale > truncation) { pinned[n] = 1; ++npinned; more = true; }
-        }
-        if (!more) {
-          for (size_t n = 0; n < N; ++n) if (!pinned[n]) o[n] *= scale;
-          break;
-        }
-        for (size_t n = 0; n < N; ++n) if (pinned[n]) o[n] = std::copysign(truncation, o[n]);
+  panel.resize(cells);
+  double* weights = panel.data();
+  switch (norm) {
+    case Normalization::none: std::copy(signal, signal + cells, weights); break;
+    case Normalization::rank: cs_rank(signal, weights, T, N, scratch); break;
+    case Normalization::zscore: cs_zscore(signal, weights, T, N); break;
+    case Normalization::rescale:
+      for (size_t t = 0; t < T; ++t) {
+        const double* row = signal + t * N;
+        double* o = weights + t * N;
+        double mx = 0.0;
+        for (size_t n = 0; n < N; ++n) if (ok(row[n])) mx = std::max(mx, std::fabs(row[n]));
+        for (size_t n = 0; n < N; ++n) o[n] = mx > 0.0 ? row[n] / mx : kNaN;
       }
-      for (size_t n = 0; n < N; ++n) if (pinned[n]) o[n] = std::copysign(truncation, o[n]);
-    }
+      break;
   }
+  if (decay > 1) {
+    std::vector<double> tmp(panel);
+    ts_decay_linear(tmp.data(), weights, T, N, decay, 1);
+  }
+  return true;
 }
 
-namespace {
-template <bool HasFlag>
-void book_daily_rows(const double* weights, const double* fwd, const double* flag, size_t T, size_t N,
-                     DailySeries s) {
-  // Branch-free: every test is a select; the flag is a 0/1 multiplier.
-  for (size_t t = 0; t < T; ++t) {
-    const double* __restrict w = weights + t * N;
-    const double* __restrict r = fwd + t * N;
-    double pnl = 0.0, traded = 0.0, longs = 0.0, shorts = 0.0, net = 0.0, gross = 0.0, mx = 0.0;
-    double flagged = 0.0;
-    if (t) {
-      const double* __restrict prev = weights + (t - 1) * N;
-      for (size_t n = 0; n < N; ++n) traded += std::fabs(w[n] - prev[n]);
-    } else {
-      for (size_t n = 0; n < N; ++n) traded += std::fabs(w[n]);
-    }
+// One day of the book: demean, scale to unit gross, cap at `truncation` by water-filling (weights above
+// the cap are pinned to it and the rest re-scaled to fill the book, until no free weight exceeds it; at
+// most N rounds, each pinning at least one weight).
+void book_row(const double* src, double* o, size_t N, double truncation, char* pinned) {
+  if (!demean_and_scale(src, o, N)) return;
+  double largest = 0.0;
+  for (size_t n = 0; n < N; ++n) largest = std::max(largest, std::fabs(o[n]));
+  if (!(truncation > 0.0 && largest > truncation)) return;
+  std::fill(pinned, pinned + N, 0);
+  size_t npinned = 0;
+  for (size_t round = 0; round <= N; ++round) {
+    double free_gross = 0.0;
+    for (size_t n = 0; n < N; ++n) if (!pinned[n]) free_gross += std::fabs(o[n]);
+    double room = 1.0 - double(npinned) * truncation;
+    if (!(free_gross > 0.0) || room <= 0.0) break;
+    double scale = room / free_gross;
+    bool more = false;
     for (size_t n = 0; n < N; ++n) {
-      double v = w[n], a = std::fabs(v);
-      pnl += v * (r[n] == r[n] ? r[n] : 0.0);
-      longs += v > 0.0 ? 1.0 : 0.0;
-      shorts += v < 0.0 ? 1.0 : 0.0;
-      net += v;
-      gross += a;
-      mx = a > mx ? a : mx;
-      if constexpr (HasFlag) flagged += flag[t * N + n] * a;
+      if (!pinned[n] && std::fabs(o[n]) * scale > truncation) { pinned[n] = 1; ++npinned; more = true; }
     }
-    s.pnl[t] = pnl; s.traded[t] = traded; s.longs[t] = longs; s.shorts[t] = shorts;
-    s.net[t] = net; s.abs_sum[t] = gross; s.max_share[t] = gross > 0.0 ? mx / gross : 0.0;
-    s.held[t] = longs + shorts; s.flagged[t] = flagged;
+    if (!more) {
+      for (size_t n = 0; n < N; ++n) if (!pinned[n]) o[n] *= scale;
+      break;
+    }
+    for (size_t n = 0; n < N; ++n) if (pinned[n]) o[n] = std::copysign(truncation, o[n]);
   }
+  for (size_t n = 0; n < N; ++n) if (pinned[n]) o[n] = std::copysign(truncation, o[n]);
+}
+
+// One day of the daily series; `prev` is the previous day's book (null on the first day).
+template <bool HasFlag>
+void daily_row(const double* __restrict w, const double* __restrict prev, const double* __restrict r,
+               const double* __restrict f, size_t N, DailySeries& s, size_t t) {
+  double pnl = 0.0, traded = 0.0, longs = 0.0, shorts = 0.0, net = 0.0, gross = 0.0, mx = 0.0;
+  double flagged = 0.0;
+  if (prev) {
+    for (size_t n = 0; n < N; ++n) traded += std::fabs(w[n] - prev[n]);
+  } else {
+    for (size_t n = 0; n < N; ++n) traded += std::fabs(w[n]);
+  }
+  // Branch-free: every test is a select; the flag is a 0/1 multiplier.
+  for (size_t n = 0; n < N; ++n) {
+    double v = w[n], a = std::fabs(v);
+    pnl += v * (r[n] == r[n] ? r[n] : 0.0);
+    longs += v > 0.0 ? 1.0 : 0.0;
+    shorts += v < 0.0 ? 1.0 : 0.0;
+    net += v;
+    gross += a;
+    mx = a > mx ? a : mx;
+    if constexpr (HasFlag) flagged += f[n] * a;
+  }
+  s.pnl[t] = pnl; s.traded[t] = traded; s.longs[t] = longs; s.shorts[t] = shorts;
+  s.net[t] = net; s.abs_sum[t] = gross; s.max_share[t] = gross > 0.0 ? mx / gross : 0.0;
+  s.held[t] = longs + shorts; s.flagged[t] = flagged;
+}
+
+inline void daily(const double* w, const double* prev, const double* r, const double* f, size_t N,
+                  DailySeries& s, size_t t) {
+  if (f) daily_row<true>(w, prev, r, f, N, s, t);
+  else daily_row<false>(w, prev, r, nullptr, N, s, t);
 }
 }  // namespace
 
+void book_weights(const double* signal, double* weights, size_t T, size_t N, Normalization norm,
+                  int decay, double truncation, int* scratch) {
+  std::vector<double> panel;
+  const double* src = normalise(signal, panel, T, N, norm, decay, scratch) ? panel.data() : signal;
+  for (size_t t = 0; t < T; ++t)
+    book_row(src + t * N, weights + t * N, N, truncation, reinterpret_cast<char*>(scratch));
+}
+
 void book_daily(const double* weights, const double* fwd, const double* flag, size_t T, size_t N,
                 DailySeries s) {
-  if (flag) book_daily_rows<true>(weights, fwd, flag, T, N, s);
-  else book_daily_rows<false>(weights, fwd, nullptr, T, N, s);
+  for (size_t t = 0; t < T; ++t)
+    daily(weights + t * N, t ? weights + (t - 1) * N : nullptr, fwd + t * N, flag ? flag + t * N : nullptr,
+          N, s, t);
+}
+
+void book_series(const double* signal, const double* fwd, const double* flag, size_t T, size_t N,
+                 Normalization norm, int decay, double truncation, int* scratch, DailySeries s) {
+  std::vector<double> panel;
+  const double* src = normalise(signal, panel, T, N, norm, decay, scratch) ? panel.data() : signal;
+  std::vector<double> cur(N), prev(N);
+  for (size_t t = 0; t < T; ++t) {
+    book_row(src + t * N, cur.data(), N, truncation, reinterpret_cast<char*>(scratch));
+    daily(cur.data(), t ? prev.data() : nullptr, fwd + t * N, flag ? flag + t * N : nullptr, N, s, t);
+    std::swap(cur, prev);
+  }
 }
 
 }  // namespace quillmarsh::local

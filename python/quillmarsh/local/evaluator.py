@@ -363,9 +363,9 @@ class LocalEvaluator:
     def pnl_series(self, signal: np.ndarray, metaparameters=None, transform_pipeline=None) -> dict:
         """Book and daily series of a raw signal, in-sample and held out."""
         meta = self._metaparameters(metaparameters, transform_pipeline)
-        weights = _k.book_weights(signal, str(meta["normalization"]), meta["decay"], meta["truncation"])
-        pnl, traded, longs, shorts, net, abs_sum, max_share, held, illiquid = _k.book_daily(
-            weights, self._fwd, self._illiquid_flag())
+        pnl, traded, longs, shorts, net, abs_sum, max_share, held, illiquid = _k.book_series(
+            signal, self._fwd, str(meta["normalization"]), meta["decay"], meta["truncation"],
+            self._illiquid_flag())
         return {"gross_returns": pnl, "net_returns": pnl - self.cost * traded,
                 "traded": traded, "longs": longs, "shorts": shorts, "net": net, "abs_sum": abs_sum,
                 "max_share": max_share, "held": held, "illiquid": illiquid, "meta": meta}
