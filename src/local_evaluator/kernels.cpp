@@ -406,7 +406,14 @@ void unary(Unary op, const double* x, double* out, size_t n) {
       for (size_t i = 0; i < n; ++i) out[i] = ok(x[i]) ? double((x[i] > 0) - (x[i] < 0)) : kNaN;
       break;
     case Unary::slog:
-      for (size_t i = 0; i < n; ++i) out[i] = std::copysign(std::log1p(std::fabs(x[i])), x[i]);
+      // log1p(a) as log(u) - ((u - 1) - a) / u with u = 1 + a: the correction restores what rounding
+      // 1 + a lost, and plain log is much cheaper than log1p.
+      for (size_t i = 0; i < n; ++i) {
+        double a = std::fabs(x[i]), u = 1.0 + a;
+        bool exact = u == 1.0 || !(u < std::numeric_limits<double>::infinity());  // tiny, infinite, NaN
+        double l = exact ? a : std::log(u) - ((u - 1.0) - a) / u;
+        out[i] = std::copysign(l, x[i]);
+      }
       break;
     case Unary::ssqrt:
       for (size_t i = 0; i < n; ++i) out[i] = std::copysign(std::sqrt(std::fabs(x[i])), x[i]);
