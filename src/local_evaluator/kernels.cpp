@@ -46,18 +46,22 @@ struct Moments {
       if (t >= size_t(w)) {
         const double* __restrict old = x + (t - w) * N;
         for (size_t n = 0; n < N; ++n) {
-          bool valid = old[n] == old[n];
-          double d = valid ? old[n] - k[n] : 0.0;
-          a1[n] -= d; a2[n] -= d * d; c[n] -= valid ? 1.0 : 0.0;
+          double v = old[n];
+          double d = v - k[n];  // computed first, then selected: the form that vectorises
+          d = __builtin_isnan(v) ? 0.0 : d;
+          double one = __builtin_isnan(v) ? 0.0 : 1.0;
+          a1[n] -= d; a2[n] -= d * d; c[n] -= one;
         }
       }
       for (size_t n = 0; n < N; ++n) {
-        bool valid = row[n] == row[n];
-        double d = valid ? row[n] - k[n] : 0.0;
-        a1[n] += d; a2[n] += d * d; c[n] += valid ? 1.0 : 0.0;
-        bool empty = c[n] == 0.0;  // an empty window restarts from exact zeros
-        a1[n] = empty ? 0.0 : a1[n];
-        a2[n] = empty ? 0.0 : a2[n];
+        double v = row[n];
+        double d = v - k[n];
+        d = __builtin_isnan(v) ? 0.0 : d;
+        double one = __builtin_isnan(v) ? 0.0 : 1.0;
+        double cn = c[n] + one, s1n = a1[n] + d, s2n = a2[n] + d * d;
+        c[n] = cn;
+        a1[n] = cn == 0.0 ? 0.0 : s1n;  // an empty window restarts from exact zeros
+        a2[n] = cn == 0.0 ? 0.0 : s2n;
       }
       emit_row(row, out + t * N, N, a1, a2, c, k);
     }
@@ -71,7 +75,11 @@ void ts_sum(const double* x, double* out, size_t T, size_t N, int w) {
   const double mp = min_periods(w, false);
   m.run(x, out, T, N, w, [mp](Sums row, double* __restrict o, size_t n_, Sums a1, Sums, Sums c, Sums k) {
     for (size_t n = 0; n < n_; ++n)
-      o[n] = ((row[n] == row[n]) & (c[n] >= mp)) ? a1[n] + c[n] * k[n] : kNaN;
+    {
+      double r = a1[n] + c[n] * k[n];
+      r = c[n] < mp ? kNaN : r;
+      o[n] = __builtin_isnan(row[n]) ? kNaN : r;
+    }
   });
 }
 
@@ -81,7 +89,9 @@ void ts_mean(const double* x, double* out, size_t T, size_t N, int w) {
   m.run(x, out, T, N, w, [mp](Sums row, double* __restrict o, size_t n_, Sums a1, Sums, Sums c, Sums k) {
     for (size_t n = 0; n < n_; ++n) {
       double cc = c[n] > 0.0 ? c[n] : 1.0;
-      o[n] = ((row[n] == row[n]) & (c[n] >= mp)) ? k[n] + a1[n] / cc : kNaN;
+      double r = k[n] + a1[n] / cc;
+      r = c[n] < mp ? kNaN : r;
+      o[n] = __builtin_isnan(row[n]) ? kNaN : r;
     }
   });
 }
@@ -154,17 +164,17 @@ void ts_extreme(const double* x, double* out, size_t T, size_t N, int w, double*
       for (size_t n = 0; n < N; ++n) h[n] = pick(row[n] == row[n] ? row[n] : fill, q[n]);
     }
   }
-  const int mp = min_periods(w, false);
-  std::vector<int> count_v(N, 0);
-  int* __restrict count = count_v.data();
+  const double mp = min_periods(w, false);
+  std::vector<double> count_v(N, 0.0);
+  double* __restrict count = count_v.data();
   for (size_t t = 0; t < T; ++t) {
     const double* __restrict row = x + t * N;
     const double* __restrict p = prefix + t * N;
     double* __restrict o = out + t * N;
-    for (size_t n = 0; n < N; ++n) count[n] += int(row[n] == row[n]);
+    for (size_t n = 0; n < N; ++n) count[n] += __builtin_isnan(row[n]) ? 0.0 : 1.0;
     if (t >= W) {
       const double* __restrict old = x + (t - W) * N;
-      for (size_t n = 0; n < N; ++n) count[n] -= int(old[n] == old[n]);
+      for (size_t n = 0; n < N; ++n) count[n] -= __builtin_isnan(old[n]) ? 0.0 : 1.0;
     }
     if (t + 1 >= W) {
       const double* __restrict h = suffix + (t + 1 - W) * N;
@@ -172,7 +182,10 @@ void ts_extreme(const double* x, double* out, size_t T, size_t N, int w, double*
     } else {
       for (size_t n = 0; n < N; ++n) o[n] = p[n];  // the window is still inside the first block
     }
-    for (size_t n = 0; n < N; ++n) o[n] = (row[n] == row[n] && count[n] >= mp) ? o[n] : kNaN;
+    for (size_t n = 0; n < N; ++n) {
+      double r = count[n] < mp ? kNaN : o[n];
+      o[n] = __builtin_isnan(row[n]) ? kNaN : r;
+    }
   }
 }
 }  // namespace
@@ -288,11 +301,15 @@ void ts_pair(const double* x, const double* y, double* out, size_t T, size_t N, 
   const double mp = min_periods(w, true);
   auto step = [&](const double* __restrict xr, const double* __restrict yr, double sign) {
     for (size_t n = 0; n < N; ++n) {
-      bool valid = ok(xr[n]) & ok(yr[n]);
-      double a = valid ? xr[n] - kx[n] : 0.0, b = valid ? yr[n] - ky[n] : 0.0;
+      // Computed first, then selected: the form that vectorises. A pair is missing when x + y is NaN.
+      double xv = xr[n], yv = yr[n];
+      double a = xv - kx[n], b = yv - ky[n];
+      a = __builtin_isnan(xv + yv) ? 0.0 : a;
+      b = __builtin_isnan(xv + yv) ? 0.0 : b;
+      double one = __builtin_isnan(xv + yv) ? 0.0 : sign;
       sx[n] += sign * a; sy[n] += sign * b;
       sxx[n] += sign * a * a; syy[n] += sign * b * b; sxy[n] += sign * a * b;
-      c[n] += valid ? sign : 0.0;
+      c[n] += one;
     }
   };
   for (size_t t = 0; t < T; ++t) {
@@ -302,15 +319,18 @@ void ts_pair(const double* x, const double* y, double* out, size_t T, size_t N, 
     step(xr, yr, 1.0);
     double* __restrict o = out + t * N;
     for (size_t n = 0; n < N; ++n) {
-      bool empty = c[n] == 0.0;  // an empty window restarts from exact zeros
-      sx[n] = empty ? 0.0 : sx[n]; sy[n] = empty ? 0.0 : sy[n];
-      sxx[n] = empty ? 0.0 : sxx[n]; syy[n] = empty ? 0.0 : syy[n]; sxy[n] = empty ? 0.0 : sxy[n];
-      double cc = c[n] > 1.0 ? c[n] : 2.0;
-      double cxy = sxy[n] - sx[n] * sy[n] / cc;
-      double cxx = sxx[n] - sx[n] * sx[n] / cc;
-      double cyy = syy[n] - sy[n] * sy[n] / cc;
-      double v = emit(cc, cxy, cxx, cyy, sxx[n], syy[n]);
-      o[n] = (ok(xr[n]) & ok(yr[n]) & (c[n] >= mp)) ? v : kNaN;
+      // An empty window restarts from exact zeros.
+      double ax = sx[n], ay = sy[n], axx = sxx[n], ayy = syy[n], axy = sxy[n], cn = c[n];
+      ax = cn == 0.0 ? 0.0 : ax; ay = cn == 0.0 ? 0.0 : ay;
+      axx = cn == 0.0 ? 0.0 : axx; ayy = cn == 0.0 ? 0.0 : ayy; axy = cn == 0.0 ? 0.0 : axy;
+      sx[n] = ax; sy[n] = ay; sxx[n] = axx; syy[n] = ayy; sxy[n] = axy;
+      double cc = cn > 1.0 ? cn : 2.0;
+      double cxy = axy - ax * ay / cc;
+      double cxx = axx - ax * ax / cc;
+      double cyy = ayy - ay * ay / cc;
+      double v = emit(cc, cxy, cxx, cyy, axx, ayy);
+      v = c[n] < mp ? kNaN : v;
+      o[n] = __builtin_isnan(xr[n] + yr[n]) ? kNaN : v;
     }
   }
 }
@@ -318,11 +338,11 @@ void ts_pair(const double* x, const double* y, double* out, size_t T, size_t N, 
 
 void ts_corr(const double* x, const double* y, double* out, size_t T, size_t N, int w) {
   ts_pair(x, y, out, T, N, w, [](double, double cxy, double cxx, double cyy, double sxx, double syy) {
-    // A variance this small relative to the squared deviations is rounding residue of a constant window.
-    bool flat = !(cxx > 1e-14 * sxx) | !(cyy > 1e-14 * syy);
-    double r = cxy / std::sqrt(flat ? 1.0 : cxx * cyy);
+    double r = cxy / std::sqrt(cxx * cyy);
     r = r > 1.0 ? 1.0 : (r < -1.0 ? -1.0 : r);
-    return flat ? kNaN : r;
+    // A variance this small relative to the squared deviations is rounding residue of a constant window.
+    r = cxx > 1e-14 * sxx ? r : kNaN;
+    return cyy > 1e-14 * syy ? r : kNaN;
   });
 }
 
