@@ -1,0 +1,272 @@
+#include "templates/random_weighted.hpp"
+
+#include "common/py_helpers.hpp"
+#include "era/vocabulary.hpp"
+#include "templates/eligibility.hpp"
+#include "templates/node_budget.hpp"
+#include "templates/weights.hpp"
+
+#include <algorithm>
+#include <climits>
+#include <cmath>
+
+namespace quillmarsh::st {
+
+namespace {
+
+py::object steal(PyObject* p) {
+    if (p == nullptr) throw py::error_already_set();
+    return py::reinterpret_steal<py::object>(p);
+}
+
+// A fresh shallow copy of a config leaf: a dict copies as a dict, anything else through copy.copy.
+py::object copy_leaf(py::handle leaf) {
+    if (PyDict_Check(leaf.ptr())) return steal(PyDict_Copy(leaf.ptr()));
+    return import_module("copy").attr("copy")(leaf);
+}
+
+void set_item(py::handle dict, py::handle key, py::handle value) {
+    if (PyDict_SetItem(dict.ptr(), key.ptr(), value.ptr()) != 0) throw py::error_already_set();
+}
+
+}  // namespace
+
+std::uint64_t SplitMix64::below(std::uint64_t n) {
+    // Lemire's multiply-and-shift with rejection of the biased low band.
+    unsigned __int128 m = static_cast<unsigned __int128>(next()) * n;
+    auto low = static_cast<std::uint64_t>(m);
+    if (low < n) {
+        std::uint64_t threshold = (0 - n) % n;
+        while (low < threshold) {
+            m = static_cast<unsigned __int128>(next()) * n;
+            low = static_cast<std::uint64_t>(m);
+        }
+    }
+    return static_cast<std::uint64_t>(m >> 64);
+}
+
+size_t weighted_index(const std::vector<double>& cum, SplitMix64& rng) {
+    double total = cum.back();
+    if (!(total > 0.0) || !std::isfinite(total)) return static_cast<size_t>(rng.below(cum.size()));
+    double r = rng.uniform() * total;
+    size_t i = static_cast<size_t>(std::lower_bound(cum.begin(), cum.end(), r) - cum.begin());
+    return i < cum.size() ? i : cum.size() - 1;
+}
+
+// ---- the generator -----------------------------------------------------------------------------------
+
+RandomWeightedGenerator::RandomWeightedGenerator(py::object ctx) : ctx_(std::move(ctx)) {
+    key_type_ = steal(PyUnicode_InternFromString("type"));
+    key_node_ = steal(PyUnicode_InternFromString("node"));
+    key_children_ = steal(PyUnicode_InternFromString("children"));
+    type_rotation_ = steal(PyUnicode_InternFromString("rotation"));
+    type_feature_ = steal(PyUnicode_InternFromString("feature"));
+}
+
+bool RandomWeightedGenerator::prepare() {
+    py::dict vocab = normalize_template_vocabulary(ctx_.attr("vocabulary"));
+    py::object raw_depth = ctx_.attr("max_depth");
+    py::object max_depth = try_py_int(raw_depth);
+    if (!max_depth) {
+        log_info("random_weighted disabled: invalid max_depth %r", raw_depth);
+        return false;
+    }
+    if (py_gt(max_depth, py::int_(RANDOM_WEIGHTED_MAX_DEPTH))) max_depth = py::int_(RANDOM_WEIGHTED_MAX_DEPTH);
+    if (py_lt(max_depth, py::int_(2))) {
+        log_info("random_weighted disabled: max_depth %r cannot produce a rotation root", max_depth);
+        return false;
+    }
+    long long requested_depth = max_depth.cast<long long>();  // within [2, 6] here
+    py::object functions = map_get(vocab, "functions", py::list());
+    py::object features = map_get(vocab, "features", py::list());
+
+    py::object window_limit = random_weighted_window_limit(ctx_, max_depth);
+    long long node_limit = random_weighted_node_limit(ctx_);
+    py::int_ node_limit_obj(node_limit);
+    py::object registry = random_weighted_runtime_registry(ctx_);
+
+    py::list safe_rotations = random_weighted_safe_rotations(functions, window_limit, node_limit_obj, registry);
+    feat_names_ = random_weighted_feature_names(features);
+    safe_rotations = random_weighted_rotations_within_node_budget(safe_rotations, node_limit_obj);
+    effective_max_depth_ = random_weighted_max_depth_within_node_budget(safe_rotations, requested_depth, node_limit);
+
+    bool no_rotations = py::len(safe_rotations) == 0, no_features = py::len(feat_names_) == 0;
+    if (no_rotations || no_features) {
+        if (no_rotations) log_info("random_weighted disabled: no SIGNAL-safe rotation functions available");
+        if (no_features) log_info("random_weighted disabled: no valid features available");
+        return false;
+    }
+    if (effective_max_depth_ < 2) {
+        log_info("random_weighted disabled: node budget %r cannot produce a rotation root", node_limit_obj);
+        return false;
+    }
+    if (effective_max_depth_ < requested_depth)
+        log_info("random_weighted capped max_depth from %r to %r to stay within node budget %r", max_depth,
+                 py::int_(effective_max_depth_), node_limit_obj);
+
+    // func_specs: a name listed twice keeps both occurrences in func_names, and the later record.
+    py::dict index_of_name;
+    for (py::handle record : safe_rotations) {
+        py::object name = record["name"];
+        Rotation rotation;
+        rotation.name = name;
+        rotation.data_inputs = static_cast<Py_ssize_t>(py::len(record["data_params"]));
+        for (py::handle leaf : record["config_children"])
+            rotation.config_children.push_back(py::reinterpret_borrow<py::object>(leaf));
+        index_of_name[name] = py::int_(rotations_.size());
+        rotations_.push_back(std::move(rotation));
+        func_names_.append(name);
+    }
+    for (py::handle name : func_names_) func_rotation_.push_back(index_of_name[name].cast<size_t>());
+
+    random_module_ = import_module("random");
+    have_cached_analytics_ = false;
+    cached_analytics_ = py::none();
+    return true;
+}
+
+void RandomWeightedGenerator::refresh_weights(py::object analytics) {
+    py::tuple maps = random_weighted_yield_maps(analytics, func_names_, feat_names_);
+    f_cum_weights_ = random_weighted_cum_weights(func_names_, maps[0]);
+    fe_cum_weights_ = random_weighted_cum_weights(feat_names_, maps[1]);
+    cached_analytics_ = std::move(analytics);
+    have_cached_analytics_ = true;
+}
+
+py::object RandomWeightedGenerator::build(long long depth) {
+    if (depth <= 1) {
+        size_t i = weighted_index(fe_cum_weights_, rng_);
+        py::object leaf = steal(PyDict_New());
+        set_item(leaf, key_type_, type_feature_);
+        set_item(leaf, key_node_, PyList_GET_ITEM(feat_names_.ptr(), i));
+        return leaf;
+    }
+    size_t i = weighted_index(f_cum_weights_, rng_);
+    const Rotation& rotation = rotations_[func_rotation_[i]];
+    Py_ssize_t n_config = static_cast<Py_ssize_t>(rotation.config_children.size());
+    py::object children = steal(PyList_New(rotation.data_inputs + n_config));
+    for (Py_ssize_t k = 0; k < rotation.data_inputs; ++k)
+        PyList_SET_ITEM(children.ptr(), k, build(depth - 1).release().ptr());  // pre-order: subtree by subtree
+    for (Py_ssize_t k = 0; k < n_config; ++k)
+        PyList_SET_ITEM(children.ptr(), rotation.data_inputs + k, copy_leaf(rotation.config_children[k]).release().ptr());
+    py::object node = steal(PyDict_New());
+    set_item(node, key_type_, type_rotation_);
+    set_item(node, key_node_, PyList_GET_ITEM(func_names_.ptr(), i));
+    set_item(node, key_children_, children);
+    return node;
+}
+
+py::object RandomWeightedGenerator::draw() {
+    // One call into `random` per graph: the seed of this graph's private stream.
+    py::object bits = random_module_.attr("getrandbits")(64);
+    std::uint64_t seed = PyLong_AsUnsignedLongLongMask(bits.ptr());
+    if (seed == static_cast<std::uint64_t>(-1) && PyErr_Occurred()) throw py::error_already_set();
+    rng_.seed(seed);
+    // The depth comes first, uniform over [2, effective_max_depth].
+    long long depth = 2 + static_cast<long long>(rng_.below(static_cast<std::uint64_t>(effective_max_depth_ - 1)));
+    py::object analytics = ctx_.attr("analytics");
+    if (!have_cached_analytics_ || analytics.ptr() != cached_analytics_.ptr()) refresh_weights(std::move(analytics));
+    return build(depth);
+}
+
+py::object RandomWeightedGenerator::next() {
+    if (running_) throw py::value_error("generator already executing");
+    if (state_ == State::Finished) throw py::stop_iteration();
+    running_ = true;
+    try {
+        if (state_ == State::Created && !prepare()) {
+            state_ = State::Finished;
+            running_ = false;
+            throw py::stop_iteration();
+        }
+        state_ = State::Suspended;
+        py::object graph = draw();
+        running_ = false;
+        return graph;
+    } catch (py::stop_iteration&) {
+        throw;
+    } catch (...) {
+        // An exception that escapes ends the generator, as it ends a Python generator.
+        state_ = State::Finished;
+        running_ = false;
+        throw;
+    }
+}
+
+py::object RandomWeightedGenerator::send(py::object value) {
+    if (state_ == State::Created && !value.is_none())
+        throw py::type_error("can't send non-None value to a just-started generator");
+    return next();
+}
+
+void RandomWeightedGenerator::close() {
+    if (running_) throw py::value_error("generator already executing");
+    state_ = State::Finished;  // holds no resource: nothing to release
+}
+
+void RandomWeightedGenerator::throw_in(py::object type, py::object value, py::object /*traceback*/) {
+    if (running_) throw py::value_error("generator already executing");
+    state_ = State::Finished;
+    py::object exc;
+    if (PyExceptionInstance_Check(type.ptr())) {
+        exc = type;
+    } else if (!value.is_none() && PyObject_IsInstance(value.ptr(), type.ptr()) == 1) {
+        exc = value;
+    } else if (value.is_none()) {
+        exc = type();
+    } else {
+        exc = PyTuple_Check(value.ptr()) ? type(*value) : type(value);
+    }
+    raise_instance(exc);
+}
+
+py::object random_weighted(py::object ctx) {
+    return py::cast(RandomWeightedGenerator(std::move(ctx)));
+}
+
+// ---- helpers with the host's random source -----------------------------------------------------------
+
+py::object weighted_choice(py::handle items, py::handle cum_weights) {
+    py::object random = import_module("random");
+    py::object total = cum_weights[py::int_(-1)];
+    if (!py_gt(total, py::float_(0.0)) || !random_weighted_is_finite_number(total))
+        return random.attr("choice")(items);
+    py::object r = steal(PyNumber_Multiply(random.attr("random")().ptr(), total.ptr()));
+    py::object i = import_module("bisect").attr("bisect_left")(cum_weights, r);
+    if (py_lt(i, py::int_(py::len(items)))) return items[i];
+    return items[py::int_(-1)];
+}
+
+namespace {
+py::object build_with_host_random(py::handle func_names, py::handle func_specs, py::handle func_weights,
+                                  py::handle feat_names, py::handle feat_weights, py::handle target_depth) {
+    py::int_ one(1);
+    if (!py_gt(target_depth, one)) {
+        py::dict leaf;
+        leaf["type"] = "feature";
+        leaf["node"] = weighted_choice(feat_names, feat_weights);
+        return leaf;
+    }
+    py::object func = weighted_choice(func_names, func_weights);
+    py::object spec = func_specs[func];
+    py::object below = steal(PyNumber_Subtract(target_depth.ptr(), one.ptr()));
+    py::list children;
+    for (py::handle ignored : spec["data_params"]) {
+        (void)ignored;  // a data input carries no constraint on what fills it
+        children.append(build_with_host_random(func_names, func_specs, func_weights, feat_names, feat_weights, below));
+    }
+    for (py::handle leaf : spec["config_children"]) children.append(copy_leaf(leaf));
+    py::dict node;
+    node["type"] = "rotation";
+    node["node"] = func;
+    node["children"] = children;
+    return node;
+}
+}  // namespace
+
+py::object build_random_signal_expression(py::handle func_names, py::handle func_specs, py::handle func_weights,
+                                          py::handle feat_names, py::handle feat_weights, py::handle target_depth) {
+    return build_with_host_random(func_names, func_specs, func_weights, feat_names, feat_weights, target_depth);
+}
+
+}  // namespace quillmarsh::st
