@@ -222,14 +222,7 @@ void bind_weights(py::module_& m) {
 }
 
 void bind_generator(py::module_& m) {
-    py::class_<RandomWeightedGenerator>(m, "_RandomWeightedGenerator",
-                                        "The iterator of random_weighted(ctx): endless random SIGNAL graphs.")
-        .def("__iter__", [](py::object self) { return self; })
-        .def("__next__", &RandomWeightedGenerator::next)
-        .def("send", &RandomWeightedGenerator::send, py::arg("value"))
-        .def("close", &RandomWeightedGenerator::close)
-        .def("throw", &RandomWeightedGenerator::throw_in, py::arg("type"), py::arg("value") = py::none(),
-             py::arg("traceback") = py::none());
+    m.attr("_RandomWeightedGenerator") = random_weighted_generator_type();
     m.def("random_weighted", &random_weighted, py::arg("ctx"),
           "Built-in template: yields weighted random SIGNAL expression graphs for as long as it is asked. Nothing "
           "runs before the first request for a value.");

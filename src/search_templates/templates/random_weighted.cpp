@@ -61,6 +61,9 @@ RandomWeightedGenerator::RandomWeightedGenerator(py::object ctx) : ctx_(std::mov
     key_children_ = steal(PyUnicode_InternFromString("children"));
     type_rotation_ = steal(PyUnicode_InternFromString("rotation"));
     type_feature_ = steal(PyUnicode_InternFromString("feature"));
+    name_analytics_ = steal(PyUnicode_InternFromString("analytics"));
+    name_getrandbits_ = steal(PyUnicode_InternFromString("getrandbits"));
+    sixty_four_ = steal(PyLong_FromLong(64));
 }
 
 bool RandomWeightedGenerator::prepare() {
@@ -157,34 +160,34 @@ py::object RandomWeightedGenerator::build(long long depth) {
 }
 
 py::object RandomWeightedGenerator::draw() {
-    // One call into `random` per graph: the seed of this graph's private stream.
-    py::object bits = random_module_.attr("getrandbits")(64);
+    // One call into `random` per graph: the seed of this graph's private stream. `getrandbits` is looked up
+    // on the module at each draw, as `random.getrandbits(64)` would be.
+    py::object getrandbits = steal(PyObject_GetAttr(random_module_.ptr(), name_getrandbits_.ptr()));
+    py::object bits = steal(PyObject_CallOneArg(getrandbits.ptr(), sixty_four_.ptr()));
     std::uint64_t seed = PyLong_AsUnsignedLongLongMask(bits.ptr());
     if (seed == static_cast<std::uint64_t>(-1) && PyErr_Occurred()) throw py::error_already_set();
     rng_.seed(seed);
     // The depth comes first, uniform over [2, effective_max_depth].
     long long depth = 2 + static_cast<long long>(rng_.below(static_cast<std::uint64_t>(effective_max_depth_ - 1)));
-    py::object analytics = ctx_.attr("analytics");
+    py::object analytics = steal(PyObject_GetAttr(ctx_.ptr(), name_analytics_.ptr()));
     if (!have_cached_analytics_ || analytics.ptr() != cached_analytics_.ptr()) refresh_weights(std::move(analytics));
     return build(depth);
 }
 
-py::object RandomWeightedGenerator::next() {
+py::object RandomWeightedGenerator::next_or_end() {
     if (running_) throw py::value_error("generator already executing");
-    if (state_ == State::Finished) throw py::stop_iteration();
+    if (state_ == State::Finished) return py::object();
     running_ = true;
     try {
         if (state_ == State::Created && !prepare()) {
             state_ = State::Finished;
             running_ = false;
-            throw py::stop_iteration();
+            return py::object();
         }
         state_ = State::Suspended;
         py::object graph = draw();
         running_ = false;
         return graph;
-    } catch (py::stop_iteration&) {
-        throw;
     } catch (...) {
         // An exception that escapes ends the generator, as it ends a Python generator.
         state_ = State::Finished;
@@ -193,10 +196,10 @@ py::object RandomWeightedGenerator::next() {
     }
 }
 
-py::object RandomWeightedGenerator::send(py::object value) {
+py::object RandomWeightedGenerator::send(py::handle value) {
     if (state_ == State::Created && !value.is_none())
         throw py::type_error("can't send non-None value to a just-started generator");
-    return next();
+    return next_or_end();
 }
 
 void RandomWeightedGenerator::close() {
@@ -204,24 +207,136 @@ void RandomWeightedGenerator::close() {
     state_ = State::Finished;  // holds no resource: nothing to release
 }
 
-void RandomWeightedGenerator::throw_in(py::object type, py::object value, py::object /*traceback*/) {
+void RandomWeightedGenerator::throw_in(py::handle type, py::handle value) {
     if (running_) throw py::value_error("generator already executing");
     state_ = State::Finished;
+    py::object cls = py::reinterpret_borrow<py::object>(type);
     py::object exc;
     if (PyExceptionInstance_Check(type.ptr())) {
-        exc = type;
-    } else if (!value.is_none() && PyObject_IsInstance(value.ptr(), type.ptr()) == 1) {
-        exc = value;
+        exc = cls;
+    } else if (!PyExceptionClass_Check(type.ptr())) {
+        throw py::type_error("exceptions must be classes or instances deriving from BaseException");
     } else if (value.is_none()) {
-        exc = type();
+        exc = cls();
+    } else if (PyObject_IsInstance(value.ptr(), type.ptr()) == 1) {
+        exc = py::reinterpret_borrow<py::object>(value);
     } else {
-        exc = PyTuple_Check(value.ptr()) ? type(*value) : type(value);
+        exc = PyTuple_Check(value.ptr()) ? cls(*py::reinterpret_borrow<py::tuple>(value)) : cls(value);
     }
     raise_instance(exc);
 }
 
+// ---- the Python iterator type ------------------------------------------------------------------------
+
+namespace {
+
+struct GeneratorObject {
+    PyObject_HEAD
+    RandomWeightedGenerator* impl;
+};
+
+PyObject* g_generator_type = nullptr;
+
+// Hands a C++ exception back to the interpreter as the pending Python error.
+void set_python_error() {
+    try {
+        throw;
+    } catch (py::error_already_set& err) {
+        err.restore();
+    } catch (py::builtin_exception& err) {
+        err.set_error();
+    } catch (const std::exception& err) {
+        PyErr_SetString(PyExc_RuntimeError, err.what());
+    } catch (...) {
+        PyErr_SetString(PyExc_RuntimeError, "random_weighted: unknown C++ exception");
+    }
+}
+
+RandomWeightedGenerator& impl_of(PyObject* self) { return *reinterpret_cast<GeneratorObject*>(self)->impl; }
+
+void generator_dealloc(PyObject* self) {
+    PyTypeObject* type = Py_TYPE(self);
+    delete reinterpret_cast<GeneratorObject*>(self)->impl;
+    type->tp_free(self);
+    Py_DECREF(type);
+}
+
+PyObject* generator_iternext(PyObject* self) {
+    try {
+        return impl_of(self).next_or_end().release().ptr();  // NULL without an error: exhausted
+    } catch (...) {
+        set_python_error();
+        return nullptr;
+    }
+}
+
+PyObject* stop_if_empty(py::object result) {
+    if (!result) PyErr_SetNone(PyExc_StopIteration);
+    return result.release().ptr();
+}
+
+PyObject* generator_send(PyObject* self, PyObject* value) {
+    try {
+        return stop_if_empty(impl_of(self).send(value));
+    } catch (...) {
+        set_python_error();
+        return nullptr;
+    }
+}
+
+PyObject* generator_close(PyObject* self, PyObject*) {
+    try {
+        impl_of(self).close();
+        Py_RETURN_NONE;
+    } catch (...) {
+        set_python_error();
+        return nullptr;
+    }
+}
+
+PyObject* generator_throw(PyObject* self, PyObject* args) {
+    PyObject *type = nullptr, *value = Py_None, *traceback = Py_None;
+    if (!PyArg_UnpackTuple(args, "throw", 1, 3, &type, &value, &traceback)) return nullptr;
+    try {
+        impl_of(self).throw_in(type, value);
+    } catch (...) {
+        set_python_error();
+    }
+    return nullptr;
+}
+
+PyMethodDef generator_methods[] = {
+    {"send", generator_send, METH_O, "send(value): the next graph; the value is not used."},
+    {"close", generator_close, METH_NOARGS, "close(): finish the generator."},
+    {"throw", generator_throw, METH_VARARGS, "throw(type[, value[, traceback]]): finish and raise."},
+    {nullptr, nullptr, 0, nullptr}};
+
+PyType_Slot generator_slots[] = {
+    {Py_tp_dealloc, reinterpret_cast<void*>(generator_dealloc)},
+    {Py_tp_iter, reinterpret_cast<void*>(PyObject_SelfIter)},
+    {Py_tp_iternext, reinterpret_cast<void*>(generator_iternext)},
+    {Py_tp_methods, generator_methods},
+    {Py_tp_doc, const_cast<char*>("The iterator of random_weighted(ctx): endless random SIGNAL graphs.")},
+    {0, nullptr}};
+
+PyType_Spec generator_spec = {"quillmarsh.search_templates._RandomWeightedGenerator", sizeof(GeneratorObject), 0,
+                              Py_TPFLAGS_DEFAULT, generator_slots};
+
+}  // namespace
+
+py::object random_weighted_generator_type() {
+    if (g_generator_type == nullptr) {
+        g_generator_type = PyType_FromSpec(&generator_spec);  // kept for the life of the process
+        if (g_generator_type == nullptr) throw py::error_already_set();
+    }
+    return py::reinterpret_borrow<py::object>(g_generator_type);
+}
+
 py::object random_weighted(py::object ctx) {
-    return py::cast(RandomWeightedGenerator(std::move(ctx)));
+    auto* type = reinterpret_cast<PyTypeObject*>(random_weighted_generator_type().ptr());
+    py::object self = steal(type->tp_alloc(type, 0));
+    reinterpret_cast<GeneratorObject*>(self.ptr())->impl = new RandomWeightedGenerator(std::move(ctx));
+    return self;
 }
 
 // ---- helpers with the host's random source -----------------------------------------------------------

@@ -52,14 +52,19 @@ private:
 // number. `cum` is not empty.
 size_t weighted_index(const std::vector<double>& cum, SplitMix64& rng);
 
-// The generator object that `random_weighted(ctx)` returns: a Python iterator implemented here.
+// The state of one `random_weighted(ctx)` generator. The Python object around it is a plain CPython
+// iterator type (see random_weighted.cpp): its `__next__` slot reaches `next_or_end` directly, without the
+// method dispatch of a bound class, because at these rates that dispatch would cost as much as a draw.
 class RandomWeightedGenerator {
 public:
     explicit RandomWeightedGenerator(py::object ctx);
-    py::object next();                  // raises StopIteration when finished
-    py::object send(py::object value);  // next(), after the generator protocol's check on the first send
+    // The next graph, or an empty object once finished (no exception set). Errors propagate as exceptions
+    // and finish the generator.
+    py::object next_or_end();
+    // The generator protocol's check on the first send; then next_or_end().
+    py::object send(py::handle value);
     void close();
-    [[noreturn]] void throw_in(py::object type, py::object value, py::object traceback);
+    [[noreturn]] void throw_in(py::handle type, py::handle value);
 
 private:
     struct Rotation {
@@ -91,8 +96,11 @@ private:
     py::object random_module_;
     SplitMix64 rng_;
     py::object key_type_, key_node_, key_children_, type_rotation_, type_feature_;
+    py::object name_analytics_, name_getrandbits_, sixty_four_;
 };
 
+// The iterator type `_RandomWeightedGenerator`, made once by the module's initialiser.
+py::object random_weighted_generator_type();
 py::object random_weighted(py::object ctx);
 py::dict analyze_random_weighted(py::handle ctx);
 
