@@ -122,6 +122,20 @@ bool RandomWeightedGenerator::prepare() {
     }
     for (py::handle name : func_names_) func_rotation_.push_back(index_of_name[name].cast<size_t>());
 
+    for (py::handle name : feat_names_) {
+        py::object leaf = steal(PyDict_New());
+        set_item(leaf, key_type_, type_feature_);
+        set_item(leaf, key_node_, name);
+        feature_leaves_.push_back(std::move(leaf));
+    }
+    for (py::handle name : func_names_) {
+        py::object node = steal(PyDict_New());
+        set_item(node, key_type_, type_rotation_);
+        set_item(node, key_node_, name);
+        set_item(node, key_children_, Py_None);
+        rotation_nodes_.push_back(std::move(node));
+    }
+
     random_module_ = import_module("random");
     have_cached_analytics_ = false;
     cached_analytics_ = py::none();
@@ -137,13 +151,7 @@ void RandomWeightedGenerator::refresh_weights(py::object analytics) {
 }
 
 py::object RandomWeightedGenerator::build(long long depth) {
-    if (depth <= 1) {
-        size_t i = weighted_index(fe_cum_weights_, rng_);
-        py::object leaf = steal(PyDict_New());
-        set_item(leaf, key_type_, type_feature_);
-        set_item(leaf, key_node_, PyList_GET_ITEM(feat_names_.ptr(), i));
-        return leaf;
-    }
+    if (depth <= 1) return steal(PyDict_Copy(feature_leaves_[weighted_index(fe_cum_weights_, rng_)].ptr()));
     size_t i = weighted_index(f_cum_weights_, rng_);
     const Rotation& rotation = rotations_[func_rotation_[i]];
     Py_ssize_t n_config = static_cast<Py_ssize_t>(rotation.config_children.size());
@@ -152,9 +160,7 @@ py::object RandomWeightedGenerator::build(long long depth) {
         PyList_SET_ITEM(children.ptr(), k, build(depth - 1).release().ptr());  // pre-order: subtree by subtree
     for (Py_ssize_t k = 0; k < n_config; ++k)
         PyList_SET_ITEM(children.ptr(), rotation.data_inputs + k, copy_leaf(rotation.config_children[k]).release().ptr());
-    py::object node = steal(PyDict_New());
-    set_item(node, key_type_, type_rotation_);
-    set_item(node, key_node_, PyList_GET_ITEM(func_names_.ptr(), i));
+    py::object node = steal(PyDict_Copy(rotation_nodes_[i].ptr()));
     set_item(node, key_children_, children);
     return node;
 }

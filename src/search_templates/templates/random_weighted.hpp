@@ -86,6 +86,10 @@ private:
     py::list func_names_;  // one entry per occurrence, in vocabulary order
     py::list feat_names_;
     std::vector<size_t> func_rotation_;  // occurrence -> index in rotations_ (a duplicated name: the later record)
+    // Prototypes that each yielded node is copied from: {"type": "feature", "node": name} per feature and
+    // {"type": "rotation", "node": name, "children": None} per function occurrence. Copying a small dict is
+    // cheaper than filling a new one key by key; the copies are fresh objects, the prototypes never leave.
+    std::vector<py::object> feature_leaves_, rotation_nodes_;
     std::vector<Rotation> rotations_;
     long long effective_max_depth_ = 1;
 
