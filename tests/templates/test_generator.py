@@ -239,3 +239,20 @@ def test_module_helpers_draw_from_the_host_random_source():
     inner = {"type": "rotation", "node": "r", "children": [leaf, leaf, {"type": "int", "node": 1}]}
     assert graph == {"type": "rotation", "node": "r", "children": [inner, inner, {"type": "int", "node": 1}]}
     assert st._build_random_signal_expression(["r"], specs, [1.0], ["x"], [1.0], 1) == leaf
+
+
+def test_a_context_that_keeps_its_generator_is_collected():
+    import gc
+    import weakref
+
+    class Ctx:
+        vocabulary = {"functions": MIXED[:1], "features": FEATURES}
+        max_depth = 3
+        analytics = None
+    ctx = Ctx()
+    ctx.gen = st.random_weighted(ctx)
+    next(ctx.gen)
+    ref = weakref.ref(ctx)
+    del ctx
+    gc.collect()
+    assert ref() is None

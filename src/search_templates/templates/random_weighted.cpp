@@ -232,6 +232,19 @@ void RandomWeightedGenerator::throw_in(py::handle type, py::handle value) {
     raise_instance(exc);
 }
 
+int RandomWeightedGenerator::traverse(visitproc visit, void* arg) {
+    Py_VISIT(ctx_.ptr());
+    Py_VISIT(cached_analytics_.ptr());
+    return 0;
+}
+
+void RandomWeightedGenerator::clear() {
+    state_ = State::Finished;
+    ctx_ = py::object();
+    cached_analytics_ = py::object();
+    have_cached_analytics_ = false;
+}
+
 // ---- the Python iterator type ------------------------------------------------------------------------
 
 namespace {
@@ -260,8 +273,20 @@ void set_python_error() {
 
 RandomWeightedGenerator& impl_of(PyObject* self) { return *reinterpret_cast<GeneratorObject*>(self)->impl; }
 
+int generator_traverse(PyObject* self, visitproc visit, void* arg) {
+    Py_VISIT(Py_TYPE(self));
+    RandomWeightedGenerator* impl = reinterpret_cast<GeneratorObject*>(self)->impl;
+    return impl ? impl->traverse(visit, arg) : 0;
+}
+
+int generator_clear(PyObject* self) {
+    if (RandomWeightedGenerator* impl = reinterpret_cast<GeneratorObject*>(self)->impl) impl->clear();
+    return 0;
+}
+
 void generator_dealloc(PyObject* self) {
     PyTypeObject* type = Py_TYPE(self);
+    PyObject_GC_UnTrack(self);
     delete reinterpret_cast<GeneratorObject*>(self)->impl;
     type->tp_free(self);
     Py_DECREF(type);
@@ -319,6 +344,8 @@ PyMethodDef generator_methods[] = {
 
 PyType_Slot generator_slots[] = {
     {Py_tp_dealloc, reinterpret_cast<void*>(generator_dealloc)},
+    {Py_tp_traverse, reinterpret_cast<void*>(generator_traverse)},
+    {Py_tp_clear, reinterpret_cast<void*>(generator_clear)},
     {Py_tp_iter, reinterpret_cast<void*>(PyObject_SelfIter)},
     {Py_tp_iternext, reinterpret_cast<void*>(generator_iternext)},
     {Py_tp_methods, generator_methods},
@@ -326,7 +353,7 @@ PyType_Slot generator_slots[] = {
     {0, nullptr}};
 
 PyType_Spec generator_spec = {"quillmarsh.search_templates._RandomWeightedGenerator", sizeof(GeneratorObject), 0,
-                              Py_TPFLAGS_DEFAULT, generator_slots};
+                              Py_TPFLAGS_DEFAULT | Py_TPFLAGS_HAVE_GC, generator_slots};
 
 }  // namespace
 

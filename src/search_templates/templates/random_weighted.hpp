@@ -65,6 +65,10 @@ public:
     py::object send(py::handle value);
     void close();
     [[noreturn]] void throw_in(py::handle type, py::handle value);
+    // The cyclic garbage collector's view: the context and the cached analytics may lead back to the
+    // generator (a context kept on an object that keeps the generator), so both are visited and cleared.
+    int traverse(visitproc visit, void* arg);
+    void clear();
 
 private:
     struct Rotation {
