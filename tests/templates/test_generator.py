@@ -207,6 +207,11 @@ def test_failing_analytics_ends_the_generator_and_close_finishes_it():
     assert list(gen) == []
     with pytest.raises(TypeError):
         st.random_weighted(make_ctx(MIXED, FEATURES)).send(1)
+    gen = st.random_weighted(make_ctx(MIXED, FEATURES))
+    assert gen.send(None)["type"] == "rotation"
+    with pytest.raises(KeyError, match="stop"):
+        gen.throw(KeyError("stop"))
+    assert list(gen) == []
 
 
 def test_a_real_search_context_drives_the_generator():

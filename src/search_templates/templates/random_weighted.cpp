@@ -7,7 +7,6 @@
 #include "templates/weights.hpp"
 
 #include <algorithm>
-#include <climits>
 #include <cmath>
 
 namespace quillmarsh::st {
@@ -112,7 +111,6 @@ bool RandomWeightedGenerator::prepare() {
     for (py::handle record : safe_rotations) {
         py::object name = record["name"];
         Rotation rotation;
-        rotation.name = name;
         rotation.data_inputs = static_cast<Py_ssize_t>(py::len(record["data_params"]));
         for (py::handle leaf : record["config_children"])
             rotation.config_children.push_back(py::reinterpret_borrow<py::object>(leaf));

@@ -72,7 +72,6 @@ public:
 
 private:
     struct Rotation {
-        py::object name;
         Py_ssize_t data_inputs = 0;
         std::vector<py::object> config_children;
     };
