@@ -12,5 +12,6 @@ void bind_host_runtime(py::module_& m);
 void bind_era(py::module_& m);
 void bind_evaluation(py::module_& m);
 void bind_submission(py::module_& m);
+void bind_engine(py::module_& m);
 
 }  // namespace quillmarsh::st

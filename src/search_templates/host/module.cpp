@@ -11,4 +11,5 @@ PYBIND11_MODULE(search_templates, m) {
     bind_era(m);
     bind_evaluation(m);
     bind_submission(m);
+    bind_engine(m);
 }
