@@ -128,3 +128,50 @@ def endless_template(ctx):
     while True:
         yield graph(i)
         i += 1
+
+
+def idle_template(ctx):
+    """Yields nothing until the search stops: a worker that stays alive without evaluating."""
+    while not ctx._stop_event.wait(0.01):
+        pass
+    return
+    yield
+
+
+class SyncingManager(FakeSyncManager):
+    """A sync manager whose data needs a sync; ``sync_errors`` are raised one per call before it succeeds."""
+
+    def __init__(self, sync_errors=(), needs_sync=True):
+        super().__init__()
+        self.sync_errors = list(sync_errors)
+        self.sync_calls = 0
+        self._needs_sync = needs_sync
+
+    def needs_sync(self):
+        if isinstance(self._needs_sync, BaseException):
+            raise self._needs_sync
+        return self._needs_sync
+
+    def sync(self):
+        self.sync_calls += 1
+        if self.sync_errors:
+            raise self.sync_errors.pop(0)
+
+
+class VaultBacktester:
+    """A backtester with the era's key-material entry points; ``vault_error`` is raised by the vault."""
+
+    def __init__(self, vault_error=None):
+        self.vault_error = vault_error
+        self.calls = []
+
+    def initialize_era_vault(self, *, shuffle_blob, wallet_secret, era_id):
+        self.calls.append(("initialize_era_vault", shuffle_blob, wallet_secret, era_id))
+        if self.vault_error is not None:
+            raise self.vault_error
+
+    def init_reconstruction(self, *, shuffle_blob, wallet_secret, era_id):
+        self.calls.append(("init_reconstruction", shuffle_blob, wallet_secret, era_id))
+
+    def names(self):
+        return [c[0] for c in self.calls]

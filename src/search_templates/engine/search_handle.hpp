@@ -23,6 +23,11 @@ class PyLockHold {
 public:
     explicit PyLockHold(py::object lock) : lock_(std::move(lock)) { lock_.attr("acquire")(); }
     ~PyLockHold() {
+        // Without the GIL this is a daemon thread being unwound at interpreter exit: touch nothing.
+        if (PyGILState_Check() == 0) {
+            lock_.release();
+            return;
+        }
         try {
             lock_.attr("release")();
         } catch (py::error_already_set&) {
@@ -136,6 +141,11 @@ public:
 // Module functions the supervisor reaches through the module object, so a host can replace them.
 void spawn_worker(py::object handle, long long worker_id);
 void restart_worker(py::object handle, long long count);
+
+// Sleeps with the GIL released. A daemon thread that would take the GIL back while the interpreter
+// finalises stays asleep instead, until the process ends: taking it would unwind this thread's C++ frames
+// with no GIL to release their Python references.
+void sleep_without_gil(double seconds);
 
 // A new daemon threading.Thread(target=target, name=name, args=args).
 py::object new_daemon_thread(py::object target, const std::string& name, py::tuple args = py::tuple());

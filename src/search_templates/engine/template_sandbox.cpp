@@ -60,6 +60,11 @@ TemplateSandboxScope::TemplateSandboxScope() {
 }
 
 TemplateSandboxScope::~TemplateSandboxScope() {
+    // Without the GIL this is a daemon thread being unwound at interpreter exit: touch nothing.
+    if (PyGILState_Check() == 0) {
+        thread_id_.release();
+        return;
+    }
     try {
         PyLockHold hold(module_attr("_template_sandbox_lock"));
         module_attr("_template_sandbox_threads").attr("discard")(thread_id_);

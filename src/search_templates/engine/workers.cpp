@@ -4,7 +4,9 @@
 #include "engine/search_handle.hpp"
 #include "engine/template_sandbox.hpp"
 
+#include <chrono>
 #include <string>
+#include <thread>
 
 namespace quillmarsh::st {
 
@@ -160,11 +162,21 @@ void SearchHandle::worker_loop_inner(py::object worker_id) {
 }
 
 bool SearchHandle::interruptible_wait(py::object stop_event, double timeout) {
-    static PyObject* sleep = py::object(import_module("time").attr("sleep")).release().ptr();
     const double end = monotonic_now() + timeout;
     py::object is_set = stop_event.attr("is_set");
-    while (!truthy(is_set()) && monotonic_now() < end) py::reinterpret_borrow<py::object>(sleep)(0.05);
+    while (!truthy(is_set()) && monotonic_now() < end) sleep_without_gil(0.05);
     return truthy(is_set());
+}
+
+void sleep_without_gil(double seconds) {
+    PyThreadState* state = PyEval_SaveThread();
+    std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
+#if PY_VERSION_HEX >= 0x030D0000
+    while (Py_IsFinalizing()) std::this_thread::sleep_for(std::chrono::seconds(1));
+#else
+    while (_Py_IsFinalizing()) std::this_thread::sleep_for(std::chrono::seconds(1));
+#endif
+    PyEval_RestoreThread(state);
 }
 
 void spawn_worker(py::object handle, long long worker_id) {

@@ -39,6 +39,9 @@ void bind_handle(py::module_& m) {
            py::object sync_mgr, py::object bt, py::object obf, py::object era_cfg, py::object auth_mock,
            py::object data_dir) {
             py::detail::initimpl::construct<py::class_<Handle>>(v_h, new Handle(), false);
+            // Holder and registration now, not after __init__ returns: the threads that `initialize`
+            // starts must find this very Python object behind `this`.
+            v_h.type->init_instance(v_h.inst, nullptr);
             v_h.value_ptr<Handle>()->initialize(template_, n_jobs, tracker, sync_mgr, bt, obf, era_cfg, auth_mock,
                                                 data_dir);
         },
