@@ -18,7 +18,8 @@ ERA_FIELDS = dict(era_id=3, max_depth=4, thresholds=THRESHOLDS, max_expression_g
 
 
 def graph(i=0):
-    return {"type": "rotation", "node": "cs_rank", "children": [{"type": "feature", "node": "f1"}], "i": i}
+    """A valid expression graph; ``i`` only names the call site (the vocabulary knows one feature)."""
+    return {"type": "rotation", "node": "cs_rank", "children": [{"type": "feature", "node": "f1"}]}
 
 
 class Obfuscation:
