@@ -15,6 +15,34 @@ namespace {
 
 using Handle = SearchHandle;
 
+// A pybind11 instance is freed without its type's finalizer; these put `__del__` back on the road that
+// Python objects take: run it when the last reference goes (or when the collector frees a cycle), then
+// free the instance unless `__del__` resurrected it.
+PyTypeObject* g_handle_type = nullptr;
+
+void handle_finalize(PyObject* self) {
+    PyObject *type, *value, *traceback;
+    PyErr_Fetch(&type, &value, &traceback);
+    PyObject* result = PyObject_CallMethod(self, "__del__", nullptr);
+    if (result == nullptr)
+        PyErr_WriteUnraisable(self);
+    else
+        Py_DECREF(result);
+    PyErr_Restore(type, value, traceback);
+}
+
+void handle_dealloc(PyObject* self) {
+    if (PyObject_CallFinalizerFromDealloc(self) < 0) return;  // resurrected by __del__
+    g_handle_type->tp_base->tp_dealloc(self);  // pybind11's own, inherited when the type became ready
+}
+
+void install_finalizer(PyHeapTypeObject* heap_type) {
+    PyTypeObject* type = &heap_type->ht_type;
+    g_handle_type = type;
+    type->tp_dealloc = handle_dealloc;
+    type->tp_finalize = handle_finalize;
+}
+
 // A Python-valued field: reading an unset one raises AttributeError, as for a missing attribute.
 template <typename Class>
 void object_field(Class& cls, const char* name, py::object SearchHandle::*member) {
@@ -30,7 +58,8 @@ void object_field(Class& cls, const char* name, py::object SearchHandle::*member
 }
 
 void bind_handle(py::module_& m) {
-    py::class_<Handle> cls(m, "_SearchHandleImpl", py::dynamic_attr(), "Concrete SearchHandle returned by search().");
+    py::class_<Handle> cls(m, "_SearchHandleImpl", py::dynamic_attr(), py::custom_type_setup(install_finalizer),
+                           "Concrete SearchHandle returned by search().");
     // The C++ object is made and registered first, so that the search started by `initialize` can hand
     // the Python object's bound methods to its threads.
     cls.def(
