@@ -20,6 +20,16 @@ py::object call_hooked(const char* operation, const char* original_name, py::arg
 
 struct SandboxContext {};
 
+// A standard module, imported once: every sandbox entry re-installs the hooks, and the import machinery
+// would cost more than the installation itself. Set under the GIL, never freed.
+py::object cached_module(PyObject*& slot, const char* name) {
+    if (slot == nullptr) slot = import_module(name).release().ptr();
+    return py::reinterpret_borrow<py::object>(slot);
+}
+PyObject* g_urllib_request = nullptr;
+PyObject* g_builtins = nullptr;
+PyObject* g_sqlite3 = nullptr;
+
 }  // namespace
 
 bool template_sandbox_active() {
@@ -35,9 +45,9 @@ void raise_template_sandbox_violation(const std::string& operation) {
 
 void install_template_sandbox_hooks() {
     // Imported before the lock is taken: an import must never run under it.
-    py::object urllib_request = import_module("urllib.request");
-    py::object builtins = import_module("builtins");
-    py::object sqlite3 = import_module("sqlite3");
+    py::object urllib_request = cached_module(g_urllib_request, "urllib.request");
+    py::object builtins = cached_module(g_builtins, "builtins");
+    py::object sqlite3 = cached_module(g_sqlite3, "sqlite3");
     py::module_ m = module();
     PyLockHold hold(module_attr("_template_sandbox_lock"));
     py::object sandboxed_urlopen = module_attr("_sandboxed_urllib_urlopen");
