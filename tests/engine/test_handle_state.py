@@ -95,18 +95,6 @@ def test_the_persisted_evaluation_count_is_the_starting_total(make_handle, caplo
     assert "Failed to load persisted evaluation count: locked" in caplog.messages
 
 
-def test_a_new_handle_holds_its_documented_state(make_handle, seed_dir):
-    h = quiet_handle(make_handle)
-    assert (h._n_jobs, h._running, h._stopped, h._crash_count, h._errors) == (1, True, False, 0, [])
-    assert (h._era, h._batch_tier, h._t_batch, h._max_depth, h._search_universe_id) == ("3", "full", 1000, 4, "U1")
-    assert h._signal_pool_id == "pool-a" and h._metaparameters == {"decay": 3}
-    assert h._vocab == {"functions": [{"name": "cs_rank"}], "features": [{"name": "f1"}]}
-    assert h._submission_backoff_seconds == 5.0 and h._polling_backoff_seconds == 5.0
-    assert h._queue_empty is __import__("queue").Empty and h._tracker_uses_persistent_store is False
-    assert len(h._submission_owner) == 36 and h._data_dir == seed_dir
-    assert h._sync_thread is None and h._worker_threads == []
-
-
 def test_ten_submission_failures_back_off_to_300_and_degrade_once(make_handle, caplog):
     h = quiet_handle(make_handle)
     backoffs = []

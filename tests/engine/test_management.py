@@ -90,8 +90,3 @@ def test_without_a_data_dir_management_raises_an_io_error(trackers, monkeypatch)
         with pytest.raises(OSError, match="^data_dir is required for search tracking database management.$"):
             call()
     assert trackers == []
-
-
-def test_the_heartbeat_hook_is_callable_and_does_nothing():
-    assert st.inject_heartbeat() is None
-    assert st.inject_heartbeat.__doc__.strip().endswith("Inject heartbeat during search startup.")

@@ -166,10 +166,3 @@ def test_kill_then_restart_leaves_exactly_n_jobs_workers_and_restart_after_stop_
     h.stop(join_timeout=2.0)
     h._on_era_change("abort", 4)
     assert all(not t.is_alive() for t in h._worker_threads) and len(h._worker_threads) == 2
-
-
-def test_interruptible_wait_is_cut_short_by_its_event():
-    event = threading.Event()
-    event.set()
-    assert st._SearchHandleImpl._interruptible_wait(event, 30.0) is True
-    assert st._SearchHandleImpl._interruptible_wait(threading.Event(), 0.01) is False
