@@ -77,7 +77,7 @@ void SearchHandle::worker_loop(py::object worker_id) {
 
 void SearchHandle::worker_loop_inner(py::object worker_id) {
     int restart_count = 0;
-    py::object evaluation_failure_kwargs_key = py::str("evaluate_exception");
+    py::object evaluate_exception = py::str("evaluate_exception");
     while (!event_is_set(_stop_event) && restart_count < MAX_TEMPLATE_RESTARTS && _running) {
         py::dict kwargs;
         kwargs["vocab"] = _vocab;
@@ -129,7 +129,7 @@ void SearchHandle::worker_loop_inner(py::object worker_id) {
                     log_warning("Expression evaluation failed: %s", e.value());
                     try {
                         py::dict metrics;
-                        metrics["failure_reason"] = evaluation_failure_kwargs_key;
+                        metrics["failure_reason"] = evaluate_exception;
                         metrics["failure_detail"] = py::str(e.value());
                         ctx.attr("_safe_record")(expr, false, py::arg("rejection_reason") = "evaluate_exception",
                                                  py::arg("tracking_metric_kwargs") = metrics);
