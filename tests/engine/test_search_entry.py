@@ -221,3 +221,23 @@ def test_earlier_handles_that_resist_stay_listed_with_their_stop_event_set(runti
     assert st._active_search_handle is h
     assert "Failed to stop previous search handle: stuck" in caplog.messages
     st._active_handles.discard(stubborn)
+
+
+def test_the_sync_comes_before_the_universe_check(runtime):
+    runtime.valid_universe_id = None
+    runtime.sync_manager = SyncingManager([ValueError("bad data")])
+    with pytest.raises(SyncError):
+        st.search(idle_template)
+    runtime.sync_manager = SyncingManager()
+    with pytest.raises(st.SearchError) as info:
+        st.search(idle_template)
+    assert info.value.error_code == "VALID_UNIVERSE_UNAVAILABLE"
+
+
+def test_an_error_of_the_handle_constructor_reaches_the_caller_and_leaves_the_flags_up(runtime):
+    from quillmarsh.errors import SdkRuntimeNotReadyError
+    del runtime.search_era_config.transform_pipeline
+    with pytest.raises(SdkRuntimeNotReadyError):
+        st.search(idle_template)
+    assert st._search_active is True and runtime.search_tracker.search_active == [True]
+    assert st._active_search_handle is None
