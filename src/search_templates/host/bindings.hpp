@@ -13,5 +13,6 @@ void bind_era(py::module_& m);
 void bind_evaluation(py::module_& m);
 void bind_submission(py::module_& m);
 void bind_templates(py::module_& m);
+void bind_engine(py::module_& m);
 
 }  // namespace quillmarsh::st

@@ -12,4 +12,5 @@ PYBIND11_MODULE(search_templates, m) {
     bind_evaluation(m);
     bind_submission(m);
     bind_templates(m);
+    bind_engine(m);
 }

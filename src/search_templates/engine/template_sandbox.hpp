@@ -1,0 +1,38 @@
+// The template sandbox: while a template runs on a worker thread, the host's `open`, `sqlite3.connect`
+// and `urllib.request.urlopen` refuse that thread with TemplateSandboxViolation; every other thread gets
+// the originals. The hooks are installed process-wide at the first entry and put back at every entry, so
+// a library that replaced one of them in the meantime loses to the hook.
+//
+// The set of marked threads is guarded by the module's `_template_sandbox_lock` (a Python lock), held only
+// for a set operation or for an installation, never while an original runs.
+#pragma once
+
+#include <pybind11/pybind11.h>
+
+namespace quillmarsh::st {
+
+namespace py = pybind11;
+
+// Remembers the originals of `open` and `sqlite3.connect` and binds the sandbox's module state.
+void init_template_sandbox(py::module_& m);
+
+bool template_sandbox_active();
+[[noreturn]] void raise_template_sandbox_violation(const std::string& operation);
+void install_template_sandbox_hooks();
+
+// The calling thread is marked for the life of this object: the worker's form of `_template_sandbox()`.
+class TemplateSandboxScope {
+public:
+    TemplateSandboxScope();
+    ~TemplateSandboxScope();
+    TemplateSandboxScope(const TemplateSandboxScope&) = delete;
+    TemplateSandboxScope& operator=(const TemplateSandboxScope&) = delete;
+
+private:
+    py::object thread_id_;
+};
+
+// `_template_sandbox()`: a context manager object for Python callers.
+py::object new_template_sandbox_context();
+
+}  // namespace quillmarsh::st

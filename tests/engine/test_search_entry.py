@@ -1,0 +1,243 @@
+"""search(): the order of the start-up checks, the data sync, replacement of earlier searches, publication."""
+import logging
+import threading
+
+import pytest
+
+import quillmarsh.agent_onboarding as onboarding
+import quillmarsh.search_templates as st
+from quillmarsh.sync import SyncError
+from engine.helpers import SyncingManager, idle_template
+
+WORDS = {code: (advice, message) for code, advice, message in st._helpers.error_codes()}
+
+
+def assert_search_error(err, code, message=None):
+    assert err.error_code == code
+    assert err.recovery_advice == WORDS[code][0]
+    assert err.message == (WORDS[code][1] if message is None else message)
+    assert err.status == st.SearchStatus(running=False)
+    assert err.__cause__ is None
+
+
+def starved(code, detail):
+    def check():
+        st._helpers.raise_search_error(code, None, detail)
+    return check
+
+
+def test_without_runtime_or_cached_auth_the_caller_sees_auth_error_before_anything_else(monkeypatch):
+    monkeypatch.setattr(st, "_library_runtime", None, raising=False)
+    monkeypatch.setattr(onboarding, "_auth_manager", None)
+    monkeypatch.setattr(st, "_check_memory", starved("OUT_OF_MEMORY", "3.0"))
+    with pytest.raises(st.SearchError) as info:
+        st.search("not callable", n_jobs=0)
+    assert_search_error(info.value, "AUTH_ERROR")
+
+
+@pytest.mark.parametrize("text, message", [
+    ("  disk on fire \n", "Runtime bootstrap failed after authentication. disk on fire"),
+    ("   ", "Runtime bootstrap failed after authentication."),
+])
+def test_a_failed_bootstrap_from_cached_auth_is_reported_with_its_text(monkeypatch, text, message):
+    monkeypatch.setattr(st, "_library_runtime", None, raising=False)
+    monkeypatch.setattr(onboarding, "_auth_manager", object())
+
+    def ensure(strict=True):
+        raise RuntimeError(text)
+    monkeypatch.setattr(onboarding, "ensure_runtime_bootstrapped", ensure)
+    with pytest.raises(st.SearchError) as info:
+        st.search(idle_template)
+    assert_search_error(info.value, "RUNTIME_BOOTSTRAP_FAILED", message)
+
+
+@pytest.mark.parametrize("check, code, message", [
+    ("_check_memory", "OUT_OF_MEMORY", "Not enough memory: requires 4.0 GB, available 3.0 GB"),
+    ("_check_disk", "DISK_FULL", "Disk space critically low: 3.0 MB remaining"),
+])
+def test_a_starved_machine_is_reported_before_bad_arguments(runtime, monkeypatch, check, code, message):
+    monkeypatch.setattr(st, check, starved(code, "3.0"))
+    with pytest.raises(st.SearchError) as info:
+        st.search(idle_template, n_jobs=0)
+    assert_search_error(info.value, code, message)
+
+
+@pytest.mark.parametrize("template, n_jobs, error, text", [
+    ("not callable", 0, TypeError, "Template must be callable accepting SearchContext"),
+    (idle_template, 0, ValueError, "n_jobs must be >= 1"),
+])
+def test_bad_arguments_raise_the_hosts_errors(runtime, template, n_jobs, error, text):
+    with pytest.raises(error, match=f"^{text}$"):
+        st.search(template, n_jobs=n_jobs)
+    assert st._search_active is False
+
+
+def test_a_missing_data_dir_is_reported(runtime, monkeypatch):
+    monkeypatch.setattr(onboarding, "_config", {"data_dir": None})
+    with pytest.raises(st.SearchError) as info:
+        st.search(idle_template)
+    assert_search_error(info.value, "DATA_DIR_REQUIRED")
+
+
+@pytest.mark.parametrize("field, value, code", [
+    ("valid_universe_id", None, "VALID_UNIVERSE_UNAVAILABLE"),
+    ("search_tracker", None, "SEARCH_TRACKER_UNAVAILABLE"),
+    ("search_era_config", None, "ERA_CONFIG_UNAVAILABLE"),
+    ("evaluator", None, "BACKTESTER_UNAVAILABLE"),
+])
+def test_missing_runtime_parts_are_reported_and_leave_no_search_active(runtime, field, value, code):
+    setattr(runtime, field, value)
+    with pytest.raises(st.SearchError) as info:
+        st.search(idle_template)
+    assert_search_error(info.value, code)
+    assert st._search_active is False
+    assert st._active_search_handle is None
+    if code == "ERA_CONFIG_UNAVAILABLE":
+        assert runtime.search_tracker.search_active == [True, False]
+    elif code == "BACKTESTER_UNAVAILABLE":
+        # the store's flag is deliberately left as it is on this path
+        assert runtime.search_tracker.search_active == [True]
+
+
+def test_a_failed_obfuscation_manager_gives_vocabulary_unavailable(runtime, monkeypatch, caplog):
+    def broken(vocabulary_json, era_id, valid_universe_id):
+        raise ValueError("no vocabulary")
+    monkeypatch.setattr(st, "ObfuscationManager", broken)
+    with pytest.raises(st.SearchError) as info:
+        st.search(idle_template)
+    assert_search_error(info.value, "VOCABULARY_UNAVAILABLE")
+    assert st._search_active is False
+    assert runtime.search_tracker.search_active == [True]
+    assert "Failed to instantiate ObfuscationManager: no vocabulary" in caplog.messages
+
+
+def test_without_a_vocabulary_in_memory_or_on_disk_the_search_does_not_start(runtime, caplog):
+    runtime.vocabulary_raw = "not a map"
+    with pytest.raises(st.SearchError) as info:
+        st.search(idle_template)
+    assert info.value.error_code == "VOCABULARY_UNAVAILABLE"
+    assert any(m.startswith("Failed to load vocabulary via load_vocabulary: ") for m in caplog.messages)
+
+
+def test_a_started_search_is_published_with_its_collaborators(runtime, seed_dir):
+    h = st.search(idle_template, n_jobs=1)
+    assert isinstance(h, st.SearchHandle)
+    assert st._active_search_handle is h and h in st._active_handles and st._search_active is True
+    assert (h._tracker, h._backtester, h._auth, h._data_dir) == (
+        runtime.search_tracker, runtime.evaluator, runtime.auth_proxy, seed_dir)
+    assert h._sync_progress == 0.0
+    assert st.status().running is True
+    assert [t.name for t in h._worker_threads] == ["worker_0"]
+
+
+def test_n_jobs_above_the_core_count_is_cut(runtime, monkeypatch, caplog):
+    import multiprocessing
+    monkeypatch.setattr(multiprocessing, "cpu_count", lambda: 1)
+    h = st.search(idle_template, n_jobs=3)
+    assert h._n_jobs == 1 and h.status().n_jobs == 1
+    assert "n_jobs=3 exceeds available cores (1). Using n_jobs=1." in caplog.messages
+
+
+def test_a_failing_heartbeat_does_not_stop_the_start(runtime, monkeypatch, caplog):
+    def heartbeat():
+        raise RuntimeError("no pulse")
+    monkeypatch.setattr(st, "inject_heartbeat", heartbeat)
+    assert st.search(idle_template) is st._active_search_handle
+    assert "Heartbeat injection failed: no pulse" in caplog.messages
+
+
+@pytest.mark.parametrize("errors, progress", [
+    ([ConnectionError("down")], 1.0),
+    ([], 1.0),
+])
+def test_sync_progress_reaches_the_handle(runtime, errors, progress):
+    runtime.sync_manager = SyncingManager(errors)
+    h = st.search(idle_template)
+    assert h._sync_progress == progress
+    assert runtime.sync_manager.sync_calls == len(errors) + 1
+
+
+def test_no_sync_needed_gives_full_progress(runtime):
+    runtime.sync_manager = SyncingManager(needs_sync=False)
+    assert st.search(idle_template)._sync_progress == 1.0
+    assert runtime.sync_manager.sync_calls == 0
+
+
+def test_eleven_connection_errors_end_in_sync_error(runtime):
+    runtime.sync_manager = SyncingManager([ConnectionError("down")] * 12)
+    with pytest.raises(SyncError, match="^Data sync failed after multiple retries. Check network and try again.$"):
+        st.search(idle_template)
+    assert runtime.sync_manager.sync_calls == 11
+
+
+@pytest.mark.parametrize("manager", [
+    lambda: SyncingManager(needs_sync=KeyError("era")),
+    lambda: SyncingManager([ValueError("bad data")]),
+])
+def test_any_other_sync_failure_becomes_sync_error_with_its_cause(runtime, manager):
+    runtime.sync_manager = manager()
+    with pytest.raises(SyncError, match="^Data sync failed before search startup. Check network and try again.$") as info:
+        st.search(idle_template)
+    assert isinstance(info.value.__cause__, (KeyError, ValueError))
+    assert st._search_active is False
+
+
+def test_a_second_search_replaces_the_first(runtime):
+    first = st.search(idle_template)
+    second = st.search(idle_template)
+    assert first._stopped is True and first._running is False
+    assert first not in st._active_handles and second in st._active_handles
+    assert st._active_search_handle is second and st._search_active is True
+    assert st.status().running is True
+
+
+class Stubborn:
+    def __init__(self):
+        self._stopped = False
+        self._stop_event = threading.Event()
+
+    def _abort_for_replacement(self):
+        raise RuntimeError("stuck")
+
+
+class Politer:
+    """A handle of an older kind: no abort, only stop."""
+
+    def __init__(self):
+        self._stopped = False
+        self.stopped_with = None
+
+    def stop(self, join_timeout=None):
+        self.stopped_with = join_timeout
+
+
+def test_earlier_handles_that_resist_stay_listed_with_their_stop_event_set(runtime, caplog):
+    stubborn, polite = Stubborn(), Politer()
+    st._active_handles.add(stubborn)
+    st._active_handles.add(polite)
+    h = st.search(idle_template)
+    assert stubborn._stop_event.is_set() and stubborn in st._active_handles
+    assert polite.stopped_with == 2.0 and polite not in st._active_handles
+    assert st._active_search_handle is h
+    assert "Failed to stop previous search handle: stuck" in caplog.messages
+    st._active_handles.discard(stubborn)
+
+
+def test_the_sync_comes_before_the_universe_check(runtime):
+    runtime.valid_universe_id = None
+    runtime.sync_manager = SyncingManager([ValueError("bad data")])
+    with pytest.raises(SyncError):
+        st.search(idle_template)
+    runtime.sync_manager = SyncingManager()
+    with pytest.raises(st.SearchError) as info:
+        st.search(idle_template)
+    assert info.value.error_code == "VALID_UNIVERSE_UNAVAILABLE"
+
+
+def test_an_error_of_the_handle_constructor_reaches_the_caller_and_leaves_the_flags_up(runtime):
+    from quillmarsh.errors import SdkRuntimeNotReadyError
+    del runtime.search_era_config.transform_pipeline
+    with pytest.raises(SdkRuntimeNotReadyError):
+        st.search(idle_template)
+    assert st._search_active is True and runtime.search_tracker.search_active == [True]
+    assert st._active_search_handle is None

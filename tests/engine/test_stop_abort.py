@@ -1,0 +1,215 @@
+"""Ending a search: the orderly stop, the hard abort on replacement, and the last resort at collection."""
+import gc
+import json
+import threading
+
+import pytest
+
+import quillmarsh.search_templates as st
+from engine.helpers import FakeSyncManager, finite_template, idle_template, join_all, wait_until
+
+
+def all_threads(h):
+    return [t for t in (h._supervisor_thread, h._era_thread, h._submission_thread, h._polling_thread,
+                        *h._worker_threads) if t is not None]
+
+
+def recorder(h, name, calls, result=None):
+    def record(*args):
+        calls.append((name, *args))
+        return result
+    setattr(h, name, record)
+
+
+def test_stop_flushes_twice_joins_releases_and_clears_the_module_state(make_handle):
+    sync = FakeSyncManager()
+    h = make_handle(idle_template, n_jobs=2, sync_mgr=sync)
+    st._search_active, st._active_search_handle = True, h
+    calls = []
+    recorder(h, "_flush_pending_receipt_finalizations", calls, True)
+    h._submission_queue.put({"eval_id": "e1"})
+    h.stop(join_timeout=2.0)
+    assert calls == [("_flush_pending_receipt_finalizations",)] * 2
+    join_all(all_threads(h), timeout=0.1)
+    assert (h._stopped, h._running, h._submission_queued, h._submission_backoff) == (True, False, 0, False)
+    assert h._submission_queue.empty()
+    assert sync.ref_count == 0 and sync.era_callbacks == []
+    assert h._tracker.search_active == [False]
+    assert st._search_active is False and st._active_search_handle is None
+    with pytest.raises(st.SearchError) as info:
+        st.status()
+    assert info.value.error_code == "NO_ACTIVE_SEARCH"
+    assert h.status().running is False
+    h.stop()  # a second stop returns at once
+    assert len(calls) == 2 and h._tracker.search_active == [False]
+
+
+def test_stopping_a_handle_that_is_not_the_active_one_leaves_the_slot_alone(make_handle):
+    other = make_handle(idle_template)
+    h = make_handle(idle_template)
+    st._search_active, st._active_search_handle = True, other
+    h.stop()
+    assert st._search_active is False and st._active_search_handle is other
+
+
+def test_a_search_and_its_stop_leave_the_module_as_documented(runtime):
+    h = st.search(finite_template(3))
+    assert st._search_active is True and st.status().running is True
+    h.stop()
+    assert st._search_active is False and st._active_search_handle is None
+    assert h in st._active_handles  # the next search discards it
+    st.search(idle_template)
+    assert h not in st._active_handles
+
+
+def test_failures_of_collaborators_during_stop_are_logged_and_stop_completes(make_handle, caplog):
+    class Broken(FakeSyncManager):
+        def release(self):
+            raise RuntimeError("refcount lost")
+
+    class BrokenTracker:
+        def set_search_active(self, flag):
+            raise OSError("read-only store")
+    h = make_handle(idle_template, sync_mgr=Broken(), tracker=BrokenTracker())
+    h.stop()
+    assert h._stopped
+    assert "Failed to release sync manager during stop: refcount lost" in caplog.messages
+    assert "Failed to set search inactive: read-only store" in caplog.messages
+
+
+def test_a_failing_flush_reaches_the_caller_and_a_later_stop_goes_through_again(make_handle):
+    h = make_handle(idle_template)
+    calls = []
+
+    def flush():
+        calls.append(1)
+        if len(calls) == 1:
+            raise RuntimeError("store locked")
+        return True
+    h._flush_pending_receipt_finalizations = flush
+    with pytest.raises(RuntimeError, match="store locked"):
+        h.stop()
+    assert h._stopped is False
+    h.stop()
+    assert h._stopped is True and len(calls) == 3
+
+
+def insert(conn, table, payload, owner=None):
+    columns = "eval_id, eval_type, payload_json, era_id, created_at, in_flight_owner"
+    conn.execute(f"INSERT INTO {table} ({columns}) VALUES (?, 'signal', ?, 3, 0.0, ?)",
+                 (payload["eval_id"], json.dumps(payload, sort_keys=True), owner))
+
+
+def test_abort_deletes_only_this_handles_rows_and_clears_its_state(make_handle, tracker, caplog):
+    sync = FakeSyncManager()
+    h = make_handle(idle_template, tracker=tracker, sync_mgr=sync)
+    st._search_active, st._active_search_handle = True, h
+    assert h._tracker_uses_persistent_store and h._ensure_submission_claim_columns()
+    assert h._ensure_retry_claim_columns()
+    mine, other = h._submission_owner, "someone-else"
+    conn = tracker._conn
+    for table in ("submission_queue", "submission_retry"):
+        insert(conn, table, {"eval_id": table + "-mine", "_submission_owner": mine})
+        insert(conn, table, {"eval_id": table + "-claimed"}, owner=mine)
+        insert(conn, table, {"eval_id": table + "-other", "_submission_owner": other}, owner=other)
+        insert(conn, table, {"eval_id": table + "-ownerless"})
+    h._retry_queue.append({"eval_id": "r"})
+    h._pending_submissions["s1"] = {"eval_id": "p"}
+    h._submission_queue.put({"eval_id": "q"})
+    h._abort_for_replacement()
+    for table in ("submission_queue", "submission_retry"):
+        left = sorted(r[0] for r in conn.execute(f"SELECT eval_id FROM {table}"))
+        assert left == [table + "-other", table + "-ownerless"]
+    assert h._replacement_abort_requested() and h._stop_event.is_set() and h._submission_wakeup.is_set()
+    assert (h._running, h._stopped, h._submission_degraded, h._polling_degraded) == (False, True, True, True)
+    assert h._retry_queue == [] and h._pending_submissions == {} and h._submission_queue.empty()
+    assert sync.ref_count == 0 and sync.era_callbacks == []
+    assert tracker.is_search_active() is False
+    assert st._search_active is False and st._active_search_handle is None
+    assert join_all(all_threads(h)) is None
+    flushes = []
+    recorder(h, "_flush_pending_receipt_finalizations", flushes)
+    h.stop()  # stop on an aborted handle returns at once
+    h._abort_for_replacement()
+    assert flushes == []
+
+
+def test_a_failed_delete_during_abort_is_logged_and_the_abort_completes(make_handle, caplog):
+    class Conn:
+        def execute(self, *args):
+            raise RuntimeError("database is locked")
+
+    class Tracker:
+        _conn = Conn()
+
+        def set_search_active(self, flag):
+            pass
+    h = make_handle(idle_template, tracker=Tracker())
+    h._submission_claim_columns_ready = h._retry_claim_columns_ready = True
+    h._abort_for_replacement()
+    assert h._stopped
+    assert "Failed to delete replacement-aborted persistent submissions: database is locked" in caplog.messages
+
+
+def test_abort_waits_for_a_send_in_progress_and_nothing_begins_after(make_handle):
+    h = make_handle(idle_template)
+    guard = h._submission_start_guard()
+    guard.acquire()
+    aborter = threading.Thread(target=h._abort_for_replacement)
+    aborter.start()
+    assert not h._replacement_abort_requested()  # the send in flight still holds the guard
+    guard.release()
+    aborter.join(5.0)
+    assert h._stopped and h._replacement_abort_requested()
+    with h._submission_start_guard():
+        assert h._replacement_abort_requested()  # what a sender sees once it holds the guard
+
+
+def test_missing_abort_primitives_are_made_on_first_use(make_handle):
+    h = make_handle(idle_template, bt=None)
+    submission_lock = h._submission_start_lock
+    h._replacement_abort_event = None
+    h._poll_start_lock = None
+    assert h._replacement_abort_requested() is False
+    assert isinstance(h._replacement_abort_event, threading.Event)
+    assert h._poll_start_guard() is h._poll_start_lock and h._poll_start_lock is not None
+    assert h._submission_start_guard() is submission_lock
+
+
+def test_dropping_an_aborted_payload_removes_its_journal_entry_then_its_source(make_handle):
+    h = make_handle(idle_template, bt=None)
+    calls = []
+    for name in ("_rewrite_receipt_journal_without", "_delete_claimed_submission_source",
+                 "_update_submission_counts"):
+        recorder(h, name, calls)
+    payload = {"eval_id": "e"}
+    h._drop_replacement_aborted_payload(payload, "key-1")
+    h._drop_replacement_aborted_payload(payload)
+    assert calls == [("_rewrite_receipt_journal_without", "key-1"), ("_delete_claimed_submission_source", payload),
+                     ("_update_submission_counts",), ("_delete_claimed_submission_source", payload),
+                     ("_update_submission_counts",)]
+
+
+def test_collection_of_an_unstopped_handle_signals_and_releases(make_handle):
+    sync = FakeSyncManager()
+    h = make_handle(idle_template, bt=None, sync_mgr=sync)
+    sync.acquire()
+    stop_event = h._stop_event
+    del h
+    gc.collect()
+    assert stop_event.is_set() and sync.ref_count == 0
+
+
+def test_the_seams_keep_the_engines_contract(make_handle):
+    h = make_handle(idle_template, bt=None)
+    h._submission_queue.put({"eval_id": "a"})
+    h._retry_queue.append({"eval_id": "b"})
+    h._update_submission_counts()
+    assert (h._submission_queued, h._submission_retrying, h._submission_pending) == (1, 1, 0)
+    assert h._flush_pending_receipt_finalizations() is True
+    assert h._delete_claimed_submission_source({"eval_id": "a"}) is False
+    t = threading.Thread(target=h._submission_loop)
+    t.start()
+    h._stop_event.set()
+    t.join(5.0)
+    assert not t.is_alive()

@@ -1,0 +1,144 @@
+"""Worker threads: the template restarted up to 20 times, crashes counted, evaluation in parallel."""
+import logging
+import threading
+
+import pytest
+
+import quillmarsh.search_templates as st
+from engine.helpers import finite_template, graph, idle_template, join_all, wait_until
+from evaluation.fakes import FakeBacktester
+
+
+@pytest.fixture
+def no_replacements(monkeypatch):
+    """The supervisor's replacements are recorded instead of started."""
+    calls = []
+    monkeypatch.setattr(st, "_restart_worker", lambda handle, count: calls.append(count))
+    return calls
+
+
+def test_threads_are_named_daemons_whose_targets_are_this_handle(make_handle):
+    h = make_handle(idle_template, n_jobs=2)
+    threads = [h._supervisor_thread, h._era_thread, h._submission_thread, h._polling_thread, *h._worker_threads]
+    assert [t.name for t in threads] == ["supervisor", "era_thread", "submission_thread", "polling_thread",
+                                         "worker_0", "worker_1"]
+    assert all(t.daemon and t.is_alive() for t in threads)
+    assert all(t._target.__self__ is h for t in threads)
+    assert h._worker_start_event.is_set() and h._worker_start_count == 2
+
+
+def test_a_finite_template_is_restarted_20_times_in_fresh_contexts(make_handle, no_replacements, caplog):
+    caplog.set_level(logging.INFO, logger="quillmarsh.search_templates")
+    contexts = []
+
+    def template(ctx):
+        contexts.append(ctx)
+        yield from finite_template(3)(ctx)
+    bt = FakeBacktester()
+    h = make_handle(template, bt=bt)
+    join_all(h._worker_threads)
+    assert h.status().total_evaluated == 60
+    assert len(bt.calls) == 120  # evaluate_expression and run_backtest for each of the 60
+    assert len({id(c) for c in contexts}) == 20
+    assert caplog.messages.count("Template exhausted in worker 0 \u2014 restarting") == 20
+    assert wait_until(lambda: no_replacements)  # the supervisor sees the ended worker
+    assert h._crash_count == 0
+
+
+@pytest.mark.parametrize("body, detail", [
+    ("raise ValueError('bad template')", "bad template"),
+    ("open('/etc/hostname')", "forbidden filesystem access from search template"),
+    ("import sqlite3; sqlite3.connect(':memory:')", "forbidden sqlite access from search template"),
+])
+def test_a_failing_template_costs_a_crash_per_attempt_for_20_attempts(make_handle, no_replacements, caplog, body,
+                                                                     detail):
+    namespace = {}
+    exec("def template(ctx):\n    " + body + "\n    yield {}", namespace)
+    h = make_handle(namespace["template"])
+    join_all(h._worker_threads)
+    assert h._crash_count == 20 and h._total_evaluated == 0
+    assert caplog.messages.count("Template sandbox violation in worker 0: " + detail) == 20
+
+
+def test_a_template_returning_nothing_ends_its_worker_without_a_restart(make_handle, no_replacements, caplog):
+    caplog.set_level(logging.INFO, logger="quillmarsh.search_templates")
+    calls = []
+    h = make_handle(lambda ctx: calls.append(ctx))
+    join_all(h._worker_threads)
+    assert len(calls) == 1 and h._crash_count == 0
+    assert not any("Template exhausted" in m for m in caplog.messages)
+    assert wait_until(lambda: no_replacements)
+
+
+class RaisingContext:
+    """Stands in for SearchContext: every evaluation raises, every record is kept."""
+
+    records = []
+
+    def __init__(self, **kwargs):
+        self.kwargs = kwargs
+
+    def evaluate(self, expr):
+        raise RuntimeError("backtester exploded")
+
+    def _safe_record(self, expr, passed, rejection_reason=None, tracking_metric_kwargs=None):
+        self.records.append((expr, passed, rejection_reason, tracking_metric_kwargs))
+
+
+def test_an_evaluation_that_raises_is_recorded_and_still_counted(make_handle, monkeypatch, no_replacements, caplog):
+    RaisingContext.records = []
+    monkeypatch.setattr(st, "SearchContext", RaisingContext)
+    h = make_handle(finite_template(1))
+    join_all(h._worker_threads)
+    assert h._total_evaluated == 20
+    assert RaisingContext.records[0] == (graph(0), False, "evaluate_exception",
+                                         {"failure_reason": "evaluate_exception",
+                                          "failure_detail": "backtester exploded"})
+    assert caplog.messages.count("Expression evaluation failed: backtester exploded") == 20
+
+
+def test_the_context_receives_the_handles_hand_over_points(make_handle, monkeypatch, no_replacements):
+    seen = []
+
+    class Recording(RaisingContext):
+        def __init__(self, **kwargs):
+            seen.append(kwargs)
+    monkeypatch.setattr(st, "SearchContext", Recording)
+    h = make_handle(lambda ctx: None)
+    join_all(h._worker_threads)
+    kw = seen[0]
+    assert (kw["vocab"], kw["universe"], kw["depth"], kw["tracker"], kw["bt"]) == (
+        h._vocab, "U1", 4, h._tracker, h._backtester)
+    assert kw["submission_queue"] is h._submission_queue and kw["stop_event"] is h._stop_event
+    assert kw["tracker_write_lock"] is h._tracker_write_lock and kw["submission_wakeup"] is h._submission_wakeup
+    assert kw["replacement_abort_event"] is h._replacement_abort_event
+    assert kw["submission_owner"] == h._submission_owner and kw["fatal_callback"].__self__ is h
+
+
+def test_two_workers_evaluate_at_the_same_moment_when_the_backtester_releases_the_gil(make_handle):
+    both_inside = threading.Barrier(2, timeout=5.0)
+    met = []
+
+    def meet():
+        if not met:
+            both_inside.wait()  # blocks (without the GIL) until the other worker is inside too
+            met.append(True)
+    bt = FakeBacktester(on_backtest=meet)
+    h = make_handle(finite_template(1), n_jobs=2, bt=bt)
+    assert wait_until(lambda: met)
+    assert not both_inside.broken
+    h.stop(join_timeout=2.0)
+
+
+def test_a_stop_ends_workers_without_evaluating_what_they_pulled(make_handle):
+    pulled = []
+
+    def template(ctx):
+        for i in range(1000):
+            pulled.append(i)
+            if i == 2:
+                ctx._stop_event.set()
+            yield graph(i)
+    h = make_handle(template)
+    join_all(h._worker_threads)
+    assert h._total_evaluated == 2 and pulled == [0, 1, 2]
