@@ -1,0 +1,255 @@
+"""Evaluations per second of the local evaluator on the default panel (500 instruments x 1,260 days).
+
+A fixed, seeded set of 200 expressions of depth 2 to 4 is evaluated (``evaluate_expression`` followed by
+``run_backtest``) on one thread and on two, and a subset of it through a NumPy rendition of the same
+operators and metrics written here. The bytes that each evaluation must move (every operator reads its
+inputs and writes its output once; the book reads the signal, writes the weights and reads them with the
+returns and the liquidity flags) are set against the machine's measured memory bandwidth.
+"""
+from __future__ import annotations
+
+import math
+import random
+import sys
+import tempfile
+import threading
+import time
+from pathlib import Path
+
+import numpy as np
+from numpy.lib.stride_tricks import sliding_window_view
+
+from quillmarsh.local.evaluator import LocalEvaluator, column_metrics
+from quillmarsh.local.vocabulary import FUNCTIONS
+
+N_EXPRESSIONS = 200
+N_REFERENCE = 12
+SEED = 20240601
+
+
+# ----- the expressions ------------------------------------------------------------------------------
+def random_graph(rng: random.Random, rotations, features, depth):
+    if depth <= 1:
+        return {"type": "feature", "node": rng.choice(features)}
+    spec = rng.choice(rotations)
+    children = [random_graph(rng, rotations, features, depth - 1) for _ in spec.data_inputs]
+    return {"type": "rotation", "node": spec.name, "children": children}
+
+
+def expressions(evaluator):
+    rng = random.Random(SEED)
+    rotations = [s for s in FUNCTIONS.values() if s.kind == "rotation" and not s.engine_only]
+    features = sorted(evaluator.vocabulary.feature_to_canonical)
+    return [random_graph(rng, rotations, features, rng.randint(2, 4)) for _ in range(N_EXPRESSIONS)]
+
+
+def count_nodes(graph):
+    if graph["type"] == "feature":
+        return 0, 0
+    spec = FUNCTIONS[graph["node"]]
+    ops, reads = 1, len(spec.data_inputs) + 1
+    for c in graph["children"]:
+        o, r = count_nodes(c)
+        ops, reads = ops + o, reads + r
+    return ops, reads
+
+
+def bytes_per_evaluation(graph, cells):
+    _, panel_passes = count_nodes(graph)
+    book_passes = 2 + 3  # book: read signal, write weights; daily series: read weights, returns, flags
+    return (panel_passes + book_passes) * cells * 8
+
+
+# ----- the NumPy rendition --------------------------------------------------------------------------
+def _windows(x, w):
+    pad = np.full((w - 1, x.shape[1]), np.nan)
+    return sliding_window_view(np.vstack([pad, x]), w, axis=0)  # (T, N, w)
+
+
+def _minp(w, two=False):
+    m = max(1, (w + 1) // 2)
+    return max(2, m) if two else m
+
+
+def np_ts(op, x, w):
+    if op in ("delay", "delta"):
+        lag = np.full_like(x, np.nan)
+        lag[w:] = x[:-w]
+        return lag if op == "delay" else x - lag
+    win = _windows(x, w)
+    count = np.sum(~np.isnan(win), axis=2)
+    with np.errstate(all="ignore"):
+        if op == "sum":
+            out = np.nansum(win, axis=2)
+        elif op == "mean":
+            out = np.nanmean(win, axis=2)
+        elif op in ("std", "zscore"):
+            sd = np.nanstd(win, axis=2, ddof=1)
+            out = sd if op == "std" else (x - np.nanmean(win, axis=2)) / np.where(sd > 0, sd, np.nan)
+        elif op == "min":
+            out = np.nanmin(win, axis=2)
+        elif op == "max":
+            out = np.nanmax(win, axis=2)
+        elif op == "rank":
+            cur = x[:, :, None]
+            less = np.sum(win < cur, axis=2)
+            eq = np.sum(win == cur, axis=2)
+            out = np.where(count > 1, (less + 0.5 * (eq - 1)) / np.maximum(count - 1, 1), 0.5)
+        elif op == "decay_linear":
+            wts = np.arange(1, w + 1, dtype=float)
+            ok = ~np.isnan(win)
+            out = np.nansum(win * wts, axis=2) / np.sum(ok * wts, axis=2)
+    need = _minp(w, op in ("std", "zscore"))
+    return np.where(np.isnan(x) | (count < need), np.nan, out)
+
+
+def np_ts2(op, x, y, w):
+    ok = ~(np.isnan(x) | np.isnan(y))
+    a, b = np.where(ok, x, np.nan), np.where(ok, y, np.nan)
+    wa, wb = _windows(a, w), _windows(b, w)
+    with np.errstate(all="ignore"):
+        c = np.sum(~np.isnan(wa), axis=2)
+        ma, mb = np.nanmean(wa, axis=2), np.nanmean(wb, axis=2)
+        cov = np.nansum((wa - ma[..., None]) * (wb - mb[..., None]), axis=2) / (c - 1)
+        if op == "corr":
+            cov = cov / (np.nanstd(wa, axis=2, ddof=1) * np.nanstd(wb, axis=2, ddof=1))
+    return np.where(~ok | (c < _minp(w, True)), np.nan, cov)
+
+
+def np_cs(op, x):
+    with np.errstate(all="ignore"):
+        if op == "rank":
+            order = np.argsort(np.argsort(np.where(np.isnan(x), np.inf, x), axis=1), axis=1)
+            n = np.sum(~np.isnan(x), axis=1, keepdims=True)
+            return np.where(np.isnan(x), np.nan, order / np.maximum(n - 1, 1))
+        mean = np.nanmean(x, axis=1, keepdims=True)
+        if op == "demean":
+            return x - mean
+        if op == "zscore":
+            sd = np.nanstd(x, axis=1, keepdims=True)
+            return (x - mean) / np.where(sd > 0, sd, np.nan)
+        s = np.nansum(np.abs(x), axis=1, keepdims=True)
+        return x / np.where(s > 0, s, np.nan)
+
+
+UNARY = {"neg": np.negative, "abs": np.abs, "sign": np.sign, "square": np.square,
+         "slog": lambda x: np.sign(x) * np.log1p(np.abs(x)), "ssqrt": lambda x: np.sign(x) * np.sqrt(np.abs(x)),
+         "inverse": lambda x: 1.0 / np.where(x == 0, np.nan, x)}
+BINARY = {"add": np.add, "sub": np.subtract, "mul": np.multiply, "min": np.minimum, "max": np.maximum,
+          "div": lambda a, b: a / np.where(b == 0, np.nan, b)}
+
+
+def np_eval(evaluator, graph):
+    if graph["type"] == "feature":
+        return evaluator._feature(graph["node"])
+    spec = FUNCTIONS[graph["node"]]
+    args = [np_eval(evaluator, c) for c in graph["children"]]
+    kind, op = spec.op.split(":")
+    param = spec.config[0][2] if spec.config else None
+    with np.errstate(all="ignore"):
+        if kind == "ts":
+            return np_ts(op, args[0], param)
+        if kind == "ts2":
+            return np_ts2(op, args[0], args[1], param)
+        if kind == "cs":
+            return np_cs(op, args[0])
+        if kind == "unary":
+            return UNARY[op](args[0])
+        return BINARY[op](args[0], args[1])
+
+
+def np_backtest(evaluator, signal, truncation=0.05, cost=5e-4):
+    w = np_cs("zscore", signal)
+    w = w - np.nanmean(w, axis=1, keepdims=True)
+    w = np.nan_to_num(w)
+    gross = np.abs(w).sum(axis=1, keepdims=True)
+    w = np.divide(w, gross, out=np.zeros_like(w), where=gross > 0)
+    for _ in range(10):
+        w = np.clip(w, -truncation, truncation)
+        g = np.abs(w).sum(axis=1, keepdims=True)
+        w = np.divide(w, g, out=np.zeros_like(w), where=g > 0)
+    fwd = np.nan_to_num(evaluator._fwd)
+    pnl = (w * fwd).sum(axis=1)
+    traded = np.abs(np.diff(w, axis=0, prepend=0.0)).sum(axis=1)
+    n = evaluator.in_sample_days
+    out = {c: column_metrics(p[:n], traded[:n]) for c, p in (("gross", pnl), ("net", pnl - cost * traded))}
+    out["long_count"] = float((w[:n] > 0).sum(axis=1).mean())
+    out["short_count"] = float((w[:n] < 0).sum(axis=1).mean())
+    out["delta_exposure"] = float(np.abs(w[:n].sum(axis=1)).mean())
+    out["max_weight"] = float((np.abs(w[:n]).max(axis=1) / np.maximum(np.abs(w[:n]).sum(axis=1), 1e-300)).max())
+    return out
+
+
+# ----- measurements ---------------------------------------------------------------------------------
+def memory_bandwidth():
+    src = np.ones(50_000_000 // 8 * 8)  # 400 MB
+    dst = np.empty_like(src)
+    best = math.inf
+    for _ in range(3):
+        t0 = time.perf_counter()
+        np.copyto(dst, src)
+        best = min(best, time.perf_counter() - t0)
+    return 2 * src.nbytes / best  # read + write
+
+
+def run_fast(evaluator, graphs):
+    for g in graphs:
+        evaluator.evaluate_expression(g)
+        evaluator.run_backtest(g)
+
+
+def timed(fn, *args):
+    t0 = time.perf_counter()
+    fn(*args)
+    return time.perf_counter() - t0
+
+
+def main():
+    data_dir = Path(tempfile.gettempdir()) / "quillmarsh-bench"
+    t0 = time.perf_counter()
+    evaluator = LocalEvaluator(data_dir=data_dir)
+    print(f"market + vocabulary ready in {time.perf_counter() - t0:.2f} s "
+          f"(panel {evaluator.market.shape[0]} days x {evaluator.market.shape[1]} instruments)")
+    graphs = expressions(evaluator)
+    for name in evaluator.vocabulary.feature_to_canonical:  # features are built once, outside the timing
+        evaluator._feature(name)
+    evaluator._illiquid_flag()
+    run_fast(evaluator, graphs[:5])
+
+    one = timed(run_fast, evaluator, graphs)
+    rate1 = len(graphs) / one
+    halves = [graphs[0::2], graphs[1::2]]
+    threads = [threading.Thread(target=run_fast, args=(evaluator, h)) for h in halves]
+    t0 = time.perf_counter()
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+    rate2 = len(graphs) / (time.perf_counter() - t0)
+
+    ref = graphs[:N_REFERENCE]
+    t0 = time.perf_counter()
+    for g in ref:
+        np_backtest(evaluator, np_eval(evaluator, g))
+    rate_np = len(ref) / (time.perf_counter() - t0)
+    fast_ref = len(ref) / timed(run_fast, evaluator, ref)
+
+    cells = evaluator.market.shape[0] * evaluator.market.shape[1]
+    per_eval = np.mean([bytes_per_evaluation(g, cells) for g in graphs])
+    bw = memory_bandwidth()
+    floor = bw / per_eval
+    print(f"expressions: {len(graphs)}, depth 2-4, mean {np.mean([count_nodes(g)[0] for g in graphs]):.1f} operators")
+    print(f"one thread : {rate1:8.1f} evaluations/s")
+    print(f"two threads: {rate2:8.1f} evaluations/s  (x{rate2 / rate1:.2f})")
+    print(f"NumPy rendition on the first {len(ref)}: {rate_np:.2f} evaluations/s; "
+          f"kernels on the same: {fast_ref:.1f}/s (x{fast_ref / rate_np:.1f})")
+    print(f"bytes per evaluation: {per_eval / 1e6:.1f} MB; memory bandwidth (copy): {bw / 1e9:.1f} GB/s; "
+          f"bandwidth floor: {floor:.0f} evaluations/s; one thread at {100 * rate1 / floor:.0f}% of it")
+    targets = [("x10 NumPy", fast_ref / rate_np >= 10), ("100/s one core", rate1 >= 100),
+               ("x1.7 on two threads", rate2 / rate1 >= 1.7)]
+    print("targets: " + ", ".join(f"{name}: {'met' if ok else 'NOT met'}" for name, ok in targets))
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,506 @@
+"""The local evaluator: expression graphs over the embedded market, backtested by the panel kernels.
+
+Book and metrics. From the raw signal S (days x instruments):
+
+1. normalisation per day (``normalization``: "zscore", "rank", "rescale" = divide by the largest absolute
+   value, or "none"), then a linear decay over ``decay`` days (0 or 1: none);
+2. per day: subtract the cross-sectional mean, scale so that sum|w| = 1 (the book), clip every weight to
+   ``truncation`` of the book and re-scale (``truncation`` 0: no clip); instruments without a signal hold 0;
+3. daily gross pnl g_t = sum_n w[t,n] * r[t+1,n] (next day's return; a missing return earns nothing),
+   traded value v_t = sum_n |w[t,n] - w[t-1,n]|, net pnl g_t - cost * v_t (cost 5 bps by default).
+
+Metrics over the in-sample days (the first 80%; the rest is held out), for each pnl column p_t:
+
+* sharpe = mean(p) / std(p) * sqrt(252) (sample std; 0 for a constant series)
+* returns = 252 * mean(p) / 0.5 (annual pnl on half the book)
+* turnover = mean(v) (traded value over the book, per day)
+* fitness = sharpe * sqrt(|returns| / max(turnover, 0.125)); quality_score = fitness of the primary column
+* margin = sum(p) / sum(v) (pnl per unit traded; 0 without trading)
+* drawdown = max_t (max_{s<=t} C_s - C_t) / 0.5 with C the cumulative pnl
+* long_count, short_count = mean daily number of positive, negative weights
+* delta_exposure = mean |sum_n w[t,n]|; max_weight = the largest daily max|w| / sum|w|
+* abs_weight_sum_mean = mean sum_n |w[t,n]|
+* correlation = the greatest |corr(g, g_k)| over the signals already found in the era's pool
+* is_pnl_mi: regress the pnl on the pool's pnls (least squares, no intercept), e the residual, IR = mean(e)
+  / std(e); is_pnl_mi = 252 * 0.5 * ln(1 + IR^2) if mean(e) > 0, else 0. It is the Gaussian information, in
+  nats per year, of the part of the pnl that the pool does not already explain.
+"""
+from __future__ import annotations
+
+import hashlib
+import json
+import math
+import threading
+
+import numpy as np
+
+from . import _evaluator as _k
+from .era import LocalEraConfig, PNL_COLUMNS
+from .market import Market, load_market
+from .vocabulary import FUNCTIONS, FEATURE_RECIPES, FunctionSpec, build_vocabulary, feature_array, obfuscated_name
+
+TRADING_DAYS = 252
+HALF_BOOK = 0.5
+MIN_TURNOVER = 0.125
+IN_SAMPLE_FRACTION = 0.8
+DEFAULT_METAPARAMETERS = {"normalization": "zscore", "decay": 0, "truncation": 0.05}
+_GRAPH_KEYS = {"type", "node", "children"}
+_FUNCTION_TYPES = ("rotation", "filtration", "reduction")
+_CONFIG_TYPES = {"int": int, "float": float, "bool": bool, "string": str}
+
+
+class LocalBacktestStats:
+    """What one backtest reports; every attribute a reader of backtest statistics looks for."""
+
+    def __init__(self, **fields):
+        self.__dict__.update(fields)
+
+    def __repr__(self):
+        return (f"LocalBacktestStats(sharpe={self.sharpe:.3f}, fitness={self.fitness:.3f}, "
+                f"turnover={self.turnover:.3f}, passed={self.passed})")
+
+
+class RegistryEntry:
+    """Runtime metadata of one function; ``factory`` computes it on panels."""
+
+    def __init__(self, spec: FunctionSpec, factory):
+        self.function_type = spec.kind
+        self.family = spec.family
+        self.subfamily = spec.subfamily
+        self.param_schema = spec.param_schema()
+        self.stateful = spec.stateful
+        self.arity = len(spec.data_inputs)
+        self.engine_only = spec.engine_only
+        self.factory = factory
+        self.module_path = __name__
+        self.class_name = "LocalEvaluator"
+
+
+class FunctionRegistry:
+    def __init__(self, evaluator):
+        self._entries = {name: RegistryEntry(spec, _Factory(evaluator, spec)) for name, spec in FUNCTIONS.items()}
+
+    def has(self, name) -> bool:
+        return name in self._entries
+
+    def get_entry(self, name) -> RegistryEntry:
+        try:
+            return self._entries[name]
+        except KeyError:
+            raise KeyError(f"no function {name!r} in the local registry") from None
+
+    def names(self):
+        return list(self._entries)
+
+
+class _Factory:
+    def __init__(self, evaluator, spec):
+        self._evaluator, self._spec = evaluator, spec
+
+    def __call__(self, *inputs, **config):
+        return self._evaluator._apply(self._spec, list(inputs), config)
+
+
+def _sharpe(p: np.ndarray) -> float:
+    if p.size < 2:
+        return 0.0
+    sd = p.std(ddof=1)
+    return float(p.mean() / sd * math.sqrt(TRADING_DAYS)) if sd > 0 else 0.0
+
+
+def column_metrics(p: np.ndarray, traded: np.ndarray) -> dict:
+    """Sharpe, returns, turnover, fitness, margin and drawdown of one daily pnl column."""
+    sharpe = _sharpe(p)
+    returns = float(TRADING_DAYS * p.mean() / HALF_BOOK) if p.size else 0.0
+    turnover = float(traded.mean()) if traded.size else 0.0
+    fitness = sharpe * math.sqrt(abs(returns) / max(turnover, MIN_TURNOVER))
+    total_traded = float(traded.sum())
+    margin = float(p.sum() / total_traded) if total_traded > 0 else 0.0
+    cum = np.cumsum(p)
+    drawdown = float(np.max(np.maximum.accumulate(np.maximum(cum, 0.0)) - cum) / HALF_BOOK) if p.size else 0.0
+    return {"sharpe": sharpe, "returns": returns, "turnover": turnover, "fitness": fitness,
+            "quality_score": fitness, "margin": margin, "drawdown": drawdown}
+
+
+def pnl_information(y: np.ndarray, pool: list) -> float:
+    """Information (nats per year) of the part of pnl ``y`` that the pool's pnls do not explain."""
+    e = y
+    if pool:
+        X = np.column_stack(pool)
+        beta, *_ = np.linalg.lstsq(X, y, rcond=None)
+        e = y - X @ beta
+    if e.size < 2:
+        return 0.0
+    sd = e.std(ddof=1)
+    if not sd > 0 or e.mean() <= 0:
+        return 0.0
+    ir = e.mean() / sd
+    return float(TRADING_DAYS * 0.5 * math.log1p(ir * ir))
+
+
+class LocalEvaluator:
+    """Backtester of the local platform over one market and one era.
+
+    ``evaluate_expression`` computes a graph's raw signal and keeps it for the ``run_backtest`` of the same
+    graph on the same thread; both may run on several threads at once (the kernels release the GIL).
+    """
+
+    def __init__(self, market: Market | None = None, *, data_dir=None, seed: int = 7,
+                 n_instruments: int = 500, n_days: int = 1260, era=None, cost_bps: float = 5.0,
+                 in_sample_fraction: float = IN_SAMPLE_FRACTION):
+        if not 0.0 < in_sample_fraction <= 1.0:
+            raise ValueError(f"in_sample_fraction must lie in (0, 1], got {in_sample_fraction!r}")
+        if not cost_bps >= 0:
+            raise ValueError(f"cost_bps must be non-negative, got {cost_bps!r}")
+        self.market = market if market is not None else load_market(data_dir, n_instruments, n_days, seed)
+        self.seed = seed
+        self.era = era if era is not None else LocalEraConfig()
+        self.vocabulary = build_vocabulary(self.market, seed)
+        self.registry = FunctionRegistry(self)
+        self.cost = cost_bps * 1e-4
+        T = self.market.shape[0]
+        self.in_sample_days = max(2, int(T * in_sample_fraction))
+        self._features: dict = {}
+        self._feature_lock = threading.Lock()
+        self._pool_lock = threading.Lock()
+        self._pool_pnls: dict = {}   # (pool id, signal id) -> {column: in-sample daily pnl}
+        self._tls = threading.local()
+        self._vault = None
+        self._reconstruction_era = None
+        self._fwd = np.ascontiguousarray(self.market.fwd_returns)
+        self._tradable = np.maximum((~np.isnan(self._fwd)).sum(axis=1), 1).astype(np.float64)
+
+    # ----- era key material -------------------------------------------------------------------------
+    def initialize_era_vault(self, shuffle_blob: bytes, wallet_secret: bytes, era_id: int) -> None:
+        """Keep the era's key material (60-byte shuffle seed, 32-byte wallet secret) for this era."""
+        if not isinstance(shuffle_blob, (bytes, bytearray)) or len(shuffle_blob) != 60:
+            raise ValueError("shuffle_blob must be 60 bytes")
+        if not isinstance(wallet_secret, (bytes, bytearray)) or len(wallet_secret) != 32:
+            raise ValueError("invalid credentials: wallet_secret must be 32 bytes")
+        if era_id != getattr(self.era, "era_id", None):
+            raise ValueError(f"era mismatch: vault for era {era_id!r}, evaluator is on era "
+                             f"{getattr(self.era, 'era_id', None)!r}")
+        key = hashlib.blake2b(bytes(shuffle_blob), key=bytes(wallet_secret), digest_size=32).digest()
+        if self._vault is not None:
+            raise RuntimeError(f"vault already initialized for era {self._vault[0]!r}")
+        self._vault = (era_id, key)
+
+    def init_reconstruction(self, shuffle_blob: bytes, wallet_secret: bytes, era_id: int) -> None:
+        """Confirm that the key material matches the vault. The local market needs no reconstruction of its
+        own, so evaluation does not wait for this step."""
+        if self._vault is None:
+            raise RuntimeError("init_reconstruction before initialize_era_vault")
+        key = hashlib.blake2b(bytes(shuffle_blob), key=bytes(wallet_secret), digest_size=32).digest()
+        if (era_id, key) != self._vault:
+            raise ValueError("invalid credentials: key material does not match the era vault")
+        self._reconstruction_era = era_id
+
+    # ----- features and expressions -----------------------------------------------------------------
+    def feature_name(self, canonical: str) -> str:
+        """The vocabulary (obfuscated) name of a canonical feature."""
+        if canonical not in FEATURE_RECIPES:
+            raise KeyError(f"unknown feature {canonical!r}")
+        return obfuscated_name(canonical, self.seed)
+
+    def _feature(self, name) -> np.ndarray:
+        canonical = self.vocabulary.feature_to_canonical.get(name, name)
+        if canonical not in FEATURE_RECIPES:
+            raise ValueError(f"unknown feature {name!r}")
+        arr = self._features.get(canonical)
+        if arr is None:
+            with self._feature_lock:
+                arr = self._features.get(canonical)
+                if arr is None:
+                    arr = feature_array(self.market, canonical)
+                    arr.setflags(write=False)
+                    self._features[canonical] = arr
+        return arr
+
+    def _check_graph(self, graph) -> None:
+        limit = getattr(self.era, "max_node_count", None)
+        count = [0]
+
+        def walk(node, depth):
+            if not isinstance(node, dict) or not node or "type" not in node or not set(node) <= _GRAPH_KEYS:
+                raise ValueError(f"expression node must be a map with 'type' and optional 'node', "
+                                 f"'children'; got {node!r:.200}")
+            count[0] += 1
+            for child in node.get("children") or ():
+                walk(child, depth + 1)
+
+        walk(graph, 1)
+        if isinstance(limit, int) and count[0] > limit:
+            raise ValueError(f"expression has {count[0]} nodes, above the era's max_node_count {limit}")
+
+    def _eval(self, node) -> np.ndarray:
+        typ = node["type"]
+        if typ == "feature":
+            return self._feature(node.get("node"))
+        if typ in _CONFIG_TYPES:
+            raise ValueError(f"a {typ} constant can only be a configuration child, got {node!r}")
+        if typ not in _FUNCTION_TYPES:
+            raise ValueError(f"unknown node type {typ!r}")
+        name = node.get("node")
+        spec = FUNCTIONS.get(name)
+        if spec is None:
+            raise ValueError(f"unknown function {name!r}")
+        if spec.kind != typ:
+            raise ValueError(f"function {name!r} is a {spec.kind}, not a {typ}")
+        children = node.get("children") or []
+        if not isinstance(children, list):
+            raise ValueError(f"children of {name!r} must be a list")
+        n_data = len(spec.data_inputs)
+        data, configs = children[:n_data], children[n_data:]
+        if len(data) < n_data or any(c.get("type") in _CONFIG_TYPES for c in data):
+            raise ValueError(f"{name!r} takes {n_data} data input(s) before its configuration values")
+        if len(configs) > len(spec.config):
+            raise ValueError(f"{name!r} takes at most {len(spec.config)} configuration value(s), "
+                             f"got {len(configs)}")
+        config = {}
+        for leaf, (pname, ptype, _default, lo, hi) in zip(configs, spec.config):
+            value = leaf.get("node")
+            want = _CONFIG_TYPES.get(leaf.get("type"))
+            if leaf.get("type") != ptype or isinstance(value, bool) != (ptype == "bool") or not isinstance(value, want):
+                if not (ptype == "float" and isinstance(value, int) and not isinstance(value, bool)):
+                    raise ValueError(f"{name!r}: {pname} must be a {ptype} leaf, got {leaf!r}")
+            if lo is not None and not lo <= value <= hi:
+                raise ValueError(f"{name!r}: {pname}={value!r} outside [{lo}, {hi}]")
+            config[pname] = value
+        return self._apply(spec, [self._eval(c) for c in data], config)
+
+    def _apply(self, spec: FunctionSpec, inputs: list, config: dict) -> np.ndarray:
+        """Compute one function on its input panels, configuration values defaulting to the declared ones."""
+        if len(inputs) != len(spec.data_inputs):
+            raise ValueError(f"{spec.name!r} takes {len(spec.data_inputs)} input(s), got {len(inputs)}")
+        params = {p[0]: config.get(p[0], p[2]) for p in spec.config}
+        kind, op = spec.op.split(":")
+        if kind == "ts":
+            return _k.ts(op, inputs[0], int(params.get("window", params.get("lag"))))
+        if kind == "ts2":
+            return _k.ts2(op, inputs[0], inputs[1], int(params["window"]))
+        if kind == "cs":
+            return _k.cs(op, inputs[0])
+        if kind == "unary":
+            return _k.unary(op, inputs[0])
+        if kind == "binary":
+            return _k.binary(op, inputs[0], inputs[1])
+        x = inputs[0]
+        if kind == "group":
+            out = np.full_like(x, np.nan)
+            sector = self.market.sector
+            for s in np.unique(sector):
+                cols = sector == s
+                out[:, cols] = _k.cs("demean", np.ascontiguousarray(x[:, cols]))
+            return out
+        if kind == "filter":
+            if op == "liquid":
+                keep = self._liquidity_rank() >= params["quantile"]
+            else:
+                keep = self.market.fields["close"] >= params["min_price"]
+            return np.where(keep, x, np.nan)
+        if kind == "reduce":
+            with np.errstate(all="ignore"), _quiet_nan_warnings():
+                agg = {"mean": np.nanmean, "median": np.nanmedian, "std": np.nanstd}[op](x, axis=1)
+            return np.where(np.isnan(x), np.nan, agg[:, None])
+        raise ValueError(f"function {spec.name!r} has no implementation")  # pragma: no cover
+
+    def _liquidity_rank(self) -> np.ndarray:
+        rank = self._features.get("__liquidity_rank")
+        if rank is None:
+            rank = _k.cs("rank", self._feature("dollar_volume"))
+            with self._feature_lock:
+                self._features["__liquidity_rank"] = rank
+        return rank
+
+    def _illiquid_flag(self) -> np.ndarray:
+        """1.0 where an instrument is in the least liquid fifth of its day (by dollar volume)."""
+        flag = self._features.get("__illiquid")
+        if flag is None:
+            flag = (self._liquidity_rank() < 0.2).astype(np.float64)
+            with self._feature_lock:
+                self._features["__illiquid"] = flag
+        return flag
+
+    def _check_universe(self, universe_id) -> None:
+        own = getattr(self.era, "universe_id", None)
+        if universe_id is not None and universe_id != own:
+            raise ValueError(f"universe {universe_id!r} is not this market's universe {own!r}")
+
+    def evaluate_expression(self, expr_graph, metaparameters=None, transform_pipeline=None, universe_id=None):
+        """Check the graph against the vocabulary and compute its raw signal, kept for this thread's
+        following ``run_backtest``. Returns the signal panel."""
+        self._check_universe(universe_id)
+        self._check_graph(expr_graph)
+        signal = self._eval(expr_graph)
+        if signal.base is not None or not signal.flags.writeable:
+            signal = np.ascontiguousarray(signal)
+        self._tls.key = _graph_key(expr_graph)
+        self._tls.signal = signal
+        return signal
+
+    # ----- the backtest -----------------------------------------------------------------------------
+    def _metaparameters(self, metaparameters, transform_pipeline) -> dict:
+        chosen = dict(DEFAULT_METAPARAMETERS)
+        stages = transform_pipeline if transform_pipeline is not None else getattr(self.era, "transform_pipeline", None)
+        for stage in stages or ():
+            name = stage.get("name") if isinstance(stage, dict) else getattr(stage, "name", None)
+            default = stage.get("default") if isinstance(stage, dict) else getattr(stage, "default", None)
+            if name in chosen and default is not None:
+                chosen[name] = default
+        if metaparameters is not None:
+            if not isinstance(metaparameters, dict):
+                raise TypeError(f"metaparameters must be a dict, got {type(metaparameters).__name__}")
+            for name in chosen:
+                if metaparameters.get(name) is not None:
+                    chosen[name] = metaparameters[name]
+        try:
+            chosen["decay"] = int(chosen["decay"])
+            chosen["truncation"] = float(chosen["truncation"])
+        except (TypeError, ValueError):
+            raise ValueError(f"decay must be an integer and truncation a number, got {chosen!r}") from None
+        return chosen
+
+    def pnl_series(self, signal: np.ndarray, metaparameters=None, transform_pipeline=None) -> dict:
+        """Book and daily series of a raw signal, in-sample and held out."""
+        meta = self._metaparameters(metaparameters, transform_pipeline)
+        weights = _k.book_weights(signal, str(meta["normalization"]), meta["decay"], meta["truncation"])
+        pnl, traded, longs, shorts, net, abs_sum, max_share, held, illiquid = _k.book_daily(
+            weights, self._fwd, self._illiquid_flag())
+        return {"gross_returns": pnl, "net_returns": pnl - self.cost * traded,
+                "traded": traded, "longs": longs, "shorts": shorts, "net": net, "abs_sum": abs_sum,
+                "max_share": max_share, "held": held, "illiquid": illiquid, "meta": meta}
+
+    def run_backtest(self, expr_graph, metaparameters=None, transform_pipeline=None, universe_id=None):
+        """Backtest the graph (reusing this thread's signal from ``evaluate_expression``) and report."""
+        self._check_universe(universe_id)
+        signal = getattr(self._tls, "signal", None)
+        if signal is None or getattr(self._tls, "key", None) != _graph_key(expr_graph):
+            signal = self.evaluate_expression(expr_graph)
+        s = self.pnl_series(signal, metaparameters, transform_pipeline)
+        stats = self._stats_from_series(s)
+        self._tls.pnl = {c: s[c][: self.in_sample_days].copy() for c in PNL_COLUMNS}
+        return stats
+
+    def _pool_pnl_list(self, pool_id, column, signal_ids=None) -> list:
+        with self._pool_lock:
+            if signal_ids is None:
+                return [v[column] for (p, _), v in self._pool_pnls.items() if p == pool_id]
+            out = []
+            for sid in signal_ids:
+                entry = self._pool_pnls.get((pool_id, sid))
+                if entry is None:
+                    raise ValueError(f"signal {sid!r} is not in pool {pool_id!r} of this evaluator")
+                out.append(entry[column])
+            return out
+
+    def _stats_from_series(self, s: dict) -> LocalBacktestStats:
+        n = self.in_sample_days
+        traded = s["traded"][:n]
+        per_column, cols = {}, {}
+        for col in PNL_COLUMNS:
+            m = column_metrics(s[col][:n], traded)
+            cols[col] = m
+            for k, v in m.items():
+                per_column[f"{col}_{k}"] = v
+        primary_col = _primary_column(self.era)
+        primary = cols.get(primary_col, cols[PNL_COLUMNS[0]])
+        abs_sum = s["abs_sum"][:n]
+        booked = abs_sum > 0
+        pool = _era_pool(self.era)
+        pool_id = pool.get("signal_pool_id") if pool else None
+        mi_col = pool.get("mi_pnl_column", PNL_COLUMNS[0]) if pool else PNL_COLUMNS[0]
+        if mi_col not in PNL_COLUMNS:
+            mi_col = PNL_COLUMNS[0]
+        gross = s["gross_returns"][:n]
+        correlation = 0.0
+        for other in self._pool_pnl_list(pool_id, "gross_returns"):
+            if gross.std() > 0 and other.std() > 0:
+                correlation = max(correlation, abs(float(np.corrcoef(gross, other)[0, 1])))
+        is_pnl_mi = pnl_information(s[mi_col][:n], self._pool_pnl_list(pool_id, mi_col))
+
+        # Rule results: coverage of the book, liquidity of its weights, stability of its pnl.
+        coverage = float(np.mean(s["held"][:n] / self._tradable[:n])) if booked.any() else None
+        illiquid_share = float(s["illiquid"][:n].sum() / abs_sum.sum()) if booked.any() else 0.0
+        years = [gross[i: i + TRADING_DAYS] for i in range(0, n, TRADING_DAYS) if n - i >= TRADING_DAYS // 2]
+        stability = float(np.mean([y.sum() > 0 for y in years])) if years else 0.0
+        rules = [r for r in (getattr(self.era, "column_threshold_rules", None) or []) if isinstance(r, dict)]
+        passed = all(per_column.get(f"{r.get('column', 'gross_returns')}_{r.get('stat', 'sharpe')}", 0.0)
+                     >= r.get("min", -math.inf) for r in rules)
+        held_out = s["gross_returns"][n:-1]
+        failure_reason = failure_detail = None
+        if not booked.any():
+            failure_reason, failure_detail = "empty_book", "the signal never formed a book in sample"
+        return LocalBacktestStats(
+            sharpe=primary["sharpe"], fitness=primary["fitness"], returns=primary["returns"],
+            drawdown=primary["drawdown"], turnover=primary["turnover"], margin=primary["margin"],
+            long_count=float(s["longs"][:n].mean()), short_count=float(s["shorts"][:n].mean()),
+            delta_exposure=float(np.abs(s["net"][:n]).mean()),
+            max_weight=float(s["max_share"][:n].max()),
+            abs_weight_sum_mean=float(abs_sum.mean()),
+            quality_score=primary["quality_score"], per_column_stats=per_column,
+            correlation=correlation, is_correlation=correlation, is_pnl_mi=is_pnl_mi,
+            liquidity_metrics={"illiquid_weight_share": {"value": illiquid_share, "max": 0.2,
+                                                         "passed": illiquid_share <= 0.2}},
+            weight_quality_metrics={"coverage": {"value": coverage, "min": 0.3,
+                                                 "passed": coverage is not None and coverage >= 0.3}},
+            custom_stats={"positive_year_fraction": {"value": stability, "min": 0.5,
+                                                     "passed": stability >= 0.5}},
+            passed=passed and booked.any(), factor_pnl=gross.tolist(),
+            held_out_sharpe=_sharpe(held_out), metaparameters=s["meta"],
+            failure_reason=failure_reason, failure_detail=failure_detail)
+
+    # ----- the pool ---------------------------------------------------------------------------------
+    def add_found_signal(self, signal_id: str, expr_graph, metaparameters=None, pool_id=None) -> None:
+        """Backtest a signal and enter it in a pool of the era (its ``found_signal_ids`` too)."""
+        if not isinstance(signal_id, str) or not signal_id:
+            raise ValueError(f"signal_id must be a non-empty string, got {signal_id!r}")
+        pool = _era_pool(self.era, pool_id)
+        if pool is None:
+            raise ValueError(f"the era has no signal pool {pool_id!r}")
+        self._check_graph(expr_graph)
+        s = self.pnl_series(self._eval(expr_graph), metaparameters)
+        entry = {c: s[c][: self.in_sample_days].copy() for c in PNL_COLUMNS}
+        with self._pool_lock:
+            self._pool_pnls[(pool["signal_pool_id"], signal_id)] = entry
+            ids = pool.setdefault("found_signal_ids", [])
+            if signal_id not in ids:
+                ids.append(signal_id)
+
+    def compute_mi_per_pool(self, pool, pnl_column, pool_signals, threshold):
+        """Information of this thread's last backtested pnl beyond the pool's signals: (score, passed)."""
+        last = getattr(self._tls, "pnl", None)
+        if last is None:
+            raise ValueError("no backtest has run on this thread")
+        if pnl_column not in last:
+            raise ValueError(f"unknown pnl column {pnl_column!r}; columns: {list(last)}")
+        others = self._pool_pnl_list(pool, pnl_column, list(pool_signals or []))
+        score = pnl_information(last[pnl_column], others)
+        return score, bool(score >= threshold)
+
+
+class _quiet_nan_warnings:
+    def __enter__(self):
+        import warnings
+        self._cm = warnings.catch_warnings()
+        self._cm.__enter__()
+        warnings.simplefilter("ignore", RuntimeWarning)
+
+    def __exit__(self, *exc):
+        return self._cm.__exit__(*exc)
+
+
+def _graph_key(graph) -> str:
+    return json.dumps(graph, sort_keys=True, default=repr)
+
+
+def _primary_column(era) -> str:
+    cols = era.get("evaluation_pnl_columns") if isinstance(era, dict) else getattr(era, "evaluation_pnl_columns", None)
+    return cols[0] if isinstance(cols, (list, tuple)) and cols and isinstance(cols[0], str) else PNL_COLUMNS[0]
+
+
+def _era_pool(era, pool_id=None):
+    pools = era.get("signal_pools") if isinstance(era, dict) else getattr(era, "signal_pools", None)
+    for p in pools or ():
+        if isinstance(p, dict) and (pool_id is None or pool_id in (p.get("signal_pool_id"), p.get("name"))):
+            return p
+    return None

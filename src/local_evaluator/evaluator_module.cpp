@@ -1,0 +1,206 @@
+// Python binding of the panel kernels: quillmarsh.local._evaluator.
+// Each entry point checks its arrays while it holds the GIL, allocates the output, and runs the kernel
+// with the GIL released, so that evaluations on several threads proceed in parallel.
+#include <pybind11/numpy.h>
+#include <pybind11/pybind11.h>
+
+#include <string>
+#include <vector>
+#ifdef __GLIBC__
+#include <malloc.h>
+#endif
+
+#include "kernels.hpp"
+
+namespace py = pybind11;
+namespace ql = quillmarsh::local;
+
+namespace {
+
+using Panel = py::array_t<double>;
+
+struct View { const double* data; size_t T; size_t N; };
+
+View panel_view(const py::array& a, const char* what) {
+  if (!a.dtype().is(py::dtype::of<double>()))
+    throw py::type_error(std::string(what) + " must be a float64 array, got dtype " +
+                         std::string(py::str(a.dtype())));
+  if (a.ndim() != 2)
+    throw py::value_error(std::string(what) + " must be a 2-D (days, instruments) array, got " +
+                          std::to_string(a.ndim()) + " dimensions");
+  if (!(a.flags() & py::array::c_style))
+    throw py::value_error(std::string(what) + " must be C-contiguous");
+  return {static_cast<const double*>(a.data()), size_t(a.shape(0)), size_t(a.shape(1))};
+}
+
+void same_shape(const View& a, const View& b) {
+  if (a.T != b.T || a.N != b.N) throw py::value_error("panels must have the same shape");
+}
+
+Panel new_panel(const View& v) { return Panel({py::ssize_t(v.T), py::ssize_t(v.N)}); }
+
+void check_window(int w, const char* what) {
+  if (w < 1) throw py::value_error(std::string(what) + " must be at least 1, got " + std::to_string(w));
+}
+
+Panel ts(const std::string& op, const py::array& x, int window) {
+  View v = panel_view(x, "x");
+  check_window(window, op == "delay" || op == "delta" ? "lag" : "window");
+  Panel out = new_panel(v);
+  double* o = out.mutable_data();
+  std::vector<double> scratch;
+  using Fn = void (*)(const double*, double*, size_t, size_t, int);
+  Fn fn = nullptr;
+  if (op == "sum") fn = ql::ts_sum;
+  else if (op == "mean") fn = ql::ts_mean;
+  else if (op == "std") fn = ql::ts_std;
+  else if (op == "zscore") fn = ql::ts_zscore;
+  else if (op == "rank") fn = ql::ts_rank;
+  else if (op == "delay") fn = ql::ts_delay;
+  else if (op == "delta") fn = ql::ts_delta;
+  else if (op == "min" || op == "max" || op == "decay_linear") {
+    if (op != "decay_linear") scratch.resize(2 * v.N * v.T);
+  } else throw py::value_error("unknown time-series operator '" + op + "'");
+  {
+    py::gil_scoped_release release;
+    if (fn) fn(v.data, o, v.T, v.N, window);
+    else if (op == "min") ql::ts_min(v.data, o, v.T, v.N, window, scratch.data());
+    else if (op == "max") ql::ts_max(v.data, o, v.T, v.N, window, scratch.data());
+    else ql::ts_decay_linear(v.data, o, v.T, v.N, window, ql::min_periods(window, false));
+  }
+  return out;
+}
+
+Panel ts2(const std::string& op, const py::array& x, const py::array& y, int window) {
+  View a = panel_view(x, "x"), b = panel_view(y, "y");
+  same_shape(a, b);
+  check_window(window, "window");
+  if (op != "corr" && op != "cov") throw py::value_error("unknown two-input time-series operator '" + op + "'");
+  Panel out = new_panel(a);
+  double* o = out.mutable_data();
+  py::gil_scoped_release release;
+  if (op == "corr") ql::ts_corr(a.data, b.data, o, a.T, a.N, window);
+  else ql::ts_cov(a.data, b.data, o, a.T, a.N, window);
+  return out;
+}
+
+Panel cs(const std::string& op, const py::array& x) {
+  View v = panel_view(x, "x");
+  if (op != "rank" && op != "zscore" && op != "demean" && op != "scale")
+    throw py::value_error("unknown cross-sectional operator '" + op + "'");
+  Panel out = new_panel(v);
+  double* o = out.mutable_data();
+  std::vector<int> scratch(v.N + 1);
+  py::gil_scoped_release release;
+  if (op == "rank") ql::cs_rank(v.data, o, v.T, v.N, scratch.data());
+  else if (op == "zscore") ql::cs_zscore(v.data, o, v.T, v.N);
+  else if (op == "demean") ql::cs_demean(v.data, o, v.T, v.N);
+  else ql::cs_scale(v.data, o, v.T, v.N);
+  return out;
+}
+
+Panel unary(const std::string& op, const py::array& x) {
+  View v = panel_view(x, "x");
+  ql::Unary u;
+  if (op == "neg") u = ql::Unary::neg;
+  else if (op == "abs") u = ql::Unary::abs;
+  else if (op == "sign") u = ql::Unary::sign;
+  else if (op == "slog") u = ql::Unary::slog;
+  else if (op == "ssqrt") u = ql::Unary::ssqrt;
+  else if (op == "square") u = ql::Unary::square;
+  else if (op == "inverse") u = ql::Unary::inverse;
+  else throw py::value_error("unknown unary operator '" + op + "'");
+  Panel out = new_panel(v);
+  double* o = out.mutable_data();
+  py::gil_scoped_release release;
+  ql::unary(u, v.data, o, v.T * v.N);
+  return out;
+}
+
+Panel binary(const std::string& op, const py::array& x, const py::array& y) {
+  View a = panel_view(x, "x"), b = panel_view(y, "y");
+  same_shape(a, b);
+  ql::Binary f;
+  if (op == "add") f = ql::Binary::add;
+  else if (op == "sub") f = ql::Binary::sub;
+  else if (op == "mul") f = ql::Binary::mul;
+  else if (op == "div") f = ql::Binary::div;
+  else if (op == "min") f = ql::Binary::min;
+  else if (op == "max") f = ql::Binary::max;
+  else throw py::value_error("unknown binary operator '" + op + "'");
+  Panel out = new_panel(a);
+  double* o = out.mutable_data();
+  py::gil_scoped_release release;
+  ql::binary(f, a.data, b.data, o, a.T * a.N);
+  return out;
+}
+
+Panel book_weights(const py::array& signal, const std::string& normalization, int decay, double truncation) {
+  View v = panel_view(signal, "signal");
+  ql::Normalization norm;
+  if (normalization == "none") norm = ql::Normalization::none;
+  else if (normalization == "rank") norm = ql::Normalization::rank;
+  else if (normalization == "zscore") norm = ql::Normalization::zscore;
+  else if (normalization == "rescale") norm = ql::Normalization::rescale;
+  else throw py::value_error("unknown normalization '" + normalization + "'");
+  if (decay < 0) throw py::value_error("decay must not be negative, got " + std::to_string(decay));
+  if (!(truncation >= 0.0 && truncation <= 1.0))
+    throw py::value_error("truncation must lie in [0, 1]");
+  Panel out = new_panel(v);
+  double* o = out.mutable_data();
+  std::vector<int> scratch(v.N + 1);
+  py::gil_scoped_release release;
+  ql::book_weights(v.data, o, v.T, v.N, norm, decay, truncation, scratch.data());
+  return out;
+}
+
+py::tuple book_daily(const py::array& weights, const py::array& fwd_returns, const py::object& flag) {
+  View w = panel_view(weights, "weights"), r = panel_view(fwd_returns, "fwd_returns");
+  same_shape(w, r);
+  const double* f = nullptr;
+  if (!flag.is_none()) {
+    View fv = panel_view(flag.cast<py::array>(), "flag");
+    same_shape(w, fv);
+    f = fv.data;
+  }
+  std::vector<py::array_t<double>> cols;
+  for (int i = 0; i < 9; ++i) cols.emplace_back(py::ssize_t(w.T));
+  ql::DailySeries s{cols[0].mutable_data(), cols[1].mutable_data(), cols[2].mutable_data(),
+                    cols[3].mutable_data(), cols[4].mutable_data(), cols[5].mutable_data(),
+                    cols[6].mutable_data(), cols[7].mutable_data(), cols[8].mutable_data()};
+  {
+    py::gil_scoped_release release;
+    ql::book_daily(w.data, r.data, f, w.T, w.N, s);
+  }
+  py::tuple out(9);
+  for (int i = 0; i < 9; ++i) out[i] = cols[i];
+  return out;
+}
+
+}  // namespace
+
+PYBIND11_MODULE(_evaluator, m) {
+#ifdef __GLIBC__
+  // Every operator returns a fresh panel of a few megabytes. Served by mmap, each would be faulted in
+  // page by page and handed back to the kernel when freed, which costs more than most operators and
+  // serialises threads on the address-space lock. Keep such blocks on the heap for reuse instead.
+  mallopt(M_MMAP_THRESHOLD, 256 << 20);
+  mallopt(M_TRIM_THRESHOLD, 512 << 20);
+#endif
+  m.doc() = "Panel kernels of the local backtester (float64, C-contiguous, (days, instruments)).";
+  m.def("ts", &ts, py::arg("op"), py::arg("x"), py::arg("window"),
+        "Rolling operator over the last `window` days: sum, mean, std, zscore, min, max, rank, "
+        "decay_linear, delay, delta.");
+  m.def("ts2", &ts2, py::arg("op"), py::arg("x"), py::arg("y"), py::arg("window"),
+        "Rolling two-input operator: corr, cov.");
+  m.def("cs", &cs, py::arg("op"), py::arg("x"), "Cross-sectional operator: rank, zscore, demean, scale.");
+  m.def("unary", &unary, py::arg("op"), py::arg("x"),
+        "Element-wise: neg, abs, sign, slog, ssqrt, square, inverse.");
+  m.def("binary", &binary, py::arg("op"), py::arg("x"), py::arg("y"),
+        "Element-wise: add, sub, mul, div, min, max.");
+  m.def("book_weights", &book_weights, py::arg("signal"), py::arg("normalization"), py::arg("decay"),
+        py::arg("truncation"), "Dollar-neutral book with unit gross from a raw signal.");
+  m.def("book_daily", &book_daily, py::arg("weights"), py::arg("fwd_returns"), py::arg("flag") = py::none(),
+        "Daily (pnl, traded, longs, shorts, net, abs_sum, max_share, held, flagged) of a book.");
+  m.def("min_periods", &ql::min_periods, py::arg("window"), py::arg("needs_two"));
+}

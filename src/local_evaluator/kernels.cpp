@@ -1,0 +1,536 @@
+#include "kernels.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <numeric>
+#include <vector>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
+
+namespace quillmarsh::local {
+
+namespace {
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+inline bool ok(double v) { return !std::isnan(v); }
+}  // namespace
+
+int min_periods(int window, bool needs_two) {
+  int m = std::max(1, (window + 1) / 2);
+  return needs_two ? std::max(2, m) : m;
+}
+
+// Running sums of the valid values in each column's window. Values are shifted by the column's first
+// valid observation so that the sums of squares do not cancel catastrophically for level-like series.
+namespace {
+struct Moments {
+  std::vector<double> shift, s1, s2, count;
+  explicit Moments(size_t N) : shift(N, 0.0), s1(N, 0.0), s2(N, 0.0), count(N, 0.0) {}
+  template <class F>
+  void run(const double* x, double* out, size_t T, size_t N, int w, F&& emit) {
+    // Shift each column by its first valid value (found in a pre-pass) so that the loop has no branch.
+    std::vector<char> found(N, 0);
+    size_t left = N;
+    for (size_t t = 0; t < T && left; ++t)
+      for (size_t n = 0; n < N; ++n)
+        if (!found[n] && ok(x[t * N + n])) { shift[n] = x[t * N + n]; found[n] = 1; --left; }
+    double* __restrict a1 = s1.data();
+    double* __restrict a2 = s2.data();
+    double* __restrict c = count.data();
+    const double* __restrict k = shift.data();
+    for (size_t t = 0; t < T; ++t) {
+      const double* row = x + t * N;
+      double* o = out + t * N;
+      if (t >= size_t(w)) {
+        const double* old = x + (t - w) * N;
+        for (size_t n = 0; n < N; ++n) {
+          bool valid = old[n] == old[n];
+          double d = valid ? old[n] - k[n] : 0.0;
+          a1[n] -= d; a2[n] -= d * d; c[n] -= valid ? 1.0 : 0.0;
+        }
+      }
+      for (size_t n = 0; n < N; ++n) {
+        bool valid = row[n] == row[n];
+        double d = valid ? row[n] - k[n] : 0.0;
+        a1[n] += d; a2[n] += d * d; c[n] += valid ? 1.0 : 0.0;
+      }
+      for (size_t n = 0; n < N; ++n) {
+        if (c[n] == 0.0) { a1[n] = 0.0; a2[n] = 0.0; }
+        o[n] = ok(row[n]) ? emit(n, row[n]) : kNaN;
+      }
+    }
+  }
+};
+}  // namespace
+
+void ts_sum(const double* x, double* out, size_t T, size_t N, int w) {
+  Moments m(N);
+  const int mp = min_periods(w, false);
+  m.run(x, out, T, N, w, [&](size_t n, double) {
+    return m.count[n] < mp ? kNaN : m.s1[n] + m.count[n] * m.shift[n];
+  });
+}
+
+void ts_mean(const double* x, double* out, size_t T, size_t N, int w) {
+  Moments m(N);
+  const int mp = min_periods(w, false);
+  m.run(x, out, T, N, w, [&](size_t n, double) {
+    return m.count[n] < mp ? kNaN : m.shift[n] + m.s1[n] / m.count[n];
+  });
+}
+
+namespace {
+inline double sample_var(const Moments& m, size_t n) {
+  double c = m.count[n];
+  double v = (m.s2[n] - m.s1[n] * m.s1[n] / c) / (c - 1.0);
+  return v > 0.0 ? v : 0.0;
+}
+// A variance this small relative to the squared deviations is rounding residue of a constant window.
+inline bool degenerate(const Moments& m, size_t n, double var) {
+  return var <= 1e-14 * (m.s2[n] / m.count[n]) || var == 0.0;
+}
+}  // namespace
+
+void ts_std(const double* x, double* out, size_t T, size_t N, int w) {
+  Moments m(N);
+  const int mp = min_periods(w, true);
+  m.run(x, out, T, N, w, [&](size_t n, double) {
+    if (m.count[n] < mp) return kNaN;
+    double v = sample_var(m, n);
+    return degenerate(m, n, v) ? 0.0 : std::sqrt(v);
+  });
+}
+
+void ts_zscore(const double* x, double* out, size_t T, size_t N, int w) {
+  Moments m(N);
+  const int mp = min_periods(w, true);
+  m.run(x, out, T, N, w, [&](size_t n, double v) {
+    if (m.count[n] < mp) return kNaN;
+    double var = sample_var(m, n);
+    if (degenerate(m, n, var)) return kNaN;
+    double mean = m.s1[n] / m.count[n];
+    return ((v - m.shift[n]) - mean) / std::sqrt(var);
+  });
+}
+
+namespace {
+// Van Herk / Gil-Werman: with the days cut into blocks of w, the window ending at t spans the tail of one
+// block and the head of the next, so its extreme is better(suffix[t-w+1], prefix[t]). Three comparisons
+// per cell, no branch, whole rows at a time. Missing values count as +inf (min) or -inf (max).
+template <bool IsMin>
+void ts_extreme(const double* x, double* out, size_t T, size_t N, int w, double* prefix, double* suffix) {
+  const double fill = IsMin ? std::numeric_limits<double>::infinity() : -std::numeric_limits<double>::infinity();
+  auto pick = [](double a, double b) { return IsMin ? (a < b ? a : b) : (a > b ? a : b); };
+  const size_t W = size_t(w);
+  for (size_t t = 0; t < T; ++t) {
+    const double* __restrict row = x + t * N;
+    double* __restrict p = prefix + t * N;
+    if (t % W == 0) {
+      for (size_t n = 0; n < N; ++n) p[n] = row[n] == row[n] ? row[n] : fill;
+    } else {
+      const double* __restrict q = p - N;
+      for (size_t n = 0; n < N; ++n) p[n] = pick(row[n] == row[n] ? row[n] : fill, q[n]);
+    }
+  }
+  for (size_t t = T; t-- > 0;) {
+    const double* __restrict row = x + t * N;
+    double* __restrict h = suffix + t * N;
+    if ((t + 1) % W == 0 || t + 1 == T) {
+      for (size_t n = 0; n < N; ++n) h[n] = row[n] == row[n] ? row[n] : fill;
+    } else {
+      const double* __restrict q = h + N;
+      for (size_t n = 0; n < N; ++n) h[n] = pick(row[n] == row[n] ? row[n] : fill, q[n]);
+    }
+  }
+  const int mp = min_periods(w, false);
+  std::vector<int> count_v(N, 0);
+  int* __restrict count = count_v.data();
+  for (size_t t = 0; t < T; ++t) {
+    const double* __restrict row = x + t * N;
+    const double* __restrict p = prefix + t * N;
+    double* __restrict o = out + t * N;
+    for (size_t n = 0; n < N; ++n) count[n] += int(row[n] == row[n]);
+    if (t >= W) {
+      const double* __restrict old = x + (t - W) * N;
+      for (size_t n = 0; n < N; ++n) count[n] -= int(old[n] == old[n]);
+    }
+    if (t + 1 >= W) {
+      const double* __restrict h = suffix + (t + 1 - W) * N;
+      for (size_t n = 0; n < N; ++n) o[n] = pick(h[n], p[n]);
+    } else {
+      for (size_t n = 0; n < N; ++n) o[n] = p[n];  // the window is still inside the first block
+    }
+    for (size_t n = 0; n < N; ++n) o[n] = (row[n] == row[n] && count[n] >= mp) ? o[n] : kNaN;
+  }
+}
+}  // namespace
+
+void ts_min(const double* x, double* out, size_t T, size_t N, int w, double* scratch) {
+  ts_extreme<true>(x, out, T, N, w, scratch, scratch + T * N);
+}
+
+void ts_max(const double* x, double* out, size_t T, size_t N, int w, double* scratch) {
+  ts_extreme<false>(x, out, T, N, w, scratch, scratch + T * N);
+}
+
+void ts_rank(const double* x, double* out, size_t T, size_t N, int w) {
+  const double mp = min_periods(w, false);
+  auto finish = [mp](double c, double less, double equal, double valid) {
+    if (!ok(c) || valid < mp) return kNaN;
+    return valid <= 1.0 ? 0.5 : (less + 0.5 * (equal - 1.0)) / (valid - 1.0);
+  };
+  for (size_t t = 0; t < T; ++t) {
+    const double* cur = x + t * N;
+    double* o = out + t * N;
+    const size_t span = std::min(size_t(w), t + 1);
+    const double* first = x + (t + 1 - span) * N;  // oldest row of the window
+    size_t n = 0;
+#ifdef __SSE2__
+    // Two columns at a time, the three counters in registers; a comparison mask ANDed with 1.0 counts.
+    const __m128d one = _mm_set1_pd(1.0);
+    for (; n + 2 <= N; n += 2) {
+      __m128d c = _mm_loadu_pd(cur + n);
+      __m128d less = _mm_setzero_pd(), equal = _mm_setzero_pd(), valid = _mm_setzero_pd();
+      const double* p = first + n;
+      for (size_t k = 0; k < span; ++k, p += N) {
+        __m128d v = _mm_loadu_pd(p);
+        less = _mm_add_pd(less, _mm_and_pd(_mm_cmplt_pd(v, c), one));
+        equal = _mm_add_pd(equal, _mm_and_pd(_mm_cmpeq_pd(v, c), one));
+        valid = _mm_add_pd(valid, _mm_and_pd(_mm_cmpord_pd(v, v), one));
+      }
+      alignas(16) double l[2], e[2], v[2];
+      _mm_store_pd(l, less); _mm_store_pd(e, equal); _mm_store_pd(v, valid);
+      o[n] = finish(cur[n], l[0], e[0], v[0]);
+      o[n + 1] = finish(cur[n + 1], l[1], e[1], v[1]);
+    }
+#endif
+    for (; n < N; ++n) {
+      double c = cur[n], less = 0.0, equal = 0.0, valid = 0.0;
+      const double* p = first + n;
+      for (size_t k = 0; k < span; ++k, p += N) {
+        less += double(*p < c); equal += double(*p == c); valid += double(*p == *p);
+      }
+      o[n] = finish(c, less, equal, valid);
+    }
+  }
+}
+
+void ts_decay_linear(const double* x, double* out, size_t T, size_t N, int w, int minp) {
+  // num_t = sum_j (w - j) x_{t-j}; num_{t+1} = num_t - sum_t + w * x_{t+1}, with sum_t the plain window
+  // sum; the same recurrence on the indicator of validity gives the normaliser.
+  std::vector<double> num(N, 0.0), sum(N, 0.0), wnum(N, 0.0), wsum(N, 0.0);
+  std::vector<int> count(N, 0);
+  for (size_t t = 0; t < T; ++t) {
+    const double* row = x + t * N;
+    const double* old = (t >= size_t(w)) ? x + (t - w) * N : nullptr;
+    double* o = out + t * N;
+    for (size_t n = 0; n < N; ++n) {
+      // Shift every weight down by one; the value leaving the window had weight 1 and drops out.
+      num[n] -= sum[n];
+      wnum[n] -= wsum[n];
+      if (old && ok(old[n])) { sum[n] -= old[n]; wsum[n] -= 1.0; --count[n]; }
+      double v = row[n];
+      if (ok(v)) { num[n] += w * v; sum[n] += v; wnum[n] += w; wsum[n] += 1.0; ++count[n]; }
+      if (count[n] == 0) { num[n] = sum[n] = wnum[n] = wsum[n] = 0.0; }
+      o[n] = (!ok(v) || count[n] < minp) ? kNaN : num[n] / wnum[n];
+    }
+  }
+}
+
+void ts_delay(const double* x, double* out, size_t T, size_t N, int d) {
+  for (size_t t = 0; t < T; ++t) {
+    double* o = out + t * N;
+    if (t < size_t(d)) { std::fill(o, o + N, kNaN); continue; }
+    std::copy(x + (t - d) * N, x + (t - d + 1) * N, o);
+  }
+}
+
+void ts_delta(const double* x, double* out, size_t T, size_t N, int d) {
+  for (size_t t = 0; t < T; ++t) {
+    double* o = out + t * N;
+    if (t < size_t(d)) { std::fill(o, o + N, kNaN); continue; }
+    const double* a = x + t * N;
+    const double* b = x + (t - d) * N;
+    for (size_t n = 0; n < N; ++n) o[n] = a[n] - b[n];
+  }
+}
+
+namespace {
+// Running co-moments over the pairs of a window where both inputs are valid, each input shifted by its
+// first valid pair.
+template <class F>
+void ts_pair(const double* x, const double* y, double* out, size_t T, size_t N, int w, F&& emit) {
+  std::vector<double> sx(N), sy(N), sxx(N), syy(N), sxy(N), kx(N), ky(N);
+  std::vector<int> count(N, 0);
+  std::vector<char> has(N, 0);
+  const int mp = min_periods(w, true);
+  for (size_t t = 0; t < T; ++t) {
+    double* o = out + t * N;
+    for (size_t n = 0; n < N; ++n) {
+      if (t >= size_t(w)) {
+        double a = x[(t - w) * N + n], b = y[(t - w) * N + n];
+        if (ok(a) && ok(b)) {
+          a -= kx[n]; b -= ky[n];
+          sx[n] -= a; sy[n] -= b; sxx[n] -= a * a; syy[n] -= b * b; sxy[n] -= a * b; --count[n];
+          if (count[n] == 0) sx[n] = sy[n] = sxx[n] = syy[n] = sxy[n] = 0.0;
+        }
+      }
+      double a = x[t * N + n], b = y[t * N + n];
+      if (!(ok(a) && ok(b))) { o[n] = kNaN; continue; }
+      if (!has[n]) { kx[n] = a; ky[n] = b; has[n] = 1; }
+      a -= kx[n]; b -= ky[n];
+      sx[n] += a; sy[n] += b; sxx[n] += a * a; syy[n] += b * b; sxy[n] += a * b; ++count[n];
+      if (count[n] < mp) { o[n] = kNaN; continue; }
+      double c = count[n];
+      double cxy = sxy[n] - sx[n] * sy[n] / c;
+      double cxx = sxx[n] - sx[n] * sx[n] / c;
+      double cyy = syy[n] - sy[n] * sy[n] / c;
+      o[n] = emit(c, cxy, cxx, cyy, sxx[n], syy[n]);
+    }
+  }
+}
+}  // namespace
+
+void ts_corr(const double* x, const double* y, double* out, size_t T, size_t N, int w) {
+  ts_pair(x, y, out, T, N, w, [](double c, double cxy, double cxx, double cyy, double sxx, double syy) {
+    if (cxx <= 1e-14 * sxx || cyy <= 1e-14 * syy || cxx <= 0.0 || cyy <= 0.0) return kNaN;
+    (void)c;
+    double r = cxy / std::sqrt(cxx * cyy);
+    return std::clamp(r, -1.0, 1.0);
+  });
+}
+
+void ts_cov(const double* x, const double* y, double* out, size_t T, size_t N, int w) {
+  ts_pair(x, y, out, T, N, w, [](double c, double cxy, double, double, double, double) {
+    return cxy / (c - 1.0);
+  });
+}
+
+void cs_rank(const double* x, double* out, size_t T, size_t N, int*) {
+  std::vector<std::pair<double, int>> v(N);
+  for (size_t t = 0; t < T; ++t) {
+    const double* row = x + t * N;
+    double* o = out + t * N;
+    size_t m = 0;
+    for (size_t n = 0; n < N; ++n) {
+      if (ok(row[n])) v[m++] = {row[n], int(n)}; else o[n] = kNaN;
+    }
+    std::sort(v.begin(), v.begin() + m,
+              [](const std::pair<double, int>& a, const std::pair<double, int>& b) { return a.first < b.first; });
+    if (m == 1) { o[v[0].second] = 0.5; continue; }
+    for (size_t i = 0; i < m;) {
+      size_t j = i;
+      while (j + 1 < m && v[j + 1].first == v[i].first) ++j;
+      double r = 0.5 * double(i + j) / double(m - 1);  // average of the tied zero-based ranks
+      for (size_t k = i; k <= j; ++k) o[v[k].second] = r;
+      i = j + 1;
+    }
+  }
+}
+
+namespace {
+inline void row_moments(const double* row, size_t N, double& mean, double& sd, size_t& m) {
+  double s = 0.0;
+  m = 0;
+  for (size_t n = 0; n < N; ++n) if (ok(row[n])) { s += row[n]; ++m; }
+  mean = m ? s / double(m) : kNaN;
+  double ss = 0.0;
+  for (size_t n = 0; n < N; ++n) if (ok(row[n])) { double d = row[n] - mean; ss += d * d; }
+  sd = m ? std::sqrt(ss / double(m)) : kNaN;
+}
+}  // namespace
+
+void cs_zscore(const double* x, double* out, size_t T, size_t N) {
+  for (size_t t = 0; t < T; ++t) {
+    const double* row = x + t * N;
+    double* o = out + t * N;
+    double mean, sd; size_t m;
+    row_moments(row, N, mean, sd, m);
+    bool bad = m < 2 || !(sd > 1e-12 * std::fabs(mean)) || sd == 0.0;
+    for (size_t n = 0; n < N; ++n) o[n] = (bad || !ok(row[n])) ? kNaN : (row[n] - mean) / sd;
+  }
+}
+
+void cs_demean(const double* x, double* out, size_t T, size_t N) {
+  for (size_t t = 0; t < T; ++t) {
+    const double* row = x + t * N;
+    double* o = out + t * N;
+    double s = 0.0; size_t m = 0;
+    for (size_t n = 0; n < N; ++n) if (ok(row[n])) { s += row[n]; ++m; }
+    double mean = m ? s / double(m) : 0.0;
+    for (size_t n = 0; n < N; ++n) o[n] = row[n] - mean;
+  }
+}
+
+void cs_scale(const double* x, double* out, size_t T, size_t N) {
+  for (size_t t = 0; t < T; ++t) {
+    const double* row = x + t * N;
+    double* o = out + t * N;
+    double s = 0.0;
+    for (size_t n = 0; n < N; ++n) if (ok(row[n])) s += std::fabs(row[n]);
+    for (size_t n = 0; n < N; ++n) o[n] = s > 0.0 ? row[n] / s : kNaN;
+  }
+}
+
+void unary(Unary op, const double* x, double* out, size_t n) {
+  switch (op) {
+    case Unary::neg: for (size_t i = 0; i < n; ++i) out[i] = -x[i]; break;
+    case Unary::abs: for (size_t i = 0; i < n; ++i) out[i] = std::fabs(x[i]); break;
+    case Unary::sign:
+      for (size_t i = 0; i < n; ++i) out[i] = ok(x[i]) ? double((x[i] > 0) - (x[i] < 0)) : kNaN;
+      break;
+    case Unary::slog:
+      for (size_t i = 0; i < n; ++i) out[i] = std::copysign(std::log1p(std::fabs(x[i])), x[i]);
+      break;
+    case Unary::ssqrt:
+      for (size_t i = 0; i < n; ++i) out[i] = std::copysign(std::sqrt(std::fabs(x[i])), x[i]);
+      break;
+    case Unary::square: for (size_t i = 0; i < n; ++i) out[i] = x[i] * x[i]; break;
+    case Unary::inverse: for (size_t i = 0; i < n; ++i) out[i] = x[i] != 0.0 ? 1.0 / x[i] : kNaN; break;
+  }
+}
+
+void binary(Binary op, const double* x, const double* y, double* out, size_t n) {
+  switch (op) {
+    case Binary::add: for (size_t i = 0; i < n; ++i) out[i] = x[i] + y[i]; break;
+    case Binary::sub: for (size_t i = 0; i < n; ++i) out[i] = x[i] - y[i]; break;
+    case Binary::mul: for (size_t i = 0; i < n; ++i) out[i] = x[i] * y[i]; break;
+    case Binary::div:
+      for (size_t i = 0; i < n; ++i) out[i] = y[i] != 0.0 ? x[i] / y[i] : kNaN;
+      break;
+    case Binary::min:
+      for (size_t i = 0; i < n; ++i) out[i] = (ok(x[i]) && ok(y[i])) ? std::min(x[i], y[i]) : kNaN;
+      break;
+    case Binary::max:
+      for (size_t i = 0; i < n; ++i) out[i] = (ok(x[i]) && ok(y[i])) ? std::max(x[i], y[i]) : kNaN;
+      break;
+  }
+}
+
+namespace {
+// Demean the valid values of one row, put 0 where there is no signal, scale to unit gross. Returns false
+// (row left all zero) when there is nothing to hold.
+inline bool demean_and_scale(const double* src, double* o, size_t N) {
+  double s = 0.0, m = 0.0;
+  for (size_t n = 0; n < N; ++n) {
+    bool valid = src[n] == src[n];
+    s += valid ? src[n] : 0.0;
+    m += valid ? 1.0 : 0.0;
+  }
+  double mean = m > 0.0 ? s / m : 0.0;
+  double gross = 0.0;
+  for (size_t n = 0; n < N; ++n) {
+    double d = src[n] == src[n] ? src[n] - mean : 0.0;
+    o[n] = d;
+    gross += std::fabs(d);
+  }
+  // A spread this small relative to the level is rounding residue of a constant row.
+  if (!(gross > 1e-12 * std::fabs(mean) * m) || !(gross > 0.0)) {
+    std::fill(o, o + N, 0.0);
+    return false;
+  }
+  const double inv = 1.0 / gross;
+  for (size_t n = 0; n < N; ++n) o[n] *= inv;
+  return true;
+}
+}  // namespace
+
+void book_weights(const double* signal, double* weights, size_t T, size_t N, Normalization norm,
+                  int decay, double truncation, int* scratch) {
+  const size_t cells = T * N;
+  // Without decay, "none", "zscore" and "rescale" scale each day by a positive constant that demeaning and
+  // scaling to unit gross remove again, so the book comes straight from the signal in one fused pass.
+  const bool direct = decay <= 1 && norm != Normalization::rank;
+  if (!direct) {
+    switch (norm) {
+      case Normalization::none: std::copy(signal, signal + cells, weights); break;
+      case Normalization::rank: cs_rank(signal, weights, T, N, scratch); break;
+      case Normalization::zscore: cs_zscore(signal, weights, T, N); break;
+      case Normalization::rescale:
+        for (size_t t = 0; t < T; ++t) {
+          const double* row = signal + t * N;
+          double* o = weights + t * N;
+          double mx = 0.0;
+          for (size_t n = 0; n < N; ++n) if (ok(row[n])) mx = std::max(mx, std::fabs(row[n]));
+          for (size_t n = 0; n < N; ++n) o[n] = mx > 0.0 ? row[n] / mx : kNaN;
+        }
+        break;
+    }
+    if (decay > 1) {
+      std::vector<double> tmp(weights, weights + cells);
+      ts_decay_linear(tmp.data(), weights, T, N, decay, 1);
+    }
+  }
+  for (size_t t = 0; t < T; ++t) {
+    double* o = weights + t * N;
+    if (!demean_and_scale(direct ? signal + t * N : o, o, N)) continue;
+    double largest = 0.0;
+    for (size_t n = 0; n < N; ++n) largest = std::max(largest, std::fabs(o[n]));
+    if (truncation > 0.0 && largest > truncation) {
+      // Water-filling: weights above the cap are pinned to it and the rest re-scaled to fill the book,
+      // until no free weight exceeds the cap (at most N rounds, each pinning at least one weight).
+      char* pinned = reinterpret_cast<char*>(scratch);
+      std::fill(pinned, pinned + N, 0);
+      size_t npinned = 0;
+      for (size_t round = 0; round <= N; ++round) {
+        double free_gross = 0.0;
+        for (size_t n = 0; n < N; ++n) if (!pinned[n]) free_gross += std::fabs(o[n]);
+        double room = 1.0 - double(npinned) * truncation;
+        if (!(free_gross > 0.0) || room <= 0.0) break;
+        double scale = room / free_gross;
+        bool more = false;
+        for (size_t n = 0; n < N; ++n) {
+          if (!pinned[n] && std::fabs(o[n]) * scale > truncation) { pinned[n] = 1; ++npinned; more = true; }
+        }
+        if (!more) {
+          for (size_t n = 0; n < N; ++n) if (!pinned[n]) o[n] *= scale;
+          break;
+        }
+        for (size_t n = 0; n < N; ++n) if (pinned[n]) o[n] = std::copysign(truncation, o[n]);
+      }
+      for (size_t n = 0; n < N; ++n) if (pinned[n]) o[n] = std::copysign(truncation, o[n]);
+    }
+  }
+}
+
+namespace {
+template <bool HasFlag>
+void book_daily_rows(const double* weights, const double* fwd, const double* flag, size_t T, size_t N,
+                     DailySeries s) {
+  // Branch-free: every test is a select; the flag is a 0/1 multiplier.
+  for (size_t t = 0; t < T; ++t) {
+    const double* __restrict w = weights + t * N;
+    const double* __restrict r = fwd + t * N;
+    double pnl = 0.0, traded = 0.0, longs = 0.0, shorts = 0.0, net = 0.0, gross = 0.0, mx = 0.0;
+    double flagged = 0.0;
+    if (t) {
+      const double* __restrict prev = weights + (t - 1) * N;
+      for (size_t n = 0; n < N; ++n) traded += std::fabs(w[n] - prev[n]);
+    } else {
+      for (size_t n = 0; n < N; ++n) traded += std::fabs(w[n]);
+    }
+    for (size_t n = 0; n < N; ++n) {
+      double v = w[n], a = std::fabs(v);
+      pnl += v * (r[n] == r[n] ? r[n] : 0.0);
+      longs += v > 0.0 ? 1.0 : 0.0;
+      shorts += v < 0.0 ? 1.0 : 0.0;
+      net += v;
+      gross += a;
+      mx = a > mx ? a : mx;
+      if constexpr (HasFlag) flagged += flag[t * N + n] * a;
+    }
+    s.pnl[t] = pnl; s.traded[t] = traded; s.longs[t] = longs; s.shorts[t] = shorts;
+    s.net[t] = net; s.abs_sum[t] = gross; s.max_share[t] = gross > 0.0 ? mx / gross : 0.0;
+    s.held[t] = longs + shorts; s.flagged[t] = flagged;
+  }
+}
+}  // namespace
+
+void book_daily(const double* weights, const double* fwd, const double* flag, size_t T, size_t N,
+                DailySeries s) {
+  if (flag) book_daily_rows<true>(weights, fwd, flag, T, N, s);
+  else book_daily_rows<false>(weights, fwd, nullptr, T, N, s);
+}
+
+}  // namespace quillmarsh::local

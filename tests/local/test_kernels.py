@@ -1,0 +1,197 @@
+"""Each panel kernel against a direct NumPy rendition of the same definition, NaN positions included."""
+import numpy as np
+import pytest
+
+from quillmarsh.local import _evaluator as ev
+
+T, N = 40, 7
+
+
+def panel(seed, nan_frac=0.1, level=0.0):
+    rng = np.random.default_rng(seed)
+    x = rng.standard_normal((T, N)) + level
+    x[rng.random((T, N)) < nan_frac] = np.nan
+    return x
+
+
+def minp(w, two):
+    m = max(1, (w + 1) // 2)
+    return max(2, m) if two else m
+
+
+def rolling_ref(x, w, fn, two=False):
+    out = np.full_like(x, np.nan)
+    for t in range(x.shape[0]):
+        win = x[max(0, t - w + 1): t + 1]
+        for n in range(x.shape[1]):
+            col = win[:, n]
+            vals = col[~np.isnan(col)]
+            if np.isnan(x[t, n]) or vals.size < minp(w, two):
+                continue
+            out[t, n] = fn(vals, x[t, n], col)
+    return out
+
+
+def ts_rank_ref(vals, cur, col):
+    if vals.size == 1:
+        return 0.5
+    less = np.sum(vals < cur)
+    eq = np.sum(vals == cur)
+    return (less + 0.5 * (eq - 1)) / (vals.size - 1)
+
+
+def decay_ref(w):
+    def fn(vals, cur, col):
+        weights = np.arange(w - col.size + 1, w + 1, dtype=float)  # oldest first
+        ok = ~np.isnan(col)
+        return np.sum(weights[ok] * col[ok]) / np.sum(weights[ok])
+    return fn
+
+
+def zscore_ref(vals, cur, col):
+    sd = vals.std(ddof=1)
+    return np.nan if sd == 0 else (cur - vals.mean()) / sd
+
+
+REFS = {
+    "sum": (lambda v, c, col: v.sum(), False),
+    "mean": (lambda v, c, col: v.mean(), False),
+    "std": (lambda v, c, col: v.std(ddof=1), True),
+    "zscore": (zscore_ref, True),
+    "min": (lambda v, c, col: v.min(), False),
+    "max": (lambda v, c, col: v.max(), False),
+    "rank": (ts_rank_ref, False),
+}
+
+
+def assert_panel_equal(got, want):
+    np.testing.assert_array_equal(np.isnan(got), np.isnan(want))
+    np.testing.assert_allclose(got, want, rtol=1e-9, atol=1e-12)
+
+
+@pytest.mark.parametrize("op", sorted(REFS))
+@pytest.mark.parametrize("w", [1, 2, 5, 13])
+@pytest.mark.parametrize("level", [0.0, 1e3])
+def test_rolling_operators_match_numpy(op, w, level):
+    x = panel(w * 31 + len(op), level=level)
+    fn, two = REFS[op]
+    assert_panel_equal(ev.ts(op, x, w), rolling_ref(x, w, fn, two))
+
+
+def test_rolling_rank_counts_ties_as_half():
+    x = np.array([[1.0], [1.0], [1.0], [2.0]])
+    np.testing.assert_allclose(ev.ts("rank", x, 3)[:, 0], [np.nan, 0.5, 0.5, 1.0])
+
+
+@pytest.mark.parametrize("w", [2, 6, 15])
+def test_linear_decay_matches_numpy(w):
+    x = panel(w)
+    assert_panel_equal(ev.ts("decay_linear", x, w), rolling_ref(x, w, decay_ref(w)))
+
+
+@pytest.mark.parametrize("d", [1, 3])
+def test_delay_and_delta(d):
+    x = panel(d + 100)
+    lag = np.full_like(x, np.nan)
+    lag[d:] = x[:-d]
+    assert_panel_equal(ev.ts("delay", x, d), lag)
+    assert_panel_equal(ev.ts("delta", x, d), x - lag)
+
+
+@pytest.mark.parametrize("op", ["corr", "cov"])
+@pytest.mark.parametrize("w", [3, 10])
+def test_pair_operators_match_numpy(op, w):
+    x, y = panel(w + 7), panel(w + 8, level=50.0)
+    want = np.full_like(x, np.nan)
+    for t in range(T):
+        for n in range(N):
+            a, b = x[max(0, t - w + 1): t + 1, n], y[max(0, t - w + 1): t + 1, n]
+            ok = ~np.isnan(a) & ~np.isnan(b)
+            if np.isnan(x[t, n]) or np.isnan(y[t, n]) or ok.sum() < minp(w, True):
+                continue
+            want[t, n] = np.corrcoef(a[ok], b[ok])[0, 1] if op == "corr" else np.cov(a[ok], b[ok])[0, 1]
+    assert_panel_equal(ev.ts2(op, x, y, w), want)
+
+
+def test_constant_window_has_no_zscore_or_correlation():
+    x = np.ones((6, 2))
+    assert np.isnan(ev.ts("zscore", x, 3)).all()
+    assert np.isnan(ev.ts2("corr", x, np.ascontiguousarray(panel(1)[:6, :2]), 3)).all()
+    np.testing.assert_array_equal(ev.ts("std", x, 3)[1:], 0.0)
+
+
+def cs_ref(x, op):
+    out = np.full_like(x, np.nan)
+    for t, row in enumerate(x):
+        ok = ~np.isnan(row)
+        v = row[ok]
+        if op == "rank":
+            if v.size == 1:
+                out[t, ok] = 0.5
+            elif v.size:
+                less = (v[:, None] > v[None, :]).sum(1)
+                eq = (v[:, None] == v[None, :]).sum(1)
+                out[t, ok] = (less + 0.5 * (eq - 1)) / (v.size - 1)
+        elif op == "zscore" and v.size >= 2 and v.std() > 0:
+            out[t, ok] = (v - v.mean()) / v.std()
+        elif op == "demean" and v.size:
+            out[t, ok] = v - v.mean()
+        elif op == "scale" and np.abs(v).sum() > 0:
+            out[t, ok] = v / np.abs(v).sum()
+    return out
+
+
+@pytest.mark.parametrize("op", ["rank", "zscore", "demean", "scale"])
+def test_cross_sectional_operators_match_numpy(op):
+    x = panel(5, nan_frac=0.3)
+    x[3, :] = np.nan
+    x[4, 1:] = np.nan
+    x[6, :] = np.round(x[6, :])  # ties
+    assert_panel_equal(ev.cs(op, x), cs_ref(x, op))
+
+
+UNARY = {
+    "neg": np.negative, "abs": np.abs, "sign": np.sign, "square": np.square,
+    "slog": lambda x: np.sign(x) * np.log1p(np.abs(x)),
+    "ssqrt": lambda x: np.sign(x) * np.sqrt(np.abs(x)),
+    "inverse": lambda x: np.where(x == 0, np.nan, 1.0 / np.where(x == 0, 1.0, x)),
+}
+BINARY = {
+    "add": np.add, "sub": np.subtract, "mul": np.multiply, "min": np.minimum, "max": np.maximum,
+    "div": lambda a, b: np.where(b == 0, np.nan, a / np.where(b == 0, 1.0, b)),
+}
+
+
+@pytest.mark.parametrize("op", sorted(UNARY))
+def test_unary_matches_numpy(op):
+    x = panel(9)
+    x[0, 0] = 0.0
+    assert_panel_equal(ev.unary(op, x), UNARY[op](x))
+
+
+@pytest.mark.parametrize("op", sorted(BINARY))
+def test_binary_matches_numpy(op):
+    x, y = panel(10), panel(11)
+    y[1, 1] = 0.0
+    assert_panel_equal(ev.binary(op, x, y), BINARY[op](x, y))
+
+
+@pytest.mark.parametrize("bad, err", [
+    (np.zeros((4, 3), dtype=np.float32), TypeError),
+    (np.zeros(12), ValueError),
+    (np.zeros((3, 4)).T, ValueError),
+])
+def test_bad_arrays_are_refused(bad, err):
+    with pytest.raises(err):
+        ev.ts("mean", bad, 2)
+
+
+@pytest.mark.parametrize("call", [
+    lambda x: ev.ts("median", x, 3),
+    lambda x: ev.ts("mean", x, 0),
+    lambda x: ev.binary("add", x, x[:2]),
+    lambda x: ev.book_weights(x, "softmax", 0, 0.1),
+])
+def test_bad_arguments_are_refused(call):
+    with pytest.raises(ValueError):
+        call(panel(0))
