@@ -31,28 +31,15 @@ def without(entry, *keys):
     return {k: v for k, v in entry.items() if k not in keys}
 
 
-def test_constants_are_frozensets_of_the_contract():
-    assert st._ROTATION_REQUIRED_FIELDS == st._REDUCTION_REQUIRED_FIELDS == frozenset(
-        {"name", "function_type", "function_family", "function_subfamily", "param_schema"})
-    assert st._FILTRATION_REQUIRED_FIELDS == frozenset({"name", "function_type", "function_family", "param_schema"})
-    assert st._FILTRATION_FORBIDDEN_FIELDS == frozenset({"function_subfamily"})
-    assert st._FEATURE_STATS_REQUIRED_KEYS == frozenset({"mean", "std", "pct_nan", "min", "max"})
-    assert len(st._FEATURE_REQUIRED_FIELDS) == 7 and type(st._FEATURE_REQUIRED_FIELDS) is frozenset
-
-
 @pytest.mark.parametrize("vocab", [None, [], "vocab", 3])
 def test_non_map_vocabulary_is_empty(vocab):
     assert st._normalize_template_vocabulary(vocab) == {"functions": [], "features": []}
 
 
-def test_flat_lists_are_trusted_as_they_stand():
+def test_flat_lists_are_trusted_and_other_keys_kept():
     vocab = {"functions": [1, 2], "features": [], "extra": {"k": 1}}
     got = st._normalize_template_vocabulary(vocab)
-    assert got == vocab and got is not vocab
-    assert got["functions"] is vocab["functions"]
-
-
-def test_empty_map_keeps_its_other_keys():
+    assert got == vocab and got is not vocab and got["functions"] is vocab["functions"]
     assert st._normalize_template_vocabulary({"era": 3}) == {"era": 3, "functions": [], "features": []}
 
 
@@ -119,12 +106,6 @@ def test_function_entry_violations(entry, kind, missing, unexpected, text):
     assert (err.source_kind, err.missing, err.unexpected, err.entry, str(err)) == (
         kind, missing, unexpected, entry, text)
     assert type(err.missing) is frozenset and type(err.unexpected) is frozenset
-
-
-@pytest.mark.parametrize("entry, kind", [(rotation(), "rotation"), (filtration(extra=1), "filtration"),
-                                         (reduction(), "reduction")])
-def test_valid_function_entries_pass(entry, kind):
-    assert st._validate_function_entry(entry, kind) is None
 
 
 @pytest.mark.parametrize("kind", ["feature", None, "Rotation"])

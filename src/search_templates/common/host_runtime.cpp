@@ -22,7 +22,7 @@ struct SiblingBinding {
     const char* fallback_module;
 };
 
-constexpr std::array<SiblingBinding, 9> kSiblingBindings = {{
+constexpr std::array<SiblingBinding, 10> kSiblingBindings = {{
     {"SyncManager", "quillmarsh.sync", "SyncManager", nullptr},
     {"_BacktestStats", "quillmarsh.search_tracking", "BacktestStats", nullptr},
     {"_ensure_submission_sim_parent", "quillmarsh.search_tracking", "_ensure_submission_sim_parent", nullptr},
@@ -34,17 +34,13 @@ constexpr std::array<SiblingBinding, 9> kSiblingBindings = {{
      "quillmarsh._simulate_primitives"},
     {"_resolve_metaparameters", "quillmarsh.simulate_primitives.metaparameters", "resolve_metaparameters",
      "quillmarsh._simulate_primitives"},
+    {"_resolve_metaparameters_per_pool", "quillmarsh.simulate_primitives.metaparameters",
+     "resolve_metaparameters_per_pool", "quillmarsh._simulate_primitives"},
 }};
-// resolve_metaparameters_per_pool shares the resolver's module; kept apart so the table stays a
-// constexpr array of a size that says what it holds.
-constexpr SiblingBinding kPerPoolResolver = {"_resolve_metaparameters_per_pool",
-                                             "quillmarsh.simulate_primitives.metaparameters",
-                                             "resolve_metaparameters_per_pool", "quillmarsh._simulate_primitives"};
 
 const SiblingBinding* find_binding(const char* bound_name) {
     for (const auto& b : kSiblingBindings)
         if (std::strcmp(b.bound_name, bound_name) == 0) return &b;
-    if (std::strcmp(kPerPoolResolver.bound_name, bound_name) == 0) return &kPerPoolResolver;
     return nullptr;
 }
 
@@ -117,7 +113,6 @@ private:
 
 void bind_sibling_imports(py::module_& m) {
     for (const auto& b : kSiblingBindings) bind_one(m, b);
-    bind_one(m, kPerPoolResolver);
 }
 
 py::object bound_sibling(const char* bound_name) {

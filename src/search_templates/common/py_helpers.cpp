@@ -32,21 +32,33 @@ py::object module_attr_or_none(const char* name) {
     return value ? py::reinterpret_borrow<py::object>(value) : py::none();
 }
 
-py::object attr_or(py::handle obj, const char* name, py::object dflt) {
-    PyObject* value = PyObject_GetAttrString(obj.ptr(), name);
-    if (value != nullptr) return py::reinterpret_steal<py::object>(value);
-    if (PyErr_ExceptionMatches(PyExc_AttributeError)) {
-        PyErr_Clear();
-        return dflt;
-    }
-    throw py::error_already_set();
+// getattr without building the AttributeError that a miss would otherwise raise: 1 found (a new
+// reference in *value), 0 missing, -1 another error (set).
+static int lookup_attr(py::handle obj, py::handle name, PyObject** value) {
+#if PY_VERSION_HEX >= 0x030D0000
+    return PyObject_GetOptionalAttr(obj.ptr(), name.ptr(), value);
+#else
+    return _PyObject_LookupAttr(obj.ptr(), name.ptr(), value);
+#endif
 }
 
-py::object key_or_attr(py::handle obj, const char* name, py::object dflt) {
+py::object attr_or(py::handle obj, py::handle name, py::object dflt) {
+    PyObject* value = nullptr;
+    int found = lookup_attr(obj, name, &value);
+    if (found < 0) throw py::error_already_set();
+    if (found == 0) return dflt;
+    return py::reinterpret_steal<py::object>(value);
+}
+
+py::object attr_or(py::handle obj, const char* name, py::object dflt) {
+    return attr_or(obj, py::str(name), std::move(dflt));
+}
+
+py::object key_or_attr(py::handle obj, py::handle name, py::object dflt) {
     if (PyDict_Check(obj.ptr())) {
         // dict.get semantics, including a subclass's own get()
         if (PyDict_CheckExact(obj.ptr())) {
-            PyObject* value = PyDict_GetItemWithError(obj.ptr(), py::str(name).ptr());
+            PyObject* value = PyDict_GetItemWithError(obj.ptr(), name.ptr());
             if (value != nullptr) return py::reinterpret_borrow<py::object>(value);
             if (PyErr_Occurred()) throw py::error_already_set();
             return dflt;
@@ -56,9 +68,25 @@ py::object key_or_attr(py::handle obj, const char* name, py::object dflt) {
     return attr_or(obj, name, std::move(dflt));
 }
 
+py::object key_or_attr(py::handle obj, const char* name, py::object dflt) {
+    return key_or_attr(obj, py::str(name), std::move(dflt));
+}
+
+PyObject* intern_name(const char* literal) {
+    PyObject* s = PyUnicode_InternFromString(literal);
+    if (s == nullptr) throw py::error_already_set();
+    return s;  // kept for the life of the process
+}
+
 py::object callable_attr(py::handle obj, const char* name) {
     py::object value = attr_or(obj, name);
     return PyCallable_Check(value.ptr()) ? value : py::none();
+}
+
+bool py_contains(py::handle container, py::handle item) {
+    int r = PySequence_Contains(container.ptr(), item.ptr());
+    if (r < 0) throw py::error_already_set();
+    return r != 0;
 }
 
 py::list new_list(py::handle iterable) {
@@ -160,16 +188,11 @@ py::object import_from(const char* module_name, const char* name) {
 }
 
 bool has_attr(py::handle obj, const char* name) {
-    PyObject* value = PyObject_GetAttrString(obj.ptr(), name);
-    if (value != nullptr) {
-        Py_DECREF(value);
-        return true;
-    }
-    if (PyErr_ExceptionMatches(PyExc_AttributeError)) {
-        PyErr_Clear();
-        return false;
-    }
-    throw py::error_already_set();
+    PyObject* value = nullptr;
+    int found = lookup_attr(obj, py::str(name), &value);
+    if (found < 0) throw py::error_already_set();
+    Py_XDECREF(value);
+    return found == 1;
 }
 
 }  // namespace quillmarsh::st

@@ -40,6 +40,17 @@ py::object module_attr_or_none(const char* name);
 py::object attr_or(py::handle obj, const char* name, py::object dflt = py::none());
 // obj.get(name, dflt) when obj is a dict (or subclass), else attr_or(obj, name, dflt).
 py::object key_or_attr(py::handle obj, const char* name, py::object dflt = py::none());
+// The same two reads with the name as a Python str (see ST_NAME for literals read on hot paths).
+py::object attr_or(py::handle obj, py::handle name, py::object dflt = py::none());
+py::object key_or_attr(py::handle obj, py::handle name, py::object dflt = py::none());
+
+// An interned str made once for the process; ST_NAME("x") gives each call site its own.
+PyObject* intern_name(const char* literal);
+#define ST_NAME(literal)                                                                  \
+    ([]() -> ::pybind11::handle {                                                         \
+        static PyObject* const interned_ = ::quillmarsh::st::intern_name(literal);       \
+        return interned_;                                                                 \
+    }())
 // The attribute when it exists and is callable, else None.
 py::object callable_attr(py::handle obj, const char* name);
 
@@ -61,6 +72,8 @@ inline bool is_exact_float(py::handle h) { return PyFloat_CheckExact(h.ptr()); }
 // isinstance(x, (int, float)) and not isinstance(x, bool)
 inline bool is_real_not_bool(py::handle h) { return is_int_not_bool(h) || PyFloat_Check(h.ptr()); }
 inline bool is_callable(py::handle h) { return PyCallable_Check(h.ptr()) != 0; }
+// `item in container` with Python's operator (pybind11's object_api::contains goes through a method call).
+bool py_contains(py::handle container, py::handle item);
 // list(x): always a new list, even when x already is one (py::list(x) would hand back x itself).
 py::list new_list(py::handle iterable);
 // bool(x) with Python's truth rules; errors propagate.

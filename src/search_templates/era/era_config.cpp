@@ -11,7 +11,7 @@ bool is_nonempty_str(py::handle h) { return is_str(h) && PyUnicode_GET_LENGTH(h.
 bool is_list_or_tuple(py::handle h) { return PyList_Check(h.ptr()) || PyTuple_Check(h.ptr()); }
 
 // `first` of a dict or object, or `second` when `first` is falsy; missing ones count as None.
-py::object first_truthy_field(py::handle entry, const char* first, const char* second) {
+py::object first_truthy_field(py::handle entry, py::handle first, py::handle second) {
     py::object value = key_or_attr(entry, first);
     if (truthy(value)) return value;
     return key_or_attr(entry, second);
@@ -29,26 +29,26 @@ py::list names_with_rule_ids(const py::list& candidates, const py::set& rule_ids
 
 }  // namespace
 
-py::object era_config_lookup(py::handle era_config, const char* name, py::object dflt) {
+py::object era_config_lookup(py::handle era_config, py::handle name, py::object dflt) {
     if (era_config.is_none()) return dflt;
     return key_or_attr(era_config, name, std::move(dflt));
 }
 
 py::object era_config_raw_dict(py::handle era_config) {
     if (is_dict(era_config)) return py::reinterpret_borrow<py::object>(era_config);
-    py::object data = attr_or(era_config, "_data");
+    py::object data = attr_or(era_config, ST_NAME("_data"));
     if (is_dict(data)) return data;
     return py::dict();
 }
 
-py::object era_config_field(py::handle era_config, const char* name, py::object dflt) {
+py::object era_config_field(py::handle era_config, py::handle name, py::object dflt) {
     py::object value = era_config_lookup(era_config, name);
     if (!value.is_none()) return value;
     return key_or_attr(era_config_raw_dict(era_config), name, std::move(dflt));
 }
 
 py::object primary_evaluation_pnl_column(py::handle era_config) {
-    py::object columns = era_config_lookup(era_config, "evaluation_pnl_columns", py::make_tuple("gross_returns"));
+    py::object columns = era_config_lookup(era_config, ST_NAME("evaluation_pnl_columns"), py::make_tuple("gross_returns"));
     if (is_list_or_tuple(columns) && py::len(columns) > 0) {
         py::object first = columns[py::int_(0)];
         if (is_nonempty_str(first)) return first;
@@ -57,33 +57,33 @@ py::object primary_evaluation_pnl_column(py::handle era_config) {
 }
 
 py::object pool_id_from_config_entry(py::handle pool) {
-    py::object value = first_truthy_field(pool, "signal_pool_id", "name");
+    py::object value = first_truthy_field(pool, ST_NAME("signal_pool_id"), ST_NAME("name"));
     return is_nonempty_str(value) ? value : py::none();
 }
 
-py::object pool_field(py::handle pool, const char* name, py::object dflt) {
+py::object pool_field(py::handle pool, py::handle name, py::object dflt) {
     return key_or_attr(pool, name, std::move(dflt));
 }
 
 py::list signal_pools_from_era_config(py::handle era_config) {
-    py::object pools = era_config_field(era_config, "signal_pools");
+    py::object pools = era_config_field(era_config, ST_NAME("signal_pools"));
     if (is_list_or_tuple(pools)) return new_list(pools);
     return py::list();
 }
 
 py::object first_signal_pool_id_from_era_config(py::handle era_config) {
-    py::object selected = era_config_lookup(era_config, "signal_pool_id");
+    py::object selected = era_config_lookup(era_config, ST_NAME("signal_pool_id"));
     if (is_nonempty_str(selected)) return selected;
 
     // Unlike signal_pools_from_era_config, an empty attribute list gives way to the raw map.
     py::object pools;
     if (is_dict(era_config)) {
-        pools = key_or_attr(era_config, "signal_pools");
+        pools = key_or_attr(era_config, ST_NAME("signal_pools"));
     } else if (!era_config.is_none()) {
-        pools = attr_or(era_config, "signal_pools");
+        pools = attr_or(era_config, ST_NAME("signal_pools"));
         if (!(is_list_or_tuple(pools) && py::len(pools) > 0)) {
-            py::object data = attr_or(era_config, "_data");
-            if (is_dict(data)) pools = key_or_attr(data, "signal_pools");
+            py::object data = attr_or(era_config, ST_NAME("_data"));
+            if (is_dict(data)) pools = key_or_attr(data, ST_NAME("signal_pools"));
         }
     }
     if (!pools || !is_list_or_tuple(pools)) return py::none();
@@ -120,7 +120,7 @@ py::object coerce_search_rule_id(py::handle value) {
 
 py::object search_rule_id_from_universe_entry(py::handle entry) {
     // A truth test: a rule_id of 0 gives way to universe_rule_id.
-    return coerce_search_rule_id(first_truthy_field(entry, "rule_id", "universe_rule_id"));
+    return coerce_search_rule_id(first_truthy_field(entry, ST_NAME("rule_id"), ST_NAME("universe_rule_id")));
 }
 
 py::list search_universe_candidates_from_era_config(py::handle era_config) {
@@ -129,22 +129,22 @@ py::list search_universe_candidates_from_era_config(py::handle era_config) {
     auto add = [&candidates](py::handle name, py::handle rule_id) {
         if (!is_nonempty_str(name) || py_equal(py::str(name), py::str("default"))) return;
         py::tuple pair = py::make_tuple(name, coerce_search_rule_id(rule_id));
-        if (!candidates.contains(pair)) candidates.append(pair);
+        if (!py_contains(candidates, pair)) candidates.append(pair);
     };
 
-    py::object universes = era_config_field(era_config, "universes");
+    py::object universes = era_config_field(era_config, ST_NAME("universes"));
     if (is_dict(universes)) {
         for (auto item : py::reinterpret_borrow<py::dict>(universes))
             add(py::str(item.first), search_rule_id_from_universe_entry(item.second));
     } else if (is_list(universes)) {
         for (py::handle entry : universes) {
             if (!is_dict(entry)) continue;
-            add(first_truthy_field(entry, "id", "name"), search_rule_id_from_universe_entry(entry));
+            add(first_truthy_field(entry, ST_NAME("id"), ST_NAME("name")), search_rule_id_from_universe_entry(entry));
         }
     }
 
-    py::object rules = key_or_attr(raw, "universe_rules");
-    if (rules.is_none()) rules = era_config_field(era_config, "universe_rules");
+    py::object rules = key_or_attr(raw, ST_NAME("universe_rules"));
+    if (rules.is_none()) rules = era_config_field(era_config, ST_NAME("universe_rules"));
     if (is_dict(rules)) {
         for (auto item : py::reinterpret_borrow<py::dict>(rules))
             add(py::str(item.first), search_rule_id_from_universe_entry(item.second));
@@ -159,14 +159,14 @@ py::list search_universe_candidates_from_era_config(py::handle era_config) {
 //   6. the lone candidate, whatever its rule id;
 //   7. the caller's configured id: what the era says wins over what the user configured.
 py::object derive_search_universe_id(py::handle era_config, py::handle configured_valid_universe_id) {
-    for (const char* name : {"valid_universe_id", "universe_id"}) {
+    for (py::handle name : {ST_NAME("valid_universe_id"), ST_NAME("universe_id")}) {
         py::object direct = era_config_field(era_config, name);
         if (is_nonempty_str(direct)) return direct;
     }
 
     py::list candidates = search_universe_candidates_from_era_config(era_config);
 
-    py::object allowed = era_config_field(era_config, "allowed_universes", py::list());
+    py::object allowed = era_config_field(era_config, ST_NAME("allowed_universes"), py::list());
     py::set allowed_ids;
     if (is_list(allowed)) {
         for (py::handle value : allowed) {
@@ -179,7 +179,7 @@ py::object derive_search_universe_id(py::handle era_config, py::handle configure
         if (names.size() == 1) return names[0];
     }
 
-    py::object era_universes = era_config_field(era_config, "era_universes", py::list());
+    py::object era_universes = era_config_field(era_config, ST_NAME("era_universes"), py::list());
     if (is_list(era_universes) && py::len(era_universes) > 0) {
         py::set era_ids;
         for (py::handle entry : era_universes) {

@@ -19,11 +19,18 @@ namespace quillmarsh::st {
 namespace py = pybind11;
 
 // One field, never looking in `_data`. A present field holding None yields None, not `dflt`.
-py::object era_config_lookup(py::handle era_config, const char* name, py::object dflt = py::none());
+py::object era_config_lookup(py::handle era_config, py::handle name, py::object dflt = py::none());
 // The raw dict: a dict configuration itself (not a copy), else its `_data` if that is a dict, else {}.
 py::object era_config_raw_dict(py::handle era_config);
 // One field: the lookup first, then `_data` when the lookup gave None; `dflt` only after both.
-py::object era_config_field(py::handle era_config, const char* name, py::object dflt = py::none());
+py::object era_config_field(py::handle era_config, py::handle name, py::object dflt = py::none());
+// The same two reads by a C string name (ST_NAME("x") is the cheaper spelling on hot paths).
+inline py::object era_config_lookup(py::handle era_config, const char* name, py::object dflt = py::none()) {
+    return era_config_lookup(era_config, py::str(name), std::move(dflt));
+}
+inline py::object era_config_field(py::handle era_config, const char* name, py::object dflt = py::none()) {
+    return era_config_field(era_config, py::str(name), std::move(dflt));
+}
 
 // The first of `evaluation_pnl_columns` when it is a non-empty string, else "gross_returns".
 py::object primary_evaluation_pnl_column(py::handle era_config);
@@ -31,7 +38,7 @@ py::object primary_evaluation_pnl_column(py::handle era_config);
 // `signal_pool_id`, or `name` when that is falsy, of a pool entry; a non-empty string or None.
 py::object pool_id_from_config_entry(py::handle pool);
 // One field of a pool entry, from the key of a dict or the attribute of anything else.
-py::object pool_field(py::handle pool, const char* name, py::object dflt = py::none());
+py::object pool_field(py::handle pool, py::handle name, py::object dflt = py::none());
 // A new list of the configuration's pool entries (empty unless `signal_pools` is a list or tuple).
 py::list signal_pools_from_era_config(py::handle era_config);
 // The pool a search works for: `signal_pool_id`, else the first identifiable pool, else None.

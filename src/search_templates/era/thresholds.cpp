@@ -19,12 +19,6 @@ py::dict copy_dict(py::handle d) {
     return py::reinterpret_steal<py::dict>(copy);
 }
 
-bool contains(py::handle container, py::handle key) {
-    int r = PySequence_Contains(container.ptr(), key.ptr());
-    if (r < 0) throw py::error_already_set();
-    return r != 0;
-}
-
 bool is_exception(const py::error_already_set& e) { return error_matches(e, PyExc_Exception); }
 
 }  // namespace
@@ -34,15 +28,15 @@ py::dict resolve_search_thresholds(py::handle thresholds, py::handle era_config)
     if (!thresholds.is_none()) raise_value_error("SearchContext thresholds must be a dict");
     py::object from_era;
     if (is_dict(era_config))
-        from_era = key_or_attr(era_config, "thresholds");
+        from_era = key_or_attr(era_config, ST_NAME("thresholds"));
     else if (!era_config.is_none())
-        from_era = attr_or(era_config, "thresholds");
+        from_era = attr_or(era_config, ST_NAME("thresholds"));
     if (from_era && is_dict(from_era)) return copy_dict(from_era);
     raise_value_error("SearchContext thresholds must be provided");
 }
 
 py::object require_search_threshold(py::handle thresholds, py::handle name) {
-    if (!contains(thresholds, name))
+    if (!py_contains(thresholds, name))
         raise_value_error("SearchContext thresholds missing required threshold '" + str(name) + "'");
     py::object value = thresholds[name];
     if (is_bool(value) || !is_real_not_bool(value))
@@ -51,7 +45,7 @@ py::object require_search_threshold(py::handle thresholds, py::handle name) {
 }
 
 py::object search_threshold_or_default(py::handle thresholds, py::handle name, py::object dflt) {
-    if (contains(thresholds, name)) return require_search_threshold(thresholds, name);
+    if (py_contains(thresholds, name)) return require_search_threshold(thresholds, name);
     return dflt;
 }
 
@@ -61,7 +55,7 @@ double require_search_threshold_value(py::handle thresholds, const char* name) {
 
 double search_threshold_or_default_value(py::handle thresholds, const char* name, double dflt) {
     py::str key(name);
-    if (!contains(thresholds, key)) return dflt;
+    if (!py_contains(thresholds, key)) return dflt;
     return py::float_(require_search_threshold(thresholds, key)).cast<double>();
 }
 

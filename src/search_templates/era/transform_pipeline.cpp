@@ -31,28 +31,28 @@ py::object resolve_metaparameters(const py::list& pipeline, py::handle signal_po
 }  // namespace
 
 py::list era_transform_pipeline_config(py::handle era_config) {
-    py::object pipeline = era_config_field(era_config, "transform_pipeline_config");
-    if (pipeline.is_none()) pipeline = key_or_attr(era_config_raw_dict(era_config), "transform_pipeline");
-    if (pipeline.is_none()) pipeline = era_config_field(era_config, "transform_pipeline");
+    py::object pipeline = era_config_field(era_config, ST_NAME("transform_pipeline_config"));
+    if (pipeline.is_none()) pipeline = key_or_attr(era_config_raw_dict(era_config), ST_NAME("transform_pipeline"));
+    if (pipeline.is_none()) pipeline = era_config_field(era_config, ST_NAME("transform_pipeline"));
     if (is_list(pipeline)) return new_list(pipeline);
     return py::list();
 }
 
-py::object stage_value(py::handle stage, const char* name, py::object dflt) {
+py::object stage_value(py::handle stage, py::handle name, py::object dflt) {
     return key_or_attr(stage, name, std::move(dflt));
 }
 
 bool stage_has_default_contract(py::handle stage) {
     if (is_dict(stage)) {
-        py::dict d = py::reinterpret_borrow<py::dict>(stage);
-        return !key_or_attr(d, "name").is_none() && d.contains("options") && d.contains("default");
+        return !key_or_attr(stage, ST_NAME("name")).is_none() && py_contains(stage, ST_NAME("options")) &&
+               py_contains(stage, ST_NAME("default"));
     }
-    return !attr_or(stage, "name").is_none() && has_attr(stage, "options") && has_attr(stage, "default");
+    return !attr_or(stage, ST_NAME("name")).is_none() && has_attr(stage, "options") && has_attr(stage, "default");
 }
 
 bool pipeline_has_per_pool_default(py::handle transform_pipeline) {
     for (py::handle stage : transform_pipeline)
-        if (truthy(stage_value(stage, "per_pool_default"))) return true;
+        if (truthy(stage_value(stage, ST_NAME("per_pool_default")))) return true;
     return false;
 }
 
@@ -77,9 +77,9 @@ py::dict resolve_search_metaparameters_from_era_config(py::handle era_config, py
 
     // The era's default for normalization gives way whenever "rescale" is on offer.
     for (py::handle stage : pipeline) {
-        py::object name = stage_value(stage, "name");
+        py::object name = stage_value(stage, ST_NAME("name"));
         if (!truthy(name) || !py_equal(py::str(name), py::str("normalization"))) continue;
-        py::object options = stage_value(stage, "options");
+        py::object options = stage_value(stage, ST_NAME("options"));
         py::set offered;
         if (truthy(options))
             for (py::handle option : options) offered.add(py::str(option));
@@ -88,29 +88,58 @@ py::dict resolve_search_metaparameters_from_era_config(py::handle era_config, py
     return out;
 }
 
-py::dict method_transform_context_kwargs(py::handle method, py::handle metaparameters,
-                                         py::handle transform_pipeline, py::handle universe_id) {
-    py::dict all;
-    all["metaparameters"] = metaparameters;
-    all["transform_pipeline"] = transform_pipeline;
-    all["universe_id"] = universe_id;
+namespace {
 
+constexpr const char* kContextKeywords[] = {"metaparameters", "transform_pipeline", "universe_id"};
+
+// Which of the context keywords `method` accepts, as bits in the order of kContextKeywords.
+long accepted_keyword_bits(py::handle method) {
     py::object inspect = import_module("inspect");
     py::object signature;
     try {
         signature = inspect.attr("signature")(method);
     } catch (py::error_already_set& e) {
-        if (error_matches(e, PyExc_TypeError) || error_matches(e, PyExc_ValueError)) return all;
+        if (error_matches(e, PyExc_TypeError) || error_matches(e, PyExc_ValueError)) return 0b111;
         throw;
     }
     py::object parameters = signature.attr("parameters");
     py::object var_keyword = inspect.attr("Parameter").attr("VAR_KEYWORD");
     for (py::handle parameter : parameters.attr("values")())
-        if (py_equal(parameter.attr("kind"), var_keyword)) return all;
+        if (py_equal(parameter.attr("kind"), var_keyword)) return 0b111;
+    long bits = 0;
+    for (int i = 0; i < 3; ++i)
+        if (py_contains(parameters, py::str(kContextKeywords[i]))) bits |= 1L << i;
+    return bits;
+}
 
+// The signature of a Python function, and of a method bound to it, is fixed by the function object, so the
+// answer is kept per function: a worker calls the same two backtester methods for every expression, and
+// inspect.signature costs more than the rest of the call. Other callables are inspected every time.
+long cached_keyword_bits(py::handle method) {
+    PyObject* key = nullptr;
+    if (PyMethod_Check(method.ptr())) key = PyMethod_GET_FUNCTION(method.ptr());
+    else if (PyFunction_Check(method.ptr())) key = method.ptr();
+    if (key == nullptr || !PyFunction_Check(key)) return accepted_keyword_bits(method);
+
+    static PyObject* cache = PyDict_New();
+    PyObject* hit = PyDict_GetItemWithError(cache, key);
+    if (hit != nullptr) return PyLong_AsLong(hit);
+    if (PyErr_Occurred()) throw py::error_already_set();
+    long bits = accepted_keyword_bits(method);
+    if (PyDict_Size(cache) >= 1024) PyDict_Clear(cache);  // bounded: one entry per backtester method
+    if (PyDict_SetItem(cache, key, py::int_(bits).ptr()) < 0) throw py::error_already_set();
+    return bits;
+}
+
+}  // namespace
+
+py::dict method_transform_context_kwargs(py::handle method, py::handle metaparameters,
+                                         py::handle transform_pipeline, py::handle universe_id) {
+    const py::handle values[] = {metaparameters, transform_pipeline, universe_id};
+    long bits = cached_keyword_bits(method);
     py::dict accepted;
-    for (auto item : all)
-        if (parameters.contains(item.first)) accepted[item.first] = item.second;
+    for (int i = 0; i < 3; ++i)
+        if (bits & (1L << i)) accepted[kContextKeywords[i]] = values[i];
     return accepted;
 }
 

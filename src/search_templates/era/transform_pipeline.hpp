@@ -16,7 +16,7 @@ namespace py = pybind11;
 // transform_pipeline field; anything but a list gives [].
 py::list era_transform_pipeline_config(py::handle era_config);
 // One field of a stage, from the key of a dict or the attribute of anything else.
-py::object stage_value(py::handle stage, const char* name, py::object dflt = py::none());
+py::object stage_value(py::handle stage, py::handle name, py::object dflt = py::none());
 // `name` is not None, and `options` and `default` exist (their values may be None).
 bool stage_has_default_contract(py::handle stage);
 // True when any stage has a truthy per_pool_default.

@@ -41,11 +41,32 @@ const FieldNames& names_for(const std::string_view* fields) {
     return stats;
 }
 
+// `key in d`, with a subclass's own __contains__ honoured.
 bool dict_has(py::handle d, PyObject* key) {
-    int r = PyDict_Contains(d.ptr(), key);
+    int r = PyDict_CheckExact(d.ptr()) ? PyDict_Contains(d.ptr(), key) : PySequence_Contains(d.ptr(), key);
     if (r < 0) throw py::error_already_set();
     return r != 0;
 }
+
+// d[key] when `key in d`, else a null object.
+py::object entry_get(py::handle d, py::handle key) {
+    if (!dict_has(d, key.ptr())) return py::object();
+    return d[key];
+}
+
+// What a validator found wrong; the sets are only built when something was.
+struct Findings {
+    std::vector<py::object> missing;
+    std::vector<py::object> unexpected;
+    bool empty() const { return missing.empty() && unexpected.empty(); }
+    static py::set as_set(const std::vector<py::object>& names) {
+        py::set out;
+        for (const auto& name : names) out.add(name);
+        return out;
+    }
+    py::set missing_set() const { return as_set(missing); }
+    py::set unexpected_set() const { return as_set(unexpected); }
+};
 
 // The kinds of function entry, each with its required and forbidden fields.
 struct FunctionKind {
@@ -70,7 +91,7 @@ const FunctionKind kFunctionKinds[] = {
 }
 
 // The key `name` of a dict, with a default (dict.get).
-py::object dict_get(py::handle d, const char* name, py::object dflt) { return key_or_attr(d, name, std::move(dflt)); }
+py::object dict_get(py::handle d, py::handle name, py::object dflt) { return key_or_attr(d, name, std::move(dflt)); }
 
 void flatten_into(py::handle node, py::list& out) {
     if (is_list(node)) {
@@ -185,39 +206,38 @@ void validate_function_entry(py::handle entry, py::handle source_kind) {
         raise_schema_error(source_kind, field_set(kind->required, kind->required + kind->required_count), py::tuple(),
                            entry);
 
-    py::set missing;
-    py::set unexpected;
+    Findings found;
     for (PyObject* field : names_for(kind->required).names)
-        if (!dict_has(entry, field)) missing.add(field);
+        if (!dict_has(entry, field)) found.missing.push_back(py::reinterpret_borrow<py::object>(field));
     if (kind->forbidden != nullptr)
         for (PyObject* field : names_for(kind->forbidden).names)
-            if (dict_has(entry, field)) unexpected.add(field);
-    if (dict_has(entry, py::str("function_type").ptr()) &&
-        py_not_equal(py::reinterpret_borrow<py::dict>(entry)["function_type"], source_kind))
-        unexpected.add("function_type");
-    if (!missing.empty() || !unexpected.empty()) raise_schema_error(source_kind, missing, unexpected, entry);
+            if (dict_has(entry, field)) found.unexpected.push_back(py::reinterpret_borrow<py::object>(field));
+    py::object function_type = entry_get(entry, ST_NAME("function_type"));
+    if (function_type && py_not_equal(function_type, source_kind))
+        found.unexpected.push_back(py::reinterpret_borrow<py::object>(ST_NAME("function_type")));
+    if (!found.empty()) raise_schema_error(source_kind, found.missing_set(), found.unexpected_set(), entry);
 }
 
 void validate_feature_entry(py::handle entry) {
-    py::str kind("feature");
+    py::handle kind = ST_NAME("feature");
     if (!is_dict(entry)) raise_schema_error(kind, field_set(FEATURE_REQUIRED_FIELDS), py::tuple(), entry);
 
-    py::set missing;
-    py::set unexpected;
+    Findings found;
     for (PyObject* field : names_for(FEATURE_REQUIRED_FIELDS.data()).names)
-        if (!dict_has(entry, field)) missing.add(field);
-    if (dict_has(entry, py::str("function_type").ptr()) &&
-        py_not_equal(py::reinterpret_borrow<py::dict>(entry)["function_type"], kind))
-        unexpected.add("function_type");
-    if (dict_has(entry, py::str("stats").ptr())) {
-        py::object stats = py::reinterpret_borrow<py::dict>(entry)["stats"];
+        if (!dict_has(entry, field)) found.missing.push_back(py::reinterpret_borrow<py::object>(field));
+    py::object function_type = entry_get(entry, ST_NAME("function_type"));
+    if (function_type && py_not_equal(function_type, kind))
+        found.unexpected.push_back(py::reinterpret_borrow<py::object>(ST_NAME("function_type")));
+    py::object stats = entry_get(entry, ST_NAME("stats"));
+    if (stats) {
+        // A stats value that is not a map lacks every required key.
         bool stats_is_map = is_dict(stats);
         const auto& keys = names_for(FEATURE_STATS_REQUIRED_KEYS.data()).names;
         for (size_t i = 0; i < keys.size(); ++i)
             if (!stats_is_map || !dict_has(stats, keys[i]))
-                missing.add(py::str("stats.") + py::str(std::string(FEATURE_STATS_REQUIRED_KEYS[i])));
+                found.missing.push_back(py::str("stats.") + py::reinterpret_borrow<py::str>(keys[i]));
     }
-    if (!missing.empty() || !unexpected.empty()) raise_schema_error(kind, missing, unexpected, entry);
+    if (!found.empty()) raise_schema_error(kind, found.missing_set(), found.unexpected_set(), entry);
 }
 
 py::dict normalize_template_vocabulary(py::handle vocab) {
@@ -230,14 +250,14 @@ py::dict normalize_template_vocabulary(py::handle vocab) {
     py::dict normalized = py::reinterpret_steal<py::dict>(PyDict_Copy(vocab.ptr()));
     if (!normalized) throw py::error_already_set();
 
-    if (!is_list(dict_get(normalized, "functions", py::none()))) {
+    if (!is_list(dict_get(normalized, ST_NAME("functions"), py::none()))) {
         // Rotations first, then filtrations, then reductions; a flat list would have been trusted.
         static const char* const kGroups[][2] = {
             {"rotations", "rotation"}, {"filtrations", "filtration"}, {"reductions", "reduction"}};
         py::list functions;
         for (const auto& group : kGroups) {
             py::str source_kind(group[1]);
-            for (py::handle entry : flatten_vocabulary_entries(dict_get(normalized, group[0], py::dict()))) {
+            for (py::handle entry : flatten_vocabulary_entries(dict_get(normalized, py::str(group[0]), py::dict()))) {
                 validate_function_entry(entry, source_kind);
                 functions.append(entry);  // already a fresh shallow copy
             }
@@ -245,7 +265,7 @@ py::dict normalize_template_vocabulary(py::handle vocab) {
         normalized["functions"] = functions;
     }
 
-    py::object features = dict_get(normalized, "features", py::none());
+    py::object features = dict_get(normalized, ST_NAME("features"), py::none());
     if (!is_list(features)) {
         py::list flat_features = flatten_vocabulary_entries(features);
         for (py::handle entry : flat_features) validate_feature_entry(entry);

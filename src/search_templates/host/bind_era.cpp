@@ -13,15 +13,15 @@ namespace {
 
 void bind_era_config(py::module_& m) {
     m.def("_era_config_lookup",
-          [](py::object era_config, const std::string& name, py::object dflt) {
-              return era_config_lookup(era_config, name.c_str(), dflt);
+          [](py::object era_config, py::object name, py::object dflt) {
+              return era_config_lookup(era_config, name, dflt);
           },
           py::arg("era_config"), py::arg("name"), py::arg("default") = py::none());
     m.def("_era_config_raw_dict", [](py::object era_config) { return era_config_raw_dict(era_config); },
           py::arg("era_config"));
     m.def("_era_config_field",
-          [](py::object era_config, const std::string& name, py::object dflt) {
-              return era_config_field(era_config, name.c_str(), dflt);
+          [](py::object era_config, py::object name, py::object dflt) {
+              return era_config_field(era_config, name, dflt);
           },
           py::arg("era_config"), py::arg("name"), py::arg("default") = py::none());
     m.def("_primary_evaluation_pnl_column",
@@ -29,7 +29,7 @@ void bind_era_config(py::module_& m) {
     m.def("_pool_id_from_config_entry", [](py::object pool) { return pool_id_from_config_entry(pool); },
           py::arg("pool"));
     m.def("_pool_field",
-          [](py::object pool, const std::string& name, py::object dflt) { return pool_field(pool, name.c_str(), dflt); },
+          [](py::object pool, py::object name, py::object dflt) { return pool_field(pool, name, dflt); },
           py::arg("pool"), py::arg("name"), py::arg("default") = py::none());
     m.def("_signal_pools_from_era_config",
           [](py::object era_config) { return signal_pools_from_era_config(era_config); }, py::arg("era_config"));
@@ -56,7 +56,7 @@ void bind_transform_pipeline(py::module_& m) {
     m.def("_era_transform_pipeline_config",
           [](py::object era_config) { return era_transform_pipeline_config(era_config); }, py::arg("era_config"));
     m.def("_stage_value",
-          [](py::object stage, const std::string& name, py::object dflt) { return stage_value(stage, name.c_str(), dflt); },
+          [](py::object stage, py::object name, py::object dflt) { return stage_value(stage, name, dflt); },
           py::arg("stage"), py::arg("name"), py::arg("default") = py::none());
     m.def("_stage_has_default_contract", [](py::object stage) { return stage_has_default_contract(stage); },
           py::arg("stage"));
