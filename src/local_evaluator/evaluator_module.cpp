@@ -135,8 +135,7 @@ Panel binary(const std::string& op, const py::array& x, const py::array& y) {
   return out;
 }
 
-Panel book_weights(const py::array& signal, const std::string& normalization, int decay, double truncation) {
-  View v = panel_view(signal, "signal");
+ql::Normalization parse_normalization(const std::string& normalization, int decay, double truncation) {
   ql::Normalization norm;
   if (normalization == "none") norm = ql::Normalization::none;
   else if (normalization == "rank") norm = ql::Normalization::rank;
@@ -146,6 +145,12 @@ Panel book_weights(const py::array& signal, const std::string& normalization, in
   if (decay < 0) throw py::value_error("decay must not be negative, got " + std::to_string(decay));
   if (!(truncation >= 0.0 && truncation <= 1.0))
     throw py::value_error("truncation must lie in [0, 1]");
+  return norm;
+}
+
+Panel book_weights(const py::array& signal, const std::string& normalization, int decay, double truncation) {
+  View v = panel_view(signal, "signal");
+  ql::Normalization norm = parse_normalization(normalization, decay, truncation);
   Panel out = new_panel(v);
   double* o = out.mutable_data();
   std::vector<int> scratch(v.N + 1);
@@ -154,27 +159,54 @@ Panel book_weights(const py::array& signal, const std::string& normalization, in
   return out;
 }
 
+struct Series {
+  std::vector<py::array_t<double>> cols;
+  ql::DailySeries s;
+  explicit Series(size_t T) {
+    for (int i = 0; i < 9; ++i) cols.emplace_back(py::ssize_t(T));
+    s = {cols[0].mutable_data(), cols[1].mutable_data(), cols[2].mutable_data(), cols[3].mutable_data(),
+         cols[4].mutable_data(), cols[5].mutable_data(), cols[6].mutable_data(), cols[7].mutable_data(),
+         cols[8].mutable_data()};
+  }
+  py::tuple tuple() const {
+    py::tuple out(9);
+    for (int i = 0; i < 9; ++i) out[i] = cols[i];
+    return out;
+  }
+};
+
+const double* optional_flag(const py::object& flag, const View& like) {
+  if (flag.is_none()) return nullptr;
+  View fv = panel_view(flag.cast<py::array>(), "flag");
+  same_shape(like, fv);
+  return fv.data;
+}
+
 py::tuple book_daily(const py::array& weights, const py::array& fwd_returns, const py::object& flag) {
   View w = panel_view(weights, "weights"), r = panel_view(fwd_returns, "fwd_returns");
   same_shape(w, r);
-  const double* f = nullptr;
-  if (!flag.is_none()) {
-    View fv = panel_view(flag.cast<py::array>(), "flag");
-    same_shape(w, fv);
-    f = fv.data;
-  }
-  std::vector<py::array_t<double>> cols;
-  for (int i = 0; i < 9; ++i) cols.emplace_back(py::ssize_t(w.T));
-  ql::DailySeries s{cols[0].mutable_data(), cols[1].mutable_data(), cols[2].mutable_data(),
-                    cols[3].mutable_data(), cols[4].mutable_data(), cols[5].mutable_data(),
-                    cols[6].mutable_data(), cols[7].mutable_data(), cols[8].mutable_data()};
+  const double* f = optional_flag(flag, w);
+  Series out(w.T);
   {
     py::gil_scoped_release release;
-    ql::book_daily(w.data, r.data, f, w.T, w.N, s);
+    ql::book_daily(w.data, r.data, f, w.T, w.N, out.s);
   }
-  py::tuple out(9);
-  for (int i = 0; i < 9; ++i) out[i] = cols[i];
-  return out;
+  return out.tuple();
+}
+
+py::tuple book_series(const py::array& signal, const py::array& fwd_returns, const std::string& normalization,
+                      int decay, double truncation, const py::object& flag) {
+  View v = panel_view(signal, "signal"), r = panel_view(fwd_returns, "fwd_returns");
+  same_shape(v, r);
+  ql::Normalization norm = parse_normalization(normalization, decay, truncation);
+  const double* f = optional_flag(flag, v);
+  std::vector<int> scratch(v.N + 1);
+  Series out(v.T);
+  {
+    py::gil_scoped_release release;
+    ql::book_series(v.data, r.data, f, v.T, v.N, norm, decay, truncation, scratch.data(), out.s);
+  }
+  return out.tuple();
 }
 
 }  // namespace
@@ -202,5 +234,8 @@ PYBIND11_MODULE(_evaluator, m) {
         py::arg("truncation"), "Dollar-neutral book with unit gross from a raw signal.");
   m.def("book_daily", &book_daily, py::arg("weights"), py::arg("fwd_returns"), py::arg("flag") = py::none(),
         "Daily (pnl, traded, longs, shorts, net, abs_sum, max_share, held, flagged) of a book.");
+  m.def("book_series", &book_series, py::arg("signal"), py::arg("fwd_returns"), py::arg("normalization"),
+        py::arg("decay"), py::arg("truncation"), py::arg("flag") = py::none(),
+        "book_weights then book_daily in one pass, without materialising the book.");
   m.def("min_periods", &ql::min_periods, py::arg("window"), py::arg("needs_two"));
 }

@@ -24,12 +24,14 @@ int min_periods(int window, bool needs_two) {
 // Running sums of the valid values in each column's window. Values are shifted by the column's first
 // valid observation so that the sums of squares do not cancel catastrophically for level-like series.
 namespace {
+// Running sums of the valid values in each column's window, each column shifted by its first valid value
+// so that sums of squares do not cancel catastrophically for level-like series. `emit_row` turns the
+// sums of a whole row into its outputs; every step is a select, so the row loops vectorise.
 struct Moments {
   std::vector<double> shift, s1, s2, count;
   explicit Moments(size_t N) : shift(N, 0.0), s1(N, 0.0), s2(N, 0.0), count(N, 0.0) {}
   template <class F>
-  void run(const double* x, double* out, size_t T, size_t N, int w, F&& emit) {
-    // Shift each column by its first valid value (found in a pre-pass) so that the loop has no branch.
+  void run(const double* x, double* out, size_t T, size_t N, int w, F&& emit_row) {
     std::vector<char> found(N, 0);
     size_t left = N;
     for (size_t t = 0; t < T && left; ++t)
@@ -40,77 +42,96 @@ struct Moments {
     double* __restrict c = count.data();
     const double* __restrict k = shift.data();
     for (size_t t = 0; t < T; ++t) {
-      const double* row = x + t * N;
-      double* o = out + t * N;
+      const double* __restrict row = x + t * N;
       if (t >= size_t(w)) {
-        const double* old = x + (t - w) * N;
+        const double* __restrict old = x + (t - w) * N;
         for (size_t n = 0; n < N; ++n) {
-          bool valid = old[n] == old[n];
-          double d = valid ? old[n] - k[n] : 0.0;
-          a1[n] -= d; a2[n] -= d * d; c[n] -= valid ? 1.0 : 0.0;
+          double v = old[n];
+          double d = v - k[n];  // computed first, then selected: the form that vectorises
+          d = __builtin_isnan(v) ? 0.0 : d;
+          double one = __builtin_isnan(v) ? 0.0 : 1.0;
+          a1[n] -= d; a2[n] -= d * d; c[n] -= one;
         }
       }
       for (size_t n = 0; n < N; ++n) {
-        bool valid = row[n] == row[n];
-        double d = valid ? row[n] - k[n] : 0.0;
-        a1[n] += d; a2[n] += d * d; c[n] += valid ? 1.0 : 0.0;
+        double v = row[n];
+        double d = v - k[n];
+        d = __builtin_isnan(v) ? 0.0 : d;
+        double one = __builtin_isnan(v) ? 0.0 : 1.0;
+        double cn = c[n] + one, s1n = a1[n] + d, s2n = a2[n] + d * d;
+        c[n] = cn;
+        a1[n] = cn == 0.0 ? 0.0 : s1n;  // an empty window restarts from exact zeros
+        a2[n] = cn == 0.0 ? 0.0 : s2n;
       }
-      for (size_t n = 0; n < N; ++n) {
-        if (c[n] == 0.0) { a1[n] = 0.0; a2[n] = 0.0; }
-        o[n] = ok(row[n]) ? emit(n, row[n]) : kNaN;
-      }
+      emit_row(row, out + t * N, N, a1, a2, c, k);
     }
   }
 };
+using Sums = const double* __restrict;
 }  // namespace
 
 void ts_sum(const double* x, double* out, size_t T, size_t N, int w) {
   Moments m(N);
-  const int mp = min_periods(w, false);
-  m.run(x, out, T, N, w, [&](size_t n, double) {
-    return m.count[n] < mp ? kNaN : m.s1[n] + m.count[n] * m.shift[n];
+  const double mp = min_periods(w, false);
+  m.run(x, out, T, N, w, [mp](Sums row, double* __restrict o, size_t n_, Sums a1, Sums, Sums c, Sums k) {
+    for (size_t n = 0; n < n_; ++n)
+    {
+      double r = a1[n] + c[n] * k[n];
+      r = c[n] < mp ? kNaN : r;
+      o[n] = __builtin_isnan(row[n]) ? kNaN : r;
+    }
   });
 }
 
 void ts_mean(const double* x, double* out, size_t T, size_t N, int w) {
   Moments m(N);
-  const int mp = min_periods(w, false);
-  m.run(x, out, T, N, w, [&](size_t n, double) {
-    return m.count[n] < mp ? kNaN : m.shift[n] + m.s1[n] / m.count[n];
+  const double mp = min_periods(w, false);
+  m.run(x, out, T, N, w, [mp](Sums row, double* __restrict o, size_t n_, Sums a1, Sums, Sums c, Sums k) {
+    for (size_t n = 0; n < n_; ++n) {
+      double cc = c[n] > 0.0 ? c[n] : 1.0;
+      double r = k[n] + a1[n] / cc;
+      r = c[n] < mp ? kNaN : r;
+      o[n] = __builtin_isnan(row[n]) ? kNaN : r;
+    }
   });
 }
 
 namespace {
-inline double sample_var(const Moments& m, size_t n) {
-  double c = m.count[n];
-  double v = (m.s2[n] - m.s1[n] * m.s1[n] / c) / (c - 1.0);
-  return v > 0.0 ? v : 0.0;
-}
-// A variance this small relative to the squared deviations is rounding residue of a constant window.
-inline bool degenerate(const Moments& m, size_t n, double var) {
-  return var <= 1e-14 * (m.s2[n] / m.count[n]) || var == 0.0;
+// Sample variance of a window and whether it is degenerate: a variance this small relative to the squared
+// deviations is rounding residue of a constant window.
+inline double window_var(double a1, double a2, double c, bool& degenerate) {
+  double cc = c > 1.0 ? c : 2.0;
+  double v = (a2 - a1 * a1 / cc) / (cc - 1.0);
+  v = v > 0.0 ? v : 0.0;
+  degenerate = !(v > 1e-14 * (a2 / cc));
+  return v;
 }
 }  // namespace
 
 void ts_std(const double* x, double* out, size_t T, size_t N, int w) {
   Moments m(N);
-  const int mp = min_periods(w, true);
-  m.run(x, out, T, N, w, [&](size_t n, double) {
-    if (m.count[n] < mp) return kNaN;
-    double v = sample_var(m, n);
-    return degenerate(m, n, v) ? 0.0 : std::sqrt(v);
+  const double mp = min_periods(w, true);
+  m.run(x, out, T, N, w, [mp](Sums row, double* __restrict o, size_t n_, Sums a1, Sums a2, Sums c, Sums) {
+    for (size_t n = 0; n < n_; ++n) {
+      bool deg;
+      double v = window_var(a1[n], a2[n], c[n], deg);
+      double sd = deg ? 0.0 : std::sqrt(v);
+      o[n] = ((row[n] == row[n]) & (c[n] >= mp)) ? sd : kNaN;
+    }
   });
 }
 
 void ts_zscore(const double* x, double* out, size_t T, size_t N, int w) {
   Moments m(N);
-  const int mp = min_periods(w, true);
-  m.run(x, out, T, N, w, [&](size_t n, double v) {
-    if (m.count[n] < mp) return kNaN;
-    double var = sample_var(m, n);
-    if (degenerate(m, n, var)) return kNaN;
-    double mean = m.s1[n] / m.count[n];
-    return ((v - m.shift[n]) - mean) / std::sqrt(var);
+  const double mp = min_periods(w, true);
+  m.run(x, out, T, N, w, [mp](Sums row, double* __restrict o, size_t n_, Sums a1, Sums a2, Sums c, Sums k) {
+    for (size_t n = 0; n < n_; ++n) {
+      bool deg;
+      double v = window_var(a1[n], a2[n], c[n], deg);
+      double cc = c[n] > 0.0 ? c[n] : 1.0;
+      double z = ((row[n] - k[n]) - a1[n] / cc) / std::sqrt(deg ? 1.0 : v);
+      o[n] = ((row[n] == row[n]) & (c[n] >= mp) & !deg) ? z : kNaN;
+    }
   });
 }
 
@@ -143,17 +164,17 @@ void ts_extreme(const double* x, double* out, size_t T, size_t N, int w, double*
       for (size_t n = 0; n < N; ++n) h[n] = pick(row[n] == row[n] ? row[n] : fill, q[n]);
     }
   }
-  const int mp = min_periods(w, false);
-  std::vector<int> count_v(N, 0);
-  int* __restrict count = count_v.data();
+  const double mp = min_periods(w, false);
+  std::vector<double> count_v(N, 0.0);
+  double* __restrict count = count_v.data();
   for (size_t t = 0; t < T; ++t) {
     const double* __restrict row = x + t * N;
     const double* __restrict p = prefix + t * N;
     double* __restrict o = out + t * N;
-    for (size_t n = 0; n < N; ++n) count[n] += int(row[n] == row[n]);
+    for (size_t n = 0; n < N; ++n) count[n] += __builtin_isnan(row[n]) ? 0.0 : 1.0;
     if (t >= W) {
       const double* __restrict old = x + (t - W) * N;
-      for (size_t n = 0; n < N; ++n) count[n] -= int(old[n] == old[n]);
+      for (size_t n = 0; n < N; ++n) count[n] -= __builtin_isnan(old[n]) ? 0.0 : 1.0;
     }
     if (t + 1 >= W) {
       const double* __restrict h = suffix + (t + 1 - W) * N;
@@ -161,7 +182,10 @@ void ts_extreme(const double* x, double* out, size_t T, size_t N, int w, double*
     } else {
       for (size_t n = 0; n < N; ++n) o[n] = p[n];  // the window is still inside the first block
     }
-    for (size_t n = 0; n < N; ++n) o[n] = (row[n] == row[n] && count[n] >= mp) ? o[n] : kNaN;
+    for (size_t n = 0; n < N; ++n) {
+      double r = count[n] < mp ? kNaN : o[n];
+      o[n] = __builtin_isnan(row[n]) ? kNaN : r;
+    }
   }
 }
 }  // namespace
@@ -258,46 +282,67 @@ void ts_delta(const double* x, double* out, size_t T, size_t N, int d) {
 
 namespace {
 // Running co-moments over the pairs of a window where both inputs are valid, each input shifted by its
-// first valid pair.
+// value in the first valid pair. Updates and outputs go a whole row at a time.
 template <class F>
 void ts_pair(const double* x, const double* y, double* out, size_t T, size_t N, int w, F&& emit) {
-  std::vector<double> sx(N), sy(N), sxx(N), syy(N), sxy(N), kx(N), ky(N);
-  std::vector<int> count(N, 0);
+  std::vector<double> sx_v(N, 0.0), sy_v(N, 0.0), sxx_v(N, 0.0), syy_v(N, 0.0), sxy_v(N, 0.0);
+  std::vector<double> kx_v(N, 0.0), ky_v(N, 0.0), c_v(N, 0.0);
   std::vector<char> has(N, 0);
-  const int mp = min_periods(w, true);
-  for (size_t t = 0; t < T; ++t) {
-    double* o = out + t * N;
-    for (size_t n = 0; n < N; ++n) {
-      if (t >= size_t(w)) {
-        double a = x[(t - w) * N + n], b = y[(t - w) * N + n];
-        if (ok(a) && ok(b)) {
-          a -= kx[n]; b -= ky[n];
-          sx[n] -= a; sy[n] -= b; sxx[n] -= a * a; syy[n] -= b * b; sxy[n] -= a * b; --count[n];
-          if (count[n] == 0) sx[n] = sy[n] = sxx[n] = syy[n] = sxy[n] = 0.0;
-        }
+  size_t left = N;
+  for (size_t t = 0; t < T && left; ++t)
+    for (size_t n = 0; n < N; ++n)
+      if (!has[n] && ok(x[t * N + n]) && ok(y[t * N + n])) {
+        kx_v[n] = x[t * N + n]; ky_v[n] = y[t * N + n]; has[n] = 1; --left;
       }
-      double a = x[t * N + n], b = y[t * N + n];
-      if (!(ok(a) && ok(b))) { o[n] = kNaN; continue; }
-      if (!has[n]) { kx[n] = a; ky[n] = b; has[n] = 1; }
-      a -= kx[n]; b -= ky[n];
-      sx[n] += a; sy[n] += b; sxx[n] += a * a; syy[n] += b * b; sxy[n] += a * b; ++count[n];
-      if (count[n] < mp) { o[n] = kNaN; continue; }
-      double c = count[n];
-      double cxy = sxy[n] - sx[n] * sy[n] / c;
-      double cxx = sxx[n] - sx[n] * sx[n] / c;
-      double cyy = syy[n] - sy[n] * sy[n] / c;
-      o[n] = emit(c, cxy, cxx, cyy, sxx[n], syy[n]);
+  double* __restrict sx = sx_v.data(); double* __restrict sy = sy_v.data();
+  double* __restrict sxx = sxx_v.data(); double* __restrict syy = syy_v.data();
+  double* __restrict sxy = sxy_v.data(); double* __restrict c = c_v.data();
+  const double* __restrict kx = kx_v.data(); const double* __restrict ky = ky_v.data();
+  const double mp = min_periods(w, true);
+  auto step = [&](const double* __restrict xr, const double* __restrict yr, double sign) {
+    for (size_t n = 0; n < N; ++n) {
+      // Computed first, then selected: the form that vectorises. A pair is missing when x + y is NaN.
+      double xv = xr[n], yv = yr[n];
+      double a = xv - kx[n], b = yv - ky[n];
+      a = __builtin_isnan(xv + yv) ? 0.0 : a;
+      b = __builtin_isnan(xv + yv) ? 0.0 : b;
+      double one = __builtin_isnan(xv + yv) ? 0.0 : sign;
+      sx[n] += sign * a; sy[n] += sign * b;
+      sxx[n] += sign * a * a; syy[n] += sign * b * b; sxy[n] += sign * a * b;
+      c[n] += one;
+    }
+  };
+  for (size_t t = 0; t < T; ++t) {
+    if (t >= size_t(w)) step(x + (t - w) * N, y + (t - w) * N, -1.0);
+    const double* __restrict xr = x + t * N;
+    const double* __restrict yr = y + t * N;
+    step(xr, yr, 1.0);
+    double* __restrict o = out + t * N;
+    for (size_t n = 0; n < N; ++n) {
+      // An empty window restarts from exact zeros.
+      double ax = sx[n], ay = sy[n], axx = sxx[n], ayy = syy[n], axy = sxy[n], cn = c[n];
+      ax = cn == 0.0 ? 0.0 : ax; ay = cn == 0.0 ? 0.0 : ay;
+      axx = cn == 0.0 ? 0.0 : axx; ayy = cn == 0.0 ? 0.0 : ayy; axy = cn == 0.0 ? 0.0 : axy;
+      sx[n] = ax; sy[n] = ay; sxx[n] = axx; syy[n] = ayy; sxy[n] = axy;
+      double cc = cn > 1.0 ? cn : 2.0;
+      double cxy = axy - ax * ay / cc;
+      double cxx = axx - ax * ax / cc;
+      double cyy = ayy - ay * ay / cc;
+      double v = emit(cc, cxy, cxx, cyy, axx, ayy);
+      v = c[n] < mp ? kNaN : v;
+      o[n] = __builtin_isnan(xr[n] + yr[n]) ? kNaN : v;
     }
   }
 }
 }  // namespace
 
 void ts_corr(const double* x, const double* y, double* out, size_t T, size_t N, int w) {
-  ts_pair(x, y, out, T, N, w, [](double c, double cxy, double cxx, double cyy, double sxx, double syy) {
-    if (cxx <= 1e-14 * sxx || cyy <= 1e-14 * syy || cxx <= 0.0 || cyy <= 0.0) return kNaN;
-    (void)c;
+  ts_pair(x, y, out, T, N, w, [](double, double cxy, double cxx, double cyy, double sxx, double syy) {
     double r = cxy / std::sqrt(cxx * cyy);
-    return std::clamp(r, -1.0, 1.0);
+    r = r > 1.0 ? 1.0 : (r < -1.0 ? -1.0 : r);
+    // A variance this small relative to the squared deviations is rounding residue of a constant window.
+    r = cxx > 1e-14 * sxx ? r : kNaN;
+    return cyy > 1e-14 * syy ? r : kNaN;
   });
 }
 
@@ -381,7 +426,14 @@ void unary(Unary op, const double* x, double* out, size_t n) {
       for (size_t i = 0; i < n; ++i) out[i] = ok(x[i]) ? double((x[i] > 0) - (x[i] < 0)) : kNaN;
       break;
     case Unary::slog:
-      for (size_t i = 0; i < n; ++i) out[i] = std::copysign(std::log1p(std::fabs(x[i])), x[i]);
+      // log1p(a) as log(u) - ((u - 1) - a) / u with u = 1 + a: the correction restores what rounding
+      // 1 + a lost, and plain log is much cheaper than log1p.
+      for (size_t i = 0; i < n; ++i) {
+        double a = std::fabs(x[i]), u = 1.0 + a;
+        bool exact = u == 1.0 || !(u < std::numeric_limits<double>::infinity());  // tiny, infinite, NaN
+        double l = exact ? a : std::log(u) - ((u - 1.0) - a) / u;
+        out[i] = std::copysign(l, x[i]);
+      }
       break;
     case Unary::ssqrt:
       for (size_t i = 0; i < n; ++i) out[i] = std::copysign(std::sqrt(std::fabs(x[i])), x[i]);
@@ -436,101 +488,126 @@ inline bool demean_and_scale(const double* src, double* o, size_t N) {
 }
 }  // namespace
 
-void book_weights(const double* signal, double* weights, size_t T, size_t N, Normalization norm,
-                  int decay, double truncation, int* scratch) {
+namespace {
+// The per-day normalisation of the book, when it is more than a positive per-day scale (rank) or when
+// days are blended (decay). Returns false when the book can come straight from the signal: "none",
+// "zscore" and "rescale" scale each day by a positive constant that demeaning and scaling to unit gross
+// remove again.
+bool normalise(const double* signal, std::vector<double>& panel, size_t T, size_t N, Normalization norm,
+               int decay, int* scratch) {
+  if (decay <= 1 && norm != Normalization::rank) return false;
   const size_t cells = T * N;
-  // Without decay, "none", "zscore" and "rescale" scale each day by a positive constant that demeaning and
-  // scaling to unit gross remove again, so the book comes straight from the signal in one fused pass.
-  const bool direct = decay <= 1 && norm != Normalization::rank;
-  if (!direct) {
-    switch (norm) {
-      case Normalization::none: std::copy(signal, signal + cells, weights); break;
-      case Normalization::rank: cs_rank(signal, weights, T, N, scratch); break;
-      case Normalization::zscore: cs_zscore(signal, weights, T, N); break;
-      case Normalization::rescale:
-        for (size_t t = 0; t < T; ++t) {
-          const double* row = signal + t * N;
-          double* o = weights + t * N;
-          double mx = 0.0;
-          for (size_t n = 0; n < N; ++n) if (ok(row[n])) mx = std::max(mx, std::fabs(row[n]));
-          for (size_t n = 0; n < N; ++n) o[n] = mx > 0.0 ? row[n] / mx : kNaN;
-        }
-        break;
-    }
-    if (decay > 1) {
-      std::vector<double> tmp(weights, weights + cells);
-      ts_decay_linear(tmp.data(), weights, T, N, decay, 1);
-    }
-  }
-  for (size_t t = 0; t < T; ++t) {
-    double* o = weights + t * N;
-    if (!demean_and_scale(direct ? signal + t * N : o, o, N)) continue;
-    double largest = 0.0;
-    for (size_t n = 0; n < N; ++n) largest = std::max(largest, std::fabs(o[n]));
-    if (truncation > 0.0 && largest > truncation) {
-      // Water-filling: weights above the cap are pinned to it and the rest re-scaled to fill the book,
-      // until no free weight exceeds the cap (at most N rounds, each pinning at least one weight).
-      char* pinned = reinterpret_cast<char*>(scratch);
-      std::fill(pinned, pinned + N, 0);
-      size_t npinned = 0;
-      for (size_t round = 0; round <= N; ++round) {
-        double free_gross = 0.0;
-        for (size_t n = 0; n < N; ++n) if (!pinned[n]) free_gross += std::fabs(o[n]);
-        double room = 1.0 - double(npinned) * truncation;
-        if (!(free_gross > 0.0) || room <= 0.0) break;
-        double scale = room / free_gross;
-        bool more = false;
-        for (size_t n = 0; n < N; ++n) {
-          if (!pinned[n] && std::fabs(o[n]) * scale > truncation) { pinned[n] = 1; ++npinned; more = true; }
-        }
-        if (!more) {
-          for (size_t n = 0; n < N; ++n) if (!pinned[n]) o[n] *= scale;
-          break;
-        }
-        for (size_t n = 0; n < N; ++n) if (pinned[n]) o[n] = std::copysign(truncation, o[n]);
+  panel.resize(cells);
+  double* weights = panel.data();
+  switch (norm) {
+    case Normalization::none: std::copy(signal, signal + cells, weights); break;
+    case Normalization::rank: cs_rank(signal, weights, T, N, scratch); break;
+    case Normalization::zscore: cs_zscore(signal, weights, T, N); break;
+    case Normalization::rescale:
+      for (size_t t = 0; t < T; ++t) {
+        const double* row = signal + t * N;
+        double* o = weights + t * N;
+        double mx = 0.0;
+        for (size_t n = 0; n < N; ++n) if (ok(row[n])) mx = std::max(mx, std::fabs(row[n]));
+        for (size_t n = 0; n < N; ++n) o[n] = mx > 0.0 ? row[n] / mx : kNaN;
       }
-      for (size_t n = 0; n < N; ++n) if (pinned[n]) o[n] = std::copysign(truncation, o[n]);
-    }
+      break;
   }
+  if (decay > 1) {
+    std::vector<double> tmp(panel);
+    ts_decay_linear(tmp.data(), weights, T, N, decay, 1);
+  }
+  return true;
 }
 
-namespace {
-template <bool HasFlag>
-void book_daily_rows(const double* weights, const double* fwd, const double* flag, size_t T, size_t N,
-                     DailySeries s) {
-  // Branch-free: every test is a select; the flag is a 0/1 multiplier.
-  for (size_t t = 0; t < T; ++t) {
-    const double* __restrict w = weights + t * N;
-    const double* __restrict r = fwd + t * N;
-    double pnl = 0.0, traded = 0.0, longs = 0.0, shorts = 0.0, net = 0.0, gross = 0.0, mx = 0.0;
-    double flagged = 0.0;
-    if (t) {
-      const double* __restrict prev = weights + (t - 1) * N;
-      for (size_t n = 0; n < N; ++n) traded += std::fabs(w[n] - prev[n]);
-    } else {
-      for (size_t n = 0; n < N; ++n) traded += std::fabs(w[n]);
-    }
+// One day of the book: demean, scale to unit gross, cap at `truncation` by water-filling (weights above
+// the cap are pinned to it and the rest re-scaled to fill the book, until no free weight exceeds it; at
+// most N rounds, each pinning at least one weight).
+void book_row(const double* src, double* o, size_t N, double truncation, char* pinned) {
+  if (!demean_and_scale(src, o, N)) return;
+  double largest = 0.0;
+  for (size_t n = 0; n < N; ++n) largest = std::max(largest, std::fabs(o[n]));
+  if (!(truncation > 0.0 && largest > truncation)) return;
+  std::fill(pinned, pinned + N, 0);
+  size_t npinned = 0;
+  for (size_t round = 0; round <= N; ++round) {
+    double free_gross = 0.0;
+    for (size_t n = 0; n < N; ++n) if (!pinned[n]) free_gross += std::fabs(o[n]);
+    double room = 1.0 - double(npinned) * truncation;
+    if (!(free_gross > 0.0) || room <= 0.0) break;
+    double scale = room / free_gross;
+    bool more = false;
     for (size_t n = 0; n < N; ++n) {
-      double v = w[n], a = std::fabs(v);
-      pnl += v * (r[n] == r[n] ? r[n] : 0.0);
-      longs += v > 0.0 ? 1.0 : 0.0;
-      shorts += v < 0.0 ? 1.0 : 0.0;
-      net += v;
-      gross += a;
-      mx = a > mx ? a : mx;
-      if constexpr (HasFlag) flagged += flag[t * N + n] * a;
+      if (!pinned[n] && std::fabs(o[n]) * scale > truncation) { pinned[n] = 1; ++npinned; more = true; }
     }
-    s.pnl[t] = pnl; s.traded[t] = traded; s.longs[t] = longs; s.shorts[t] = shorts;
-    s.net[t] = net; s.abs_sum[t] = gross; s.max_share[t] = gross > 0.0 ? mx / gross : 0.0;
-    s.held[t] = longs + shorts; s.flagged[t] = flagged;
+    if (!more) {
+      for (size_t n = 0; n < N; ++n) if (!pinned[n]) o[n] *= scale;
+      break;
+    }
+    for (size_t n = 0; n < N; ++n) if (pinned[n]) o[n] = std::copysign(truncation, o[n]);
   }
+  for (size_t n = 0; n < N; ++n) if (pinned[n]) o[n] = std::copysign(truncation, o[n]);
+}
+
+// One day of the daily series; `prev` is the previous day's book (null on the first day).
+template <bool HasFlag>
+void daily_row(const double* __restrict w, const double* __restrict prev, const double* __restrict r,
+               const double* __restrict f, size_t N, DailySeries& s, size_t t) {
+  double pnl = 0.0, traded = 0.0, longs = 0.0, shorts = 0.0, net = 0.0, gross = 0.0, mx = 0.0;
+  double flagged = 0.0;
+  if (prev) {
+    for (size_t n = 0; n < N; ++n) traded += std::fabs(w[n] - prev[n]);
+  } else {
+    for (size_t n = 0; n < N; ++n) traded += std::fabs(w[n]);
+  }
+  // Branch-free: every test is a select; the flag is a 0/1 multiplier.
+  for (size_t n = 0; n < N; ++n) {
+    double v = w[n], a = std::fabs(v);
+    pnl += v * (r[n] == r[n] ? r[n] : 0.0);
+    longs += v > 0.0 ? 1.0 : 0.0;
+    shorts += v < 0.0 ? 1.0 : 0.0;
+    net += v;
+    gross += a;
+    mx = a > mx ? a : mx;
+    if constexpr (HasFlag) flagged += f[n] * a;
+  }
+  s.pnl[t] = pnl; s.traded[t] = traded; s.longs[t] = longs; s.shorts[t] = shorts;
+  s.net[t] = net; s.abs_sum[t] = gross; s.max_share[t] = gross > 0.0 ? mx / gross : 0.0;
+  s.held[t] = longs + shorts; s.flagged[t] = flagged;
+}
+
+inline void daily(const double* w, const double* prev, const double* r, const double* f, size_t N,
+                  DailySeries& s, size_t t) {
+  if (f) daily_row<true>(w, prev, r, f, N, s, t);
+  else daily_row<false>(w, prev, r, nullptr, N, s, t);
 }
 }  // namespace
 
+void book_weights(const double* signal, double* weights, size_t T, size_t N, Normalization norm,
+                  int decay, double truncation, int* scratch) {
+  std::vector<double> panel;
+  const double* src = normalise(signal, panel, T, N, norm, decay, scratch) ? panel.data() : signal;
+  for (size_t t = 0; t < T; ++t)
+    book_row(src + t * N, weights + t * N, N, truncation, reinterpret_cast<char*>(scratch));
+}
+
 void book_daily(const double* weights, const double* fwd, const double* flag, size_t T, size_t N,
                 DailySeries s) {
-  if (flag) book_daily_rows<true>(weights, fwd, flag, T, N, s);
-  else book_daily_rows<false>(weights, fwd, nullptr, T, N, s);
+  for (size_t t = 0; t < T; ++t)
+    daily(weights + t * N, t ? weights + (t - 1) * N : nullptr, fwd + t * N, flag ? flag + t * N : nullptr,
+          N, s, t);
+}
+
+void book_series(const double* signal, const double* fwd, const double* flag, size_t T, size_t N,
+                 Normalization norm, int decay, double truncation, int* scratch, DailySeries s) {
+  std::vector<double> panel;
+  const double* src = normalise(signal, panel, T, N, norm, decay, scratch) ? panel.data() : signal;
+  std::vector<double> cur(N), prev(N);
+  for (size_t t = 0; t < T; ++t) {
+    book_row(src + t * N, cur.data(), N, truncation, reinterpret_cast<char*>(scratch));
+    daily(cur.data(), t ? prev.data() : nullptr, fwd + t * N, flag ? flag + t * N : nullptr, N, s, t);
+    std::swap(cur, prev);
+  }
 }
 
 }  // namespace quillmarsh::local

@@ -66,5 +66,8 @@ struct DailySeries {
 };
 void book_daily(const double* weights, const double* fwd_returns, const double* flag, size_t T, size_t N,
                 DailySeries s);
+// book_weights and book_daily in one pass over the days, without materialising the book.
+void book_series(const double* signal, const double* fwd_returns, const double* flag, size_t T, size_t N,
+                 Normalization norm, int decay, double truncation, int* scratch, DailySeries s);
 
 }  // namespace quillmarsh::local

@@ -128,3 +128,17 @@ def test_book_matches_a_direct_rendition(norm, truncation):
     s[4] = 7.0  # constant day: nothing to hold
     got = ev.book_weights(s, norm, 0, truncation)
     np.testing.assert_allclose(got, reference_book(s, norm, truncation), rtol=1e-9, atol=1e-12)
+
+
+@pytest.mark.parametrize("norm, decay", [("zscore", 0), ("rank", 0), ("none", 3)])
+def test_fused_series_equals_book_then_daily(norm, decay):
+    rng = np.random.default_rng(8)
+    s = rng.standard_normal((25, 30))
+    s[rng.random(s.shape) < 0.1] = np.nan
+    r = 0.01 * rng.standard_normal(s.shape)
+    r[rng.random(s.shape) < 0.05] = np.nan
+    flag = (rng.random(s.shape) < 0.3).astype(float)
+    fused = ev.book_series(s, r, norm, decay, 0.08, flag)
+    separate = ev.book_daily(ev.book_weights(s, norm, decay, 0.08), r, flag)
+    for a, b in zip(fused, separate):
+        np.testing.assert_array_equal(a, b)

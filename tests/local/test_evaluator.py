@@ -1,5 +1,6 @@
 """The evaluator over a small market: planted edges found, noise not, contract attributes, pool and vault."""
 import threading
+import warnings
 
 import numpy as np
 import pytest
@@ -39,6 +40,9 @@ def test_planted_signals_pass(evaluator, graph):
     stats = backtest(evaluator, graph(evaluator))
     assert stats.sharpe > THRESHOLDS["sharpe_min"]
     assert stats.passed and stats.is_pnl_mi > THRESHOLDS["mi_threshold"]
+    for rules in (stats.liquidity_metrics, stats.weight_quality_metrics, stats.custom_stats):
+        assert all(entry["passed"] for entry in rules.values()), rules
+    assert stats.turnover <= THRESHOLDS["turnover_max"] and stats.max_weight <= THRESHOLDS["max_weight_max"]
 
 
 def test_noise_features_do_not_pass(evaluator):
@@ -175,3 +179,22 @@ def test_era_object_mirrors_its_map():
     assert all({"name", "options", "default"} <= set(s) for s in era.transform_pipeline)
     with pytest.raises(ValueError):
         local_era_map(max_depth=0)
+
+
+def test_filtrations_reductions_and_groups(evaluator):
+    x = feat(evaluator, "ret_1")
+    raw = evaluator.evaluate_expression(x)
+    close = evaluator.market.fields["close"]
+    cheap = {"type": "filtration", "node": "keep_above_price", "children": [x, {"type": "float", "node": 20.0}]}
+    got = evaluator.evaluate_expression(cheap)
+    np.testing.assert_array_equal(np.isnan(got), np.isnan(raw) | ~(close >= 20.0))
+    mean = evaluator.evaluate_expression({"type": "reduction", "node": "cs_mean", "children": [x]})
+    with warnings.catch_warnings():
+        warnings.simplefilter("ignore", RuntimeWarning)  # days with no valid value
+        want = np.where(np.isnan(raw), np.nan, np.nanmean(raw, axis=1)[:, None])
+    np.testing.assert_allclose(mean, want, rtol=1e-12)
+    neutral = evaluator.evaluate_expression(rot("sector_neutralize", x))
+    for s in np.unique(evaluator.market.sector):
+        cols = evaluator.market.sector == s
+        sums = np.nansum(neutral[:, cols], axis=1)
+        np.testing.assert_allclose(sums, 0.0, atol=1e-12)

@@ -166,7 +166,11 @@ BINARY = {
 def test_unary_matches_numpy(op):
     x = panel(9)
     x[0, 0] = 0.0
-    assert_panel_equal(ev.unary(op, x), UNARY[op](x))
+    x[0, 1], x[0, 2] = np.inf, -np.inf
+    x[1, :] = [1e-300, -1e-18, 1e-8, 3e7, -1e200, 0.5, 2.0]
+    with np.errstate(all="ignore"):
+        want = UNARY[op](x)
+    assert_panel_equal(ev.unary(op, x), want)
 
 
 @pytest.mark.parametrize("op", sorted(BINARY))

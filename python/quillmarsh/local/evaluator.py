@@ -37,7 +37,7 @@ import numpy as np
 from . import _evaluator as _k
 from .era import LocalEraConfig, PNL_COLUMNS
 from .market import Market, load_market
-from .vocabulary import FUNCTIONS, FEATURE_RECIPES, FunctionSpec, build_vocabulary, feature_array, obfuscated_name
+from .vocabulary import FUNCTIONS, FEATURE_RECIPES, FunctionInfo, build_vocabulary, feature_array, obfuscated_name
 
 TRADING_DAYS = 252
 HALF_BOOK = 0.5
@@ -63,14 +63,14 @@ class LocalBacktestStats:
 class RegistryEntry:
     """Runtime metadata of one function; ``factory`` computes it on panels."""
 
-    def __init__(self, spec: FunctionSpec, factory):
-        self.function_type = spec.kind
-        self.family = spec.family
-        self.subfamily = spec.subfamily
-        self.param_schema = spec.param_schema()
-        self.stateful = spec.stateful
-        self.arity = len(spec.data_inputs)
-        self.engine_only = spec.engine_only
+    def __init__(self, info: FunctionInfo, factory):
+        self.function_type = info.kind
+        self.family = info.family
+        self.subfamily = info.subfamily
+        self.param_schema = info.param_schema()
+        self.stateful = info.stateful
+        self.arity = len(info.data_inputs)
+        self.engine_only = info.engine_only
         self.factory = factory
         self.module_path = __name__
         self.class_name = "LocalEvaluator"
@@ -78,7 +78,7 @@ class RegistryEntry:
 
 class FunctionRegistry:
     def __init__(self, evaluator):
-        self._entries = {name: RegistryEntry(spec, _Factory(evaluator, spec)) for name, spec in FUNCTIONS.items()}
+        self._entries = {name: RegistryEntry(info, _Factory(evaluator, info)) for name, info in FUNCTIONS.items()}
 
     def has(self, name) -> bool:
         return name in self._entries
@@ -94,11 +94,11 @@ class FunctionRegistry:
 
 
 class _Factory:
-    def __init__(self, evaluator, spec):
-        self._evaluator, self._spec = evaluator, spec
+    def __init__(self, evaluator, info):
+        self._evaluator, self._info = evaluator, info
 
     def __call__(self, *inputs, **config):
-        return self._evaluator._apply(self._spec, list(inputs), config)
+        return self._evaluator._apply(self._info, list(inputs), config)
 
 
 def _sharpe(p: np.ndarray) -> float:
@@ -241,23 +241,23 @@ class LocalEvaluator:
         if typ not in _FUNCTION_TYPES:
             raise ValueError(f"unknown node type {typ!r}")
         name = node.get("node")
-        spec = FUNCTIONS.get(name)
-        if spec is None:
+        info = FUNCTIONS.get(name)
+        if info is None:
             raise ValueError(f"unknown function {name!r}")
-        if spec.kind != typ:
-            raise ValueError(f"function {name!r} is a {spec.kind}, not a {typ}")
+        if info.kind != typ:
+            raise ValueError(f"function {name!r} is a {info.kind}, not a {typ}")
         children = node.get("children") or []
         if not isinstance(children, list):
             raise ValueError(f"children of {name!r} must be a list")
-        n_data = len(spec.data_inputs)
+        n_data = len(info.data_inputs)
         data, configs = children[:n_data], children[n_data:]
         if len(data) < n_data or any(c.get("type") in _CONFIG_TYPES for c in data):
             raise ValueError(f"{name!r} takes {n_data} data input(s) before its configuration values")
-        if len(configs) > len(spec.config):
-            raise ValueError(f"{name!r} takes at most {len(spec.config)} configuration value(s), "
+        if len(configs) > len(info.config):
+            raise ValueError(f"{name!r} takes at most {len(info.config)} configuration value(s), "
                              f"got {len(configs)}")
         config = {}
-        for leaf, (pname, ptype, _default, lo, hi) in zip(configs, spec.config):
+        for leaf, (pname, ptype, _default, lo, hi) in zip(configs, info.config):
             value = leaf.get("node")
             want = _CONFIG_TYPES.get(leaf.get("type"))
             if leaf.get("type") != ptype or isinstance(value, bool) != (ptype == "bool") or not isinstance(value, want):
@@ -266,14 +266,14 @@ class LocalEvaluator:
             if lo is not None and not lo <= value <= hi:
                 raise ValueError(f"{name!r}: {pname}={value!r} outside [{lo}, {hi}]")
             config[pname] = value
-        return self._apply(spec, [self._eval(c) for c in data], config)
+        return self._apply(info, [self._eval(c) for c in data], config)
 
-    def _apply(self, spec: FunctionSpec, inputs: list, config: dict) -> np.ndarray:
+    def _apply(self, info: FunctionInfo, inputs: list, config: dict) -> np.ndarray:
         """Compute one function on its input panels, configuration values defaulting to the declared ones."""
-        if len(inputs) != len(spec.data_inputs):
-            raise ValueError(f"{spec.name!r} takes {len(spec.data_inputs)} input(s), got {len(inputs)}")
-        params = {p[0]: config.get(p[0], p[2]) for p in spec.config}
-        kind, op = spec.op.split(":")
+        if len(inputs) != len(info.data_inputs):
+            raise ValueError(f"{info.name!r} takes {len(info.data_inputs)} input(s), got {len(inputs)}")
+        params = {p[0]: config.get(p[0], p[2]) for p in info.config}
+        kind, op = info.op.split(":")
         if kind == "ts":
             return _k.ts(op, inputs[0], int(params.get("window", params.get("lag"))))
         if kind == "ts2":
@@ -302,7 +302,7 @@ class LocalEvaluator:
             with np.errstate(all="ignore"), _quiet_nan_warnings():
                 agg = {"mean": np.nanmean, "median": np.nanmedian, "std": np.nanstd}[op](x, axis=1)
             return np.where(np.isnan(x), np.nan, agg[:, None])
-        raise ValueError(f"function {spec.name!r} has no implementation")  # pragma: no cover
+        raise ValueError(f"function {info.name!r} has no implementation")  # pragma: no cover
 
     def _liquidity_rank(self) -> np.ndarray:
         rank = self._features.get("__liquidity_rank")
@@ -363,9 +363,9 @@ class LocalEvaluator:
     def pnl_series(self, signal: np.ndarray, metaparameters=None, transform_pipeline=None) -> dict:
         """Book and daily series of a raw signal, in-sample and held out."""
         meta = self._metaparameters(metaparameters, transform_pipeline)
-        weights = _k.book_weights(signal, str(meta["normalization"]), meta["decay"], meta["truncation"])
-        pnl, traded, longs, shorts, net, abs_sum, max_share, held, illiquid = _k.book_daily(
-            weights, self._fwd, self._illiquid_flag())
+        pnl, traded, longs, shorts, net, abs_sum, max_share, held, illiquid = _k.book_series(
+            signal, self._fwd, str(meta["normalization"]), meta["decay"], meta["truncation"],
+            self._illiquid_flag())
         return {"gross_returns": pnl, "net_returns": pnl - self.cost * traded,
                 "traded": traded, "longs": longs, "shorts": shorts, "net": net, "abs_sum": abs_sum,
                 "max_share": max_share, "held": held, "illiquid": illiquid, "meta": meta}
@@ -439,8 +439,9 @@ class LocalEvaluator:
             abs_weight_sum_mean=float(abs_sum.mean()),
             quality_score=primary["quality_score"], per_column_stats=per_column,
             correlation=correlation, is_correlation=correlation, is_pnl_mi=is_pnl_mi,
-            liquidity_metrics={"illiquid_weight_share": {"value": illiquid_share, "max": 0.2,
-                                                         "passed": illiquid_share <= 0.2}},
+            # An even book holds about a fifth of its weight in the least liquid fifth of the names.
+            liquidity_metrics={"illiquid_weight_share": {"value": illiquid_share, "max": 0.3,
+                                                         "passed": illiquid_share <= 0.3}},
             weight_quality_metrics={"coverage": {"value": coverage, "min": 0.3,
                                                  "passed": coverage is not None and coverage >= 0.3}},
             custom_stats={"positive_year_fraction": {"value": stability, "min": 0.5,

@@ -20,7 +20,7 @@ from .market import N_ALT_FIELDS, Market
 
 
 @dataclass(frozen=True)
-class FunctionSpec:
+class FunctionInfo:
     """One function of the evaluator: its kind, family, data inputs and configuration parameters."""
 
     name: str
@@ -48,44 +48,44 @@ class FunctionSpec:
         return e
 
 
-def _function_specs() -> list:
-    specs = []
+def _function_table() -> list:
+    infos = []
     ts_groups = [("mean", "smoothing"), ("sum", "smoothing"), ("decay_linear", "smoothing"),
                  ("std", "dispersion"), ("zscore", "dispersion"), ("min", "extremes"),
                  ("max", "extremes"), ("rank", "order")]
     for op, sub in ts_groups:
         for w in (5, 20, 60):
-            specs.append(FunctionSpec(f"ts_{op}_{w}", "rotation", "time_series", sub, f"ts:{op}",
+            infos.append(FunctionInfo(f"ts_{op}_{w}", "rotation", "time_series", sub, f"ts:{op}",
                                       config=(("window", "int", w, 2, 252),), stateful=True))
     for op, lags in (("delta", (1, 5, 20)), ("delay", (1, 5))):
         for d in lags:
-            specs.append(FunctionSpec(f"ts_{op}_{d}", "rotation", "time_series", "difference", f"ts:{op}",
+            infos.append(FunctionInfo(f"ts_{op}_{d}", "rotation", "time_series", "difference", f"ts:{op}",
                                       config=(("lag", "int", d, 1, 252),), stateful=True))
     for op, windows in (("corr", (10, 20, 60)), ("cov", (20, 60))):
         for w in windows:
-            specs.append(FunctionSpec(f"ts_{op}_{w}", "rotation", "time_series", "dependence", f"ts2:{op}",
+            infos.append(FunctionInfo(f"ts_{op}_{w}", "rotation", "time_series", "dependence", f"ts2:{op}",
                                       data_inputs=("x", "y"), config=(("window", "int", w, 3, 252),),
                                       stateful=True))
     for op in ("rank", "zscore", "demean", "scale"):
-        specs.append(FunctionSpec(f"cs_{op}", "rotation", "cross_sectional", "normalization", f"cs:{op}"))
+        infos.append(FunctionInfo(f"cs_{op}", "rotation", "cross_sectional", "normalization", f"cs:{op}"))
     for op in ("neg", "abs", "sign", "slog", "ssqrt", "square", "inverse"):
-        specs.append(FunctionSpec(op, "rotation", "arithmetic", "unary", f"unary:{op}"))
+        infos.append(FunctionInfo(op, "rotation", "arithmetic", "unary", f"unary:{op}"))
     for op in ("add", "sub", "mul", "div", "min", "max"):
-        specs.append(FunctionSpec(f"{op}2" if op in ("min", "max") else op, "rotation", "arithmetic",
+        infos.append(FunctionInfo(f"{op}2" if op in ("min", "max") else op, "rotation", "arithmetic",
                                   "binary", f"binary:{op}", data_inputs=("x", "y")))
-    specs.append(FunctionSpec("sector_neutralize", "rotation", "cross_sectional", "group",
+    infos.append(FunctionInfo("sector_neutralize", "rotation", "cross_sectional", "group",
                               "group:demean", engine_only=True))
-    specs.append(FunctionSpec("keep_liquid", "filtration", "universe", None, "filter:liquid",
+    infos.append(FunctionInfo("keep_liquid", "filtration", "universe", None, "filter:liquid",
                               config=(("quantile", "float", 0.5, 0.0, 0.95),)))
-    specs.append(FunctionSpec("keep_above_price", "filtration", "universe", None, "filter:price",
+    infos.append(FunctionInfo("keep_above_price", "filtration", "universe", None, "filter:price",
                               config=(("min_price", "float", 5.0, 0.0, 1000.0),)))
-    specs.append(FunctionSpec("cs_mean", "reduction", "aggregate", "location", "reduce:mean"))
-    specs.append(FunctionSpec("cs_median", "reduction", "aggregate", "location", "reduce:median"))
-    specs.append(FunctionSpec("cs_std", "reduction", "aggregate", "dispersion", "reduce:std"))
-    return specs
+    infos.append(FunctionInfo("cs_mean", "reduction", "aggregate", "location", "reduce:mean"))
+    infos.append(FunctionInfo("cs_median", "reduction", "aggregate", "location", "reduce:median"))
+    infos.append(FunctionInfo("cs_std", "reduction", "aggregate", "dispersion", "reduce:std"))
+    return infos
 
 
-FUNCTIONS = {s.name: s for s in _function_specs()}
+FUNCTIONS = {s.name: s for s in _function_table()}
 
 
 def _ret(m: Market, k: int) -> np.ndarray:
@@ -177,8 +177,8 @@ def build_vocabulary(market: Market, seed: int) -> Vocabulary:
     """The canonical nested vocabulary, with statistics and hashes computed from the market's data."""
     rotations, filtrations, reductions = {}, {}, {}
     groups = {"rotation": rotations, "filtration": filtrations, "reduction": reductions}
-    for spec in FUNCTIONS.values():
-        groups[spec.kind].setdefault(spec.family, []).append(spec.entry())
+    for info in FUNCTIONS.values():
+        groups[info.kind].setdefault(info.family, []).append(info.entry())
     features = {}
     mapping = {}
     for canonical, (family, subfamily, _) in FEATURE_RECIPES.items():
