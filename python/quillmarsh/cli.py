@@ -148,10 +148,11 @@ def outcome_counts(conn, since: float) -> list:
 
 
 def best_signals(conn, since: float, limit: int = BEST_SIGNALS) -> list:
-    """The passed evaluations since `since` with the highest Sharpe: (graph, metrics)."""
+    """The distinct expressions that passed since `since`, highest Sharpe first: (graph, metrics)."""
     rows = conn.execute(
-        "SELECT graph_json, sharpe, returns, turnover, quality_score, is_pnl_mi FROM signal_evaluations "
-        "WHERE passed = 1 AND created_at >= ? ORDER BY sharpe DESC LIMIT ?", (since, limit)).fetchall()
+        "SELECT graph_json, MAX(sharpe), returns, turnover, quality_score, is_pnl_mi FROM signal_evaluations "
+        "WHERE passed = 1 AND created_at >= ? GROUP BY graph_json ORDER BY 2 DESC LIMIT ?",
+        (since, limit)).fetchall()
     return [(json.loads(g), dict(sharpe=s, returns=r, turnover=t, fitness=q, is_pnl_mi=mi))
             for g, s, r, t, q, mi in rows]
 
@@ -204,7 +205,8 @@ def summarise(conn, since: float, evaluator, plot_path: Path, out) -> dict:
 
 # ----- commands -----------------------------------------------------------------------------------------
 
-def run_demo(args, out=sys.stdout) -> dict:
+def run_demo(args, out=None) -> dict:
+    out = out or sys.stdout
     from quillmarsh.local import platform
 
     print("Setting up the local platform ...", file=out, flush=True)
@@ -234,7 +236,8 @@ def _runtime(data_dir):
     return local, st
 
 
-def run_status(args, out=sys.stdout) -> None:
+def run_status(args, out=None) -> None:
+    out = out or sys.stdout
     local, st = _runtime(args.data_dir)
     runtime = st._library_runtime
     conn = runtime.search_tracker._conn
@@ -247,13 +250,15 @@ def run_status(args, out=sys.stdout) -> None:
     print(_table(rows, ["", "value"]), file=out)
 
 
-def run_db_info(args, out=sys.stdout) -> None:
+def run_db_info(args, out=None) -> None:
+    out = out or sys.stdout
     _local, st = _runtime(args.data_dir)
     info = st._library_runtime.search_tracker.get_db_info()
     print(json.dumps(info, indent=2, sort_keys=True, default=str), file=out)
 
 
-def run_analyze(args, out=sys.stdout) -> None:
+def run_analyze(args, out=None) -> None:
+    out = out or sys.stdout
     local, st = _runtime(args.data_dir)
     runtime = st._library_runtime
     era = runtime.search_era_config

@@ -70,20 +70,22 @@ def store(tmp_path):
     conn.execute("CREATE TABLE signal_evaluations (graph_json TEXT, passed INTEGER, rejection_reason TEXT, "
                  "sharpe REAL, returns REAL, turnover REAL, quality_score REAL, is_pnl_mi REAL, created_at REAL)")
     rows = [(None, 1, None, 2.0, 0.1, 0.2, 1.5, 0.4, 10.0), (None, 1, None, 3.0, 0.2, 0.3, 2.0, 0.5, 10.0),
+            (None, 1, None, 2.5, 0.2, 0.3, 2.0, 0.5, 10.0),
             (None, 0, "turnover_exceeded", 0.5, 0, 0, 0, None, 10.0),
             (None, 0, "turnover_exceeded", 0.5, 0, 0, 0, None, 10.0),
             (None, 1, None, 9.0, 0, 0, 0, None, 1.0)]  # before the search began
-    graph = json.dumps({"type": "rotation", "node": "cs_rank", "children": [{"type": "feature", "node": "f"}]})
+    graphs = [json.dumps({"type": "rotation", "node": "cs_rank", "children": [{"type": "feature", "node": f}]})
+              for f in ("a", "b", "b", "c", "c", "d")]
     conn.executemany("INSERT INTO signal_evaluations VALUES (?,?,?,?,?,?,?,?,?)",
-                     [(graph,) + r[1:] for r in rows])
+                     [(g,) + r[1:] for g, r in zip(graphs, rows)])
     return conn
 
 
 def test_outcomes_and_best_signals_come_from_this_run_only(store):
     assert cli.outcome_counts(store, 5.0) == [("passed", 2), ("turnover_exceeded", 2)]
     best = cli.best_signals(store, 5.0)
-    assert [m["sharpe"] for _, m in best] == [3.0, 2.0]
-    assert best[0][1]["fitness"] == 2.0 and best[0][0]["node"] == "cs_rank"
+    assert [(g["children"][0]["node"], m["sharpe"]) for g, m in best] == [("b", 3.0), ("a", 2.0)]
+    assert best[0][1]["fitness"] == 2.0
 
 
 @pytest.fixture
