@@ -103,17 +103,18 @@ def _number(value, digits=3) -> str:
 
 # ----- progress -----------------------------------------------------------------------------------------
 
-def _progress_text(status) -> str:
+def _progress_text(status, found: int) -> str:
     rate = status.total_evaluated / status.elapsed_seconds if status.elapsed_seconds > 0 else 0.0
-    text = (f"evaluated {status.total_evaluated}  found {status.total_found}  {rate:.1f} eval/s  "
+    text = (f"evaluated {status.total_evaluated}  found {found}  {rate:.1f} eval/s  "
             f"elapsed {status.elapsed_seconds:.0f}s  memory {status.memory_usage_mb:.0f} MB  "
             f"errors {len(status.errors)}")
     return text
 
 
-def _watch(handle, seconds: float, out) -> object:
+def _watch(handle, seconds: float, found, out) -> object:
     """Follow the search for `seconds`, refreshing a live line on a terminal and printing plain lines
-    otherwise; returns the last status."""
+    otherwise; returns the last status. `found()` counts the signals that passed so far: the handle's own
+    `total_found` counts only submissions the service has acknowledged."""
     deadline = time.monotonic() + seconds
     status = handle.status()
     if out.isatty():
@@ -121,20 +122,20 @@ def _watch(handle, seconds: float, out) -> object:
         from rich.live import Live
         from rich.text import Text
 
-        with Live(Text(_progress_text(status)), console=Console(file=out), refresh_per_second=4) as live:
+        with Live(Text(_progress_text(status, found())), console=Console(file=out), refresh_per_second=4) as live:
             while time.monotonic() < deadline and status.running:
                 time.sleep(min(PROGRESS_INTERVAL, max(0.0, deadline - time.monotonic())))
                 status = handle.status()
-                live.update(Text(_progress_text(status)))
+                live.update(Text(_progress_text(status, found())))
         return status
     next_line = 0.0
     while time.monotonic() < deadline and status.running:
         if time.monotonic() >= next_line:
-            print(_progress_text(status), file=out, flush=True)
+            print(_progress_text(status, found()), file=out, flush=True)
             next_line = time.monotonic() + PLAIN_PROGRESS_INTERVAL
         time.sleep(min(PROGRESS_INTERVAL, max(0.0, deadline - time.monotonic())))
         status = handle.status()
-    print(_progress_text(status), file=out, flush=True)
+    print(_progress_text(status, found()), file=out, flush=True)
     return status
 
 
@@ -205,6 +206,13 @@ def summarise(conn, since: float, evaluator, plot_path: Path, out) -> dict:
 
 # ----- commands -----------------------------------------------------------------------------------------
 
+def _open_store(data_dir: Path):
+    import sqlite3
+    from quillmarsh.search_tracking import DB_FILE_NAME
+
+    return sqlite3.connect(f"file:{data_dir / DB_FILE_NAME}?mode=ro", uri=True, timeout=10.0)
+
+
 def run_demo(args, out=None) -> dict:
     out = out or sys.stdout
     from quillmarsh.local import platform
@@ -216,14 +224,17 @@ def run_demo(args, out=None) -> dict:
     print(f"Data directory {local.data_dir}; universe {local.universe_id}, era {local.era['era_id']}; "
           f"searching for {args.minutes:g} min with {args.jobs} job(s).", file=out, flush=True)
     started = time.time()
+    # A reader of its own: the store's connection belongs to the search's threads.
+    conn = _open_store(local.data_dir)
+    found = lambda: conn.execute(  # noqa: E731
+        "SELECT COUNT(*) FROM signal_evaluations WHERE passed = 1 AND created_at >= ?", (started,)).fetchone()[0]
     handle = st.search(st.random_weighted, n_jobs=args.jobs)
     try:
-        status = _watch(handle, args.minutes * 60.0, out)
+        status = _watch(handle, args.minutes * 60.0, found, out)
     finally:
         handle.stop()
     if status.error_code:
         print(f"The search stopped: {status.error_code}: {status.recovery_advice}", file=out)
-    conn = st._library_runtime.search_tracker._conn
     plot_path = Path(args.plot) if args.plot else local.data_dir / "best_signals.png"
     return summarise(conn, started, local.evaluator, plot_path, out)
 
@@ -239,8 +250,7 @@ def _runtime(data_dir):
 def run_status(args, out=None) -> None:
     out = out or sys.stdout
     local, st = _runtime(args.data_dir)
-    runtime = st._library_runtime
-    conn = runtime.search_tracker._conn
+    conn = _open_store(local.data_dir)
     counts = dict(conn.execute("SELECT 'evaluated', COUNT(*) FROM signal_evaluations UNION ALL "
                                "SELECT 'passed', COUNT(*) FROM signal_evaluations WHERE passed = 1 UNION ALL "
                                "SELECT 'queued', COUNT(*) FROM submission_queue UNION ALL "

@@ -82,7 +82,7 @@ def store(tmp_path):
 
 
 def test_outcomes_and_best_signals_come_from_this_run_only(store):
-    assert cli.outcome_counts(store, 5.0) == [("passed", 2), ("turnover_exceeded", 2)]
+    assert cli.outcome_counts(store, 5.0) == [("passed", 3), ("turnover_exceeded", 2)]
     best = cli.best_signals(store, 5.0)
     assert [(g["children"][0]["node"], m["sharpe"]) for g, m in best] == [("b", 3.0), ("a", 2.0)]
     assert best[0][1]["fitness"] == 2.0
