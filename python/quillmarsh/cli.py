@@ -276,9 +276,34 @@ def run_analyze(args, out=None) -> None:
     ctx = st.SearchContext(vocab, local.universe_id, {}, getattr(era, "max_depth", 4), runtime.search_tracker,
                            runtime.sync_manager, runtime.evaluator, None, era)
     report = st.analyze_random_weighted(ctx)
-    rows = [(key, value if not isinstance(value, (list, dict)) else json.dumps(value, default=str)[:100])
-            for key, value in report.items()]
-    print(_table(rows, ["", "value"]), file=out)
+    print(render_report(report), file=out)
+
+
+def _weight_rows(weights: dict, limit: int):
+    ranked = sorted(weights.items(), key=lambda kv: -(kv[1].get("warm_weight") or 0.0))[:limit]
+    return [(name, _number(w.get("warm_weight"), 4), _number(w.get("cold_weight"), 4), _number(w.get("yield_rate")),
+             w.get("evaluation_count", 0), w.get("function_family") or w.get("feature_family") or "-")
+            for name, w in ranked]
+
+
+def render_report(report: dict, limit: int = 15) -> str:
+    """random_weighted's report as tables: its scalars, the heaviest functions and features, the exclusions."""
+    scalars = [(k, v) for k, v in report.items() if not isinstance(v, (dict, list))]
+    parts = [_table(scalars, ["", "value"])] if scalars else []
+    headers = ["name", "weight", "cold weight", "yield rate", "evaluations", "family"]
+    for key, title in (("function_weights", "functions"), ("feature_weights", "features")):
+        weights = report.get(key) or {}
+        if weights:
+            parts.append(f"{title} ({len(weights)}, heaviest {min(limit, len(weights))}):\n"
+                         + _table(_weight_rows(weights, limit), headers))
+    unsafe = report.get("unsafe_functions") or {}
+    if unsafe:
+        parts.append(f"functions random_weighted will not use ({len(unsafe)}):\n"
+                     + _table(sorted(unsafe.items()), ["name", "reason"]))
+    for key, value in report.items():
+        if key not in ("function_weights", "feature_weights", "unsafe_functions") and isinstance(value, (dict, list)):
+            parts.append(f"{key}: {json.dumps(value, default=str, sort_keys=True)}")
+    return "\n\n".join(parts)
 
 
 COMMANDS = {"demo": run_demo, "status": run_status, "db-info": run_db_info, "analyze": run_analyze}

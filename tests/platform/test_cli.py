@@ -114,3 +114,17 @@ def test_demo_runs_a_short_search_on_a_small_market(tmp_path, capsys, restore_on
         "SELECT COUNT(*) FROM signal_evaluations").fetchone()[0]
     assert evaluated > 0
     assert (data_dir / "best_signals.png").read_bytes()[:8] == b"\x89PNG\r\n\x1a\n"
+
+
+def test_the_report_renders_as_tables():
+    report = {"analytics_rows_seen": 3,
+              "function_weights": {"a": {"warm_weight": 0.2, "cold_weight": 0.5, "yield_rate": 0.1,
+                                         "evaluation_count": 4, "function_family": "ts"},
+                                   "b": {"warm_weight": 0.8, "cold_weight": 0.5, "yield_rate": 0.3,
+                                         "evaluation_count": 9, "function_family": "cs"}},
+              "feature_weights": {}, "unsafe_functions": {"z": "engine_only runtime transform"}}
+    text = cli.render_report(report)
+    lines = text.splitlines()
+    assert lines[2].split() == ["analytics_rows_seen", "3"]
+    assert text.index("b       0.8000") < text.index("a       0.2000")  # heaviest first
+    assert "z     engine_only runtime transform" in text and "features" not in text
