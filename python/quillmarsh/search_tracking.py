@@ -187,6 +187,8 @@ def _ensure_submission_sim_parent(conn, sim_id, era_id) -> None:
 
 
 def _finite_or_none(value):
+    if type(value) is float:  # the common case, without the conversions below
+        return value if math.isfinite(value) else None
     if isinstance(value, bool) or not isinstance(value, (int, float)):
         return None
     try:
@@ -202,8 +204,8 @@ def _new_eval_id() -> str:
     return "%016x%s" % (time.time_ns(), os.urandom(8).hex())
 
 
-def _json(value) -> str:
-    return json.dumps(value, sort_keys=True, default=str)
+# One encoder for every write: json.dumps with options builds a new encoder on each call.
+_json = json.JSONEncoder(sort_keys=True, default=str).encode
 
 
 def _graph_names(graph) -> tuple[list, list]:

@@ -1,5 +1,8 @@
 #include "common/py_helpers.hpp"
 
+#include <string>
+#include <unordered_map>
+
 namespace quillmarsh::st {
 
 namespace {
@@ -19,8 +22,9 @@ py::module_ module() {
 
 py::object module_attr(const char* name) {
     PyObject* dict = PyModule_GetDict(module().ptr());  // borrowed
-    PyObject* value = PyDict_GetItemString(dict, name);  // borrowed, no error set
+    PyObject* value = PyDict_GetItemWithError(dict, cached_name(name));  // borrowed
     if (value == nullptr) {
+        if (PyErr_Occurred()) throw py::error_already_set();
         PyErr_Format(PyExc_AttributeError, "module 'quillmarsh.search_templates' has no attribute '%s'", name);
         throw py::error_already_set();
     }
@@ -28,7 +32,8 @@ py::object module_attr(const char* name) {
 }
 
 py::object module_attr_or_none(const char* name) {
-    PyObject* value = PyDict_GetItemString(PyModule_GetDict(module().ptr()), name);
+    PyObject* value = PyDict_GetItemWithError(PyModule_GetDict(module().ptr()), cached_name(name));
+    if (value == nullptr && PyErr_Occurred()) throw py::error_already_set();
     return value ? py::reinterpret_borrow<py::object>(value) : py::none();
 }
 
@@ -51,7 +56,7 @@ py::object attr_or(py::handle obj, py::handle name, py::object dflt) {
 }
 
 py::object attr_or(py::handle obj, const char* name, py::object dflt) {
-    return attr_or(obj, py::str(name), std::move(dflt));
+    return attr_or(obj, py::handle(cached_name(name)), std::move(dflt));
 }
 
 py::object key_or_attr(py::handle obj, py::handle name, py::object dflt) {
@@ -69,7 +74,25 @@ py::object key_or_attr(py::handle obj, py::handle name, py::object dflt) {
 }
 
 py::object key_or_attr(py::handle obj, const char* name, py::object dflt) {
-    return key_or_attr(obj, py::str(name), std::move(dflt));
+    return key_or_attr(obj, py::handle(cached_name(name)), std::move(dflt));
+}
+
+PyObject* cached_name(const char* name) {
+    // Keyed by content, not by pointer: callers may pass the buffer of a temporary string. Only
+    // touched with the GIL held, which serialises every use of the map.
+    static auto* names = new std::unordered_map<std::string, PyObject*>();
+    auto it = names->find(name);
+    if (it != names->end()) return it->second;
+    PyObject* s = intern_name(name);
+    if (names->size() < 4096) {
+        names->emplace(name, s);
+        return s;
+    }
+    // Past the bound (names that callers made up at run time) the str lives until the next such call,
+    // which is long enough for the lookup it was made for.
+    static PyObject* overflow = nullptr;
+    Py_XSETREF(overflow, s);
+    return s;
 }
 
 PyObject* intern_name(const char* literal) {

@@ -16,6 +16,7 @@
 #include <pybind11/pybind11.h>
 
 #include <string>
+#include <type_traits>
 #include <string_view>
 #include <utility>
 
@@ -44,6 +45,9 @@ py::object key_or_attr(py::handle obj, const char* name, py::object dflt = py::n
 py::object attr_or(py::handle obj, py::handle name, py::object dflt = py::none());
 py::object key_or_attr(py::handle obj, py::handle name, py::object dflt = py::none());
 
+// The interned str of `name`, made once per distinct name for the process (a borrowed reference). The
+// helpers that take a `const char*` name go through it, so a hot path pays no str construction.
+PyObject* cached_name(const char* name);
 // An interned str made once for the process; ST_NAME("x") gives each call site its own.
 PyObject* intern_name(const char* literal);
 #define ST_NAME(literal)                                                                  \
@@ -51,6 +55,22 @@ PyObject* intern_name(const char* literal);
         static PyObject* const interned_ = ::quillmarsh::st::intern_name(literal);       \
         return interned_;                                                                 \
     }())
+// d[key] = value for a dict, and d.get(key) for a dict (None for anything else), the key made once per
+// process.
+inline void dict_set(py::handle d, const char* key, py::handle value) {
+    if (PyDict_SetItem(d.ptr(), cached_name(key), value.ptr()) < 0) throw py::error_already_set();
+}
+template <typename T>
+    requires(!std::is_base_of_v<py::handle, std::decay_t<T>>)
+void dict_set(py::handle d, const char* key, T&& value) {
+    dict_set(d, key, py::handle(py::cast(std::forward<T>(value))));
+}
+inline py::object dict_get(py::handle d, const char* key) {
+    if (!PyDict_Check(d.ptr())) return py::none();
+    PyObject* v = PyDict_GetItemWithError(d.ptr(), cached_name(key));
+    if (v == nullptr && PyErr_Occurred()) throw py::error_already_set();
+    return v ? py::reinterpret_borrow<py::object>(v) : py::object(py::none());
+}
 // The attribute when it exists and is callable, else None.
 py::object callable_attr(py::handle obj, const char* name);
 

@@ -50,12 +50,14 @@ bool is_function_node_type(py::handle type) {
 bool names_known_function(py::handle vocabulary, py::handle graph) {
     py::object functions = py::reinterpret_borrow<py::object>(vocabulary).attr("get")("functions", py::list());
     if (!truthy(functions)) return true;
-    py::list names;
-    for (auto entry : functions) names.append(entry[py::str("name")]);
     py::object node = py::reinterpret_borrow<py::object>(graph).attr("get")("node", py::str(""));
-    int found = PySequence_Contains(names.ptr(), node.ptr());
-    if (found < 0) throw py::error_already_set();
-    return found == 1;
+    // Every entry's name is read (one without a name raises) and compared with ==, as `in` would.
+    bool found = false;
+    for (auto entry : functions) {
+        py::object name = entry[py::handle(cached_name("name"))];
+        if (!found) found = py_equal(name, node);
+    }
+    return found;
 }
 
 py::object non_empty_or_none(const py::dict& d) { return d.empty() ? py::object(py::none()) : py::object(d); }
@@ -104,9 +106,9 @@ py::object SearchContext::evaluate(py::object expr_graph) {
     std::optional<std::string> timing_rejection;
     if (greater(elapsed, limit)) {
         py::dict extra;
-        extra["elapsed"] = elapsed;
-        extra["threshold"] = limit;
-        extra["rejection_reason"] = "expression_too_slow";
+        dict_set(extra, "elapsed", elapsed);
+        dict_set(extra, "threshold", limit);
+        dict_set(extra, "rejection_reason", "expression_too_slow");
         log_with_extra(LogLevel::Warning, "Expression rejected: timing breach", extra);
         timing_rejection = "expression_too_slow";
     }
@@ -125,8 +127,8 @@ py::object SearchContext::evaluate(py::object expr_graph) {
     if (bt_stats.is_none()) {
         py::dict metrics;
         if (backtest_failure) {
-            metrics["failure_reason"] = *backtest_failure;
-            metrics["failure_detail"] = *backtest_failure;
+            dict_set(metrics, "failure_reason", *backtest_failure);
+            dict_set(metrics, "failure_detail", *backtest_failure);
         }
         record(py::str(backtest_failure.value_or("backtester_unavailable")), none, none, elapsed, metrics);
         return none;
@@ -145,8 +147,8 @@ py::object SearchContext::evaluate(py::object expr_graph) {
 
     // Rejections, in order.
     if (timing_rejection) {
-        if (metrics["failure_reason"].is_none()) metrics["failure_reason"] = *timing_rejection;
-        if (metrics["failure_detail"].is_none()) metrics["failure_detail"] = "Expression evaluation exceeded era limit";
+        if (dict_get(metrics, "failure_reason").is_none()) dict_set(metrics, "failure_reason", *timing_rejection);
+        if (dict_get(metrics, "failure_detail").is_none()) dict_set(metrics, "failure_detail", "Expression evaluation exceeded era limit");
         record(py::str(*timing_rejection), tracking_stats, non_empty_or_none(per_column), elapsed, metrics);
         return none;
     }
@@ -193,34 +195,34 @@ py::object SearchContext::evaluate(py::object expr_graph) {
             mi_error = str(e.value());
         }
         if (mi_error) {
-            metrics["failure_reason"] = "missing_is_pnl_mi";
-            metrics["failure_detail"] = *mi_error;
+            dict_set(metrics, "failure_reason", "missing_is_pnl_mi");
+            dict_set(metrics, "failure_detail", *mi_error);
             record_full(py::str("missing_is_pnl_mi"));
             return none;
         }
     }
     py::float_ score(mi_score);
-    metrics["is_pnl_mi"] = score;
-    if (metrics["agent_is_pnl_mi"].is_none()) metrics["agent_is_pnl_mi"] = score;
+    dict_set(metrics, "is_pnl_mi", score);
+    if (dict_get(metrics, "agent_is_pnl_mi").is_none()) dict_set(metrics, "agent_is_pnl_mi", score);
     if (!mi_passed) {
         py::object threshold = module_attr("_search_threshold_or_default")(
             _thresholds, "mi_threshold", -std::numeric_limits<double>::infinity());
-        metrics["failure_reason"] = "pnl_mi";
-        metrics["failure_detail"] = py::str("is_pnl_mi=") + py::str(score) + py::str(" < threshold=") + py::str(threshold);
+        dict_set(metrics, "failure_reason", "pnl_mi");
+        dict_set(metrics, "failure_detail", py::str("is_pnl_mi=") + py::str(score) + py::str(" < threshold=") + py::str(threshold));
         record_full(py::str("pnl_mi_below_threshold"));
         return none;
     }
 
     // Pass: record, then store, then hand over; cancellation is checked at four points.
     py::dict fields;
-    fields["expression"] = expr_graph;
-    fields["passed"] = true;
-    fields["stats"] = stats_dict;
-    fields["factor_pnl"] = factor_pnl;
-    fields["per_column_stats"] = per_column;
-    fields["mi_score"] = score;
-    fields["mi_passed"] = true;
-    fields["submitted"] = false;
+    dict_set(fields, "expression", expr_graph);
+    dict_set(fields, "passed", true);
+    dict_set(fields, "stats", stats_dict);
+    dict_set(fields, "factor_pnl", factor_pnl);
+    dict_set(fields, "per_column_stats", per_column);
+    dict_set(fields, "mi_score", score);
+    dict_set(fields, "mi_passed", true);
+    dict_set(fields, "submitted", false);
     py::object result = new_backtest_result(fields);
     if (submission_cancelled()) return none;
     py::object eval_id = safe_record(expr_graph, true, none, tracking_stats, per_column, elapsed, metrics);
@@ -228,18 +230,18 @@ py::object SearchContext::evaluate(py::object expr_graph) {
     if (eval_id.is_none()) eval_id = py::str(py::module_::import("uuid").attr("uuid4")());
 
     py::dict payload;
-    payload["eval_id"] = eval_id;
-    payload["submission_type"] = "signal";
-    payload["graph"] = expr_graph;
-    payload["universe_id"] = _universe_id;
-    payload["signal_pool_id"] = _signal_pool_id;
-    payload["is_stats"] = stats_dict;
-    payload["is_pnl_mi"] = score;
-    payload["metaparameters"] = _metaparams_for_db;
-    payload["search_state"] = py::dict();
-    payload["era_id"] = _era_id;
-    payload["expression_elapsed_seconds"] = elapsed;
-    if (!_submission_owner.is_none()) payload["_submission_owner"] = _submission_owner;
+    dict_set(payload, "eval_id", eval_id);
+    dict_set(payload, "submission_type", "signal");
+    dict_set(payload, "graph", expr_graph);
+    dict_set(payload, "universe_id", _universe_id);
+    dict_set(payload, "signal_pool_id", _signal_pool_id);
+    dict_set(payload, "is_stats", stats_dict);
+    dict_set(payload, "is_pnl_mi", score);
+    dict_set(payload, "metaparameters", _metaparams_for_db);
+    dict_set(payload, "search_state", py::dict());
+    dict_set(payload, "era_id", _era_id);
+    dict_set(payload, "expression_elapsed_seconds", elapsed);
+    if (!_submission_owner.is_none()) dict_set(payload, "_submission_owner", _submission_owner);
 
     _tracker_write_lock.attr("acquire")();
     try {

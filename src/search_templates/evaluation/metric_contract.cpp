@@ -45,10 +45,6 @@ py::dict copy_if_map(py::handle value) {
     return py::dict();
 }
 
-py::object dict_get(py::handle map, const char* key) {
-    if (!is_dict(map)) return py::none();
-    return py::reinterpret_borrow<py::object>(map).attr("get")(key);
-}
 
 bool is_list_or_tuple(py::handle h) { return PyList_Check(h.ptr()) || PyTuple_Check(h.ptr()); }
 
@@ -111,9 +107,9 @@ std::pair<py::object, std::optional<std::string>> collect_required_backtest_stat
     for (const char* metric : REQUIRED_BACKTEST_METRICS) {
         auto [value, reason] = required_backtest_metric_value(bt_stats, metric, era_config);
         if (reason) return {py::none(), reason};
-        stats[metric] = *value;
+        dict_set(stats, metric, *value);
     }
-    stats["abs_weight_sum_mean"] = finite_number_or_default(attr_or(bt_stats, "abs_weight_sum_mean"), 0.0);
+    dict_set(stats, "abs_weight_sum_mean", finite_number_or_default(attr_or(bt_stats, "abs_weight_sum_mean"), 0.0));
     return {stats, std::nullopt};
 }
 
@@ -224,11 +220,11 @@ py::object tracking_stats_from_backtest(py::handle bt_stats, py::handle stats_di
                                         py::handle era_config) {
     py::dict kwargs;
     for (const char* key : {"sharpe", "returns", "turnover", "drawdown", "delta_exposure", "max_weight"})
-        kwargs[key] = finite_number_or_default(dict_get(stats_dict, key), 0.0);
-    kwargs["quality_score"] = tracking_quality_score(bt_stats, stats_dict, per_column_stats, era_config);
-    kwargs["correlation"] = finite_number_or_default(attr_or(bt_stats, "correlation"), 0.0);
-    kwargs["liquidity_metrics"] = copy_if_map(attr_or(bt_stats, "liquidity_metrics"));
-    kwargs["custom_stats"] = copy_if_map(attr_or(bt_stats, "custom_stats"));
+        dict_set(kwargs, key, finite_number_or_default(dict_get(stats_dict, key), 0.0));
+    dict_set(kwargs, "quality_score", tracking_quality_score(bt_stats, stats_dict, per_column_stats, era_config));
+    dict_set(kwargs, "correlation", finite_number_or_default(attr_or(bt_stats, "correlation"), 0.0));
+    dict_set(kwargs, "liquidity_metrics", copy_if_map(attr_or(bt_stats, "liquidity_metrics")));
+    dict_set(kwargs, "custom_stats", copy_if_map(attr_or(bt_stats, "custom_stats")));
     return module_attr("_BacktestStats")(**kwargs);
 }
 
@@ -250,11 +246,11 @@ py::dict tracking_metric_kwargs_from_backtest(py::handle bt_stats) {
     py::dict out;
     for (const char* key : {"is_correlation", "is_pnl_mi", "agent_is_pnl_mi", "is_weights_mi"}) {
         std::optional<double> v = finite_optional_number(attr_or(bt_stats, key));
-        out[key] = v ? py::object(py::float_(*v)) : py::object(py::none());
+        dict_set(out, key, v ? py::object(py::float_(*v)) : py::object(py::none()));
     }
     for (const char* key : {"failure_reason", "failure_detail"}) {
         py::object v = attr_or(bt_stats, key);
-        out[key] = is_str(v) ? v : py::none();
+        dict_set(out, key, is_str(v) ? v : py::none());
     }
     return out;
 }

@@ -148,13 +148,13 @@ py::object SearchContext::safe_record(py::object graph, bool passed_thresholds, 
     py::dict metrics = tracking_metric_kwargs.is_none() ? py::dict() : py::dict(tracking_metric_kwargs);
     try {
         py::dict kwargs;
-        kwargs["pool_id"] = _signal_pool_id;
-        kwargs["rejection_reason"] = rejection_reason;
-        kwargs["per_column_stats"] = per_column_stats;
-        kwargs["expression_elapsed_seconds"] = expression_elapsed_seconds;
+        dict_set(kwargs, "pool_id", _signal_pool_id);
+        dict_set(kwargs, "rejection_reason", rejection_reason);
+        dict_set(kwargs, "per_column_stats", per_column_stats);
+        dict_set(kwargs, "expression_elapsed_seconds", expression_elapsed_seconds);
         for (const char* key :
              {"is_correlation", "is_pnl_mi", "agent_is_pnl_mi", "is_weights_mi", "failure_reason", "failure_detail"})
-            kwargs[key] = metrics.attr("get")(key);
+            dict_set(kwargs, key, dict_get(metrics, key));
         _tracker_write_lock.attr("acquire")();
         py::object result;
         try {
