@@ -138,8 +138,8 @@ bool py_not_equal(py::handle a, py::handle b) { return compare(a, b, Py_NE); }
 std::string repr(py::handle h) { return py::repr(h).cast<std::string>(); }
 std::string str(py::handle h) { return py::str(h).cast<std::string>(); }
 
-std::string py_format(py::handle h, const char* spec) {
-    PyObject* out = PyObject_Format(h.ptr(), py::str(spec).ptr());
+std::string py_format(py::handle h, const char* format_spec) {
+    PyObject* out = PyObject_Format(h.ptr(), py::str(format_spec).ptr());
     if (out == nullptr) throw py::error_already_set();
     return py::reinterpret_steal<py::str>(out).cast<std::string>();
 }

@@ -105,8 +105,8 @@ bool py_not_equal(py::handle a, py::handle b);
 std::string repr(py::handle h);
 // str(x).
 std::string str(py::handle h);
-// format(x, spec), e.g. py_format(3.94, ".1f") == "3.9".
-std::string py_format(py::handle h, const char* spec);
+// format(x, format_spec), e.g. py_format(3.94, ".1f") == "3.9".
+std::string py_format(py::handle h, const char* format_spec);
 
 // ---- logging ---------------------------------------------------------------------------------
 

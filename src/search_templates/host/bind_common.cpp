@@ -51,7 +51,7 @@ void bind_helper_tests(py::module_& m) {
         d["bool"] = is_bool(o);
         return d;
     });
-    h.def("py_format", [](py::object o, const std::string& spec) { return py_format(o, spec.c_str()); });
+    h.def("py_format", [](py::object o, const std::string& format_spec) { return py_format(o, format_spec.c_str()); });
     h.def("log", [](int level, const std::string& fmt, py::args args) {
         if (log_enabled(static_cast<LogLevel>(level))) log_args(static_cast<LogLevel>(level), fmt.c_str(), args);
     });
