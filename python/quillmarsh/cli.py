@@ -103,9 +103,11 @@ def _number(value, digits=3) -> str:
 
 # ----- progress -----------------------------------------------------------------------------------------
 
-def _progress_text(status, found: int) -> str:
-    rate = status.total_evaluated / status.elapsed_seconds if status.elapsed_seconds > 0 else 0.0
-    text = (f"evaluated {status.total_evaluated}  found {found}  {rate:.1f} eval/s  "
+def _progress_text(status, found: int, baseline: int = 0) -> str:
+    """One progress line; `baseline` is the count of evaluations that the store held before this run."""
+    evaluated = status.total_evaluated - baseline
+    rate = evaluated / status.elapsed_seconds if status.elapsed_seconds > 0 else 0.0
+    text = (f"evaluated {evaluated}  found {found}  {rate:.1f} eval/s  "
             f"elapsed {status.elapsed_seconds:.0f}s  memory {status.memory_usage_mb:.0f} MB  "
             f"errors {len(status.errors)}")
     return text
@@ -117,25 +119,26 @@ def _watch(handle, seconds: float, found, out) -> object:
     `total_found` counts only submissions the service has acknowledged."""
     deadline = time.monotonic() + seconds
     status = handle.status()
+    baseline = status.total_evaluated  # a search counts what earlier runs stored, too
     if out.isatty():
         from rich.console import Console
         from rich.live import Live
         from rich.text import Text
 
-        with Live(Text(_progress_text(status, found())), console=Console(file=out), refresh_per_second=4) as live:
+        with Live(Text(_progress_text(status, found(), baseline)), console=Console(file=out), refresh_per_second=4) as live:
             while time.monotonic() < deadline and status.running:
                 time.sleep(min(PROGRESS_INTERVAL, max(0.0, deadline - time.monotonic())))
                 status = handle.status()
-                live.update(Text(_progress_text(status, found())))
+                live.update(Text(_progress_text(status, found(), baseline)))
         return status
     next_line = 0.0
     while time.monotonic() < deadline and status.running:
         if time.monotonic() >= next_line:
-            print(_progress_text(status, found()), file=out, flush=True)
+            print(_progress_text(status, found(), baseline), file=out, flush=True)
             next_line = time.monotonic() + PLAIN_PROGRESS_INTERVAL
         time.sleep(min(PROGRESS_INTERVAL, max(0.0, deadline - time.monotonic())))
         status = handle.status()
-    print(_progress_text(status, found()), file=out, flush=True)
+    print(_progress_text(status, found(), baseline), file=out, flush=True)
     return status
 
 

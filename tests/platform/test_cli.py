@@ -131,3 +131,10 @@ def test_the_report_renders_as_tables():
     assert names == ["b", "a"]  # heaviest first
     assert ["b", "0.8000", "0.5000", "0.300", "9", "cs"] in rows
     assert ["z", "engine_only", "runtime", "transform"] in rows and "features" not in text
+
+
+def test_progress_counts_only_this_run():
+    from types import SimpleNamespace
+    status = SimpleNamespace(total_evaluated=1500, elapsed_seconds=10.0, memory_usage_mb=80.0, errors=["x"])
+    line = cli._progress_text(status, 7, baseline=1000)
+    assert line.startswith("evaluated 500  found 7  50.0 eval/s") and "errors 1" in line
