@@ -79,11 +79,11 @@ def test_type_tests(value, true_tests):
     assert {k for k, v in h.type_tests(value).items() if v} == true_tests
 
 
-@pytest.mark.parametrize("value, spec, text", [
+@pytest.mark.parametrize("value, format_spec, text", [
     (3.94, ".1f", "3.9"), (3.96, ".1f", "4.0"), (499.6, ".0f", "500"), (0.05, ".1f", "0.1"),
 ])
-def test_py_format_is_python_format(value, spec, text):
-    assert h.py_format(value, spec) == format(value, spec) == text
+def test_py_format_is_python_format(value, format_spec, text):
+    assert h.py_format(value, format_spec) == format(value, format_spec) == text
 
 
 def test_log_passes_format_and_arguments_unformatted(caplog):

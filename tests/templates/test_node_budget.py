@@ -40,31 +40,31 @@ def test_window_limit(buffer, depth, expected):
     assert st._random_weighted_window_limit(NS(era_config=era), depth) == expected
 
 
-def spec(data, config=0):
+def rotation(data, config=0):
     return {"name": "r", "data_params": [{}] * data, "config_children": [{}] * config}
 
 
 def test_worst_case_counts_for_two_data_inputs():
-    rotations = [spec(1), spec(2)]
+    rotations = [rotation(1), rotation(2)]
     assert [st._random_weighted_worst_case_node_count(rotations, d, 100) for d in range(1, 7)] == [1, 3, 7, 15, 31, 63]
     assert st._random_weighted_max_depth_within_node_budget(rotations, 6, 100) == 6
 
 
 def test_maxima_come_from_different_rotations():
-    rotations = [spec(3), spec(1, 1)]
+    rotations = [rotation(3), rotation(1, 1)]
     assert [st._random_weighted_worst_case_node_count(rotations, d, 100) for d in (2, 3, 4, 5)] == [5, 17, 53, 101]
     assert st._random_weighted_max_depth_within_node_budget(rotations, 6, 100) == 4
 
 
 @pytest.mark.parametrize("rotations, requested, limit, expected", [
-    ([], 6, 100, 1), ([spec(1)], 1, 100, 1), ([spec(1)], 6, 3, 3), ([spec(1)], 500, 1000, 128),
-    ([spec(10 ** 6)], 6, 1000, 1)])
+    ([], 6, 100, 1), ([rotation(1)], 1, 100, 1), ([rotation(1)], 6, 3, 3), ([rotation(1)], 500, 1000, 128),
+    ([rotation(10 ** 6)], 6, 1000, 1)])
 def test_depth_search_bounds(rotations, requested, limit, expected):
     assert st._random_weighted_max_depth_within_node_budget(rotations, requested, limit) == expected
 
 
 def test_budget_filter_keeps_order_and_logs_exclusions(info_lines):
     big = {"name": "big", "data_params": [{}] * 3, "config_children": [{}]}
-    kept = st._random_weighted_rotations_within_node_budget([spec(1), big, {}], 4)
-    assert kept == [spec(1), {}]
+    kept = st._random_weighted_rotations_within_node_budget([rotation(1), big, {}], 4)
+    assert kept == [rotation(1), {}]
     assert info_lines() == ["random_weighted excluded big from SIGNAL generation: minimum node count 5 exceeds node budget 4"]

@@ -72,7 +72,7 @@ void bind_node_budget(py::module_& m) {
     m.def("_random_weighted_window_limit",
           [](py::object ctx, py::object max_depth) { return random_weighted_window_limit(ctx, max_depth); },
           py::arg("ctx"), py::arg("max_depth"));
-    m.def("_random_weighted_min_node_count", [](py::object spec) { return random_weighted_min_node_count(spec); },
+    m.def("_random_weighted_min_node_count", [](py::object rotation) { return random_weighted_min_node_count(rotation); },
           py::arg("spec"));
     m.def("_random_weighted_rotations_within_node_budget",
           [](py::object rotations, py::object node_limit) {

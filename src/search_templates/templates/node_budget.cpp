@@ -160,25 +160,25 @@ py::object random_weighted_window_limit(py::handle ctx, py::handle max_depth) {
 // ---- node arithmetic ---------------------------------------------------------------------------------
 
 namespace {
-long long spec_len(py::handle spec, const char* key) {
-    return static_cast<long long>(py::len(map_get(spec, key, py::list())));
+long long field_len(py::handle rotation, const char* key) {
+    return static_cast<long long>(py::len(map_get(rotation, key, py::list())));
 }
 }  // namespace
 
-long long random_weighted_min_node_count(py::handle spec) {
-    return 1 + spec_len(spec, "data_params") + spec_len(spec, "config_children");
+long long random_weighted_min_node_count(py::handle rotation) {
+    return 1 + field_len(rotation, "data_params") + field_len(rotation, "config_children");
 }
 
 py::list random_weighted_rotations_within_node_budget(py::handle rotations, py::handle node_limit) {
     py::list kept;
-    for (py::handle spec : rotations) {
-        py::int_ count(random_weighted_min_node_count(spec));
+    for (py::handle rotation : rotations) {
+        py::int_ count(random_weighted_min_node_count(rotation));
         if (!py_gt(count, node_limit)) {
-            kept.append(spec);
+            kept.append(rotation);
             continue;
         }
         log_info("random_weighted excluded %s from SIGNAL generation: minimum node count %r exceeds node budget %r",
-                 map_get(spec, "name", py::str("<unknown>")), count, node_limit);
+                 map_get(rotation, "name", py::str("<unknown>")), count, node_limit);
     }
     return kept;
 }
@@ -186,9 +186,9 @@ py::list random_weighted_rotations_within_node_budget(py::handle rotations, py::
 long long random_weighted_worst_case_node_count(py::handle rotations, long long depth, long long node_limit) {
     if (depth <= 1) return 1;
     long long max_data = 0, max_config = 0;
-    for (py::handle spec : rotations) {
-        max_data = std::max(max_data, spec_len(spec, "data_params"));
-        max_config = std::max(max_config, spec_len(spec, "config_children"));
+    for (py::handle rotation : rotations) {
+        max_data = std::max(max_data, field_len(rotation, "data_params"));
+        max_config = std::max(max_config, field_len(rotation, "config_children"));
     }
     long long count = 1;
     for (long long level = 2; level <= depth; ++level) {

@@ -67,7 +67,7 @@ py::object random_weighted_window_limit(py::handle ctx, py::handle max_depth);
 
 // ---- node arithmetic -------------------------------------------------------------------------------
 
-long long random_weighted_min_node_count(py::handle spec);
+long long random_weighted_min_node_count(py::handle rotation);
 py::list random_weighted_rotations_within_node_budget(py::handle rotations, py::handle node_limit);
 long long random_weighted_max_depth_within_node_budget(py::handle rotations, long long requested_depth,
                                                        long long node_limit);

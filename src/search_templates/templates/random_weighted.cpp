@@ -394,14 +394,14 @@ py::object build_with_host_random(py::handle func_names, py::handle func_specs, 
         return leaf;
     }
     py::object func = weighted_choice(func_names, func_weights);
-    py::object spec = func_specs[func];
+    py::object rotation = func_specs[func];
     py::object below = steal(PyNumber_Subtract(target_depth.ptr(), one.ptr()));
     py::list children;
-    for (py::handle ignored : spec["data_params"]) {
+    for (py::handle ignored : rotation["data_params"]) {
         (void)ignored;  // a data input carries no constraint on what fills it
         children.append(build_with_host_random(func_names, func_specs, func_weights, feat_names, feat_weights, below));
     }
-    for (py::handle leaf : spec["config_children"]) children.append(copy_leaf(leaf));
+    for (py::handle leaf : rotation["config_children"]) children.append(copy_leaf(leaf));
     py::dict node;
     node["type"] = "rotation";
     node["node"] = func;

@@ -137,18 +137,18 @@ py::list random_weighted_feature_specs(py::handle features) {
             log_info("random_weighted excluded feature with missing name");
             continue;
         }
-        py::dict spec;
-        spec["name"] = name;
-        spec["feature_family"] = map_get(feature, "feature_family", py::str(""));
-        spec["feature_subfamily"] = map_get(feature, "feature_subfamily", py::str(""));
-        specs.append(spec);
+        py::dict entry;
+        entry["name"] = name;
+        entry["feature_family"] = map_get(feature, "feature_family", py::str(""));
+        entry["feature_subfamily"] = map_get(feature, "feature_subfamily", py::str(""));
+        specs.append(entry);
     }
     return specs;
 }
 
 py::list random_weighted_feature_names(py::handle features) {
     py::list names;
-    for (py::handle spec : random_weighted_feature_specs(features)) names.append(spec["name"]);
+    for (py::handle entry : random_weighted_feature_specs(features)) names.append(entry["name"]);
     return names;
 }
 
