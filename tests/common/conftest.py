@@ -48,7 +48,7 @@ class _BrokenDependencyFinder(importlib.abc.MetaPathFinder, importlib.abc.Loader
             return importlib.machinery.ModuleSpec(fullname, self)
         return None
 
-    def create_module(self, spec):
+    def create_module(self, module_spec):
         return None
 
     def exec_module(self, module):

@@ -61,7 +61,7 @@ def test_a_sibling_missing_a_dependency_stops_the_load():
         class Finder(importlib.abc.MetaPathFinder, importlib.abc.Loader):
             def find_spec(self, fullname, path=None, target=None):
                 return importlib.machinery.ModuleSpec(fullname, self) if fullname == "quillmarsh.sync" else None
-            def create_module(self, spec):
+            def create_module(self, module_spec):
                 return None
             def exec_module(self, module):
                 raise ModuleNotFoundError("No module named 'qm_dep'", name="qm_dep")

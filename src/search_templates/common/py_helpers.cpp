@@ -124,16 +124,16 @@ bool truthy(py::handle h) {
     return r != 0;
 }
 
-namespace {
-bool compare(py::handle a, py::handle b, int op) {
+bool py_compare(py::handle a, py::handle b, int op) {
     PyObject* result = PyObject_RichCompare(a.ptr(), b.ptr(), op);
     if (result == nullptr) throw py::error_already_set();
     return truthy(py::reinterpret_steal<py::object>(result));
 }
-}  // namespace
 
-bool py_equal(py::handle a, py::handle b) { return compare(a, b, Py_EQ); }
-bool py_not_equal(py::handle a, py::handle b) { return compare(a, b, Py_NE); }
+bool py_equal(py::handle a, py::handle b) { return py_compare(a, b, Py_EQ); }
+bool py_not_equal(py::handle a, py::handle b) { return py_compare(a, b, Py_NE); }
+bool py_lt(py::handle a, py::handle b) { return py_compare(a, b, Py_LT); }
+bool py_gt(py::handle a, py::handle b) { return py_compare(a, b, Py_GT); }
 
 std::string repr(py::handle h) { return py::repr(h).cast<std::string>(); }
 std::string str(py::handle h) { return py::str(h).cast<std::string>(); }

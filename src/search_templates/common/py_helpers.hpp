@@ -89,6 +89,8 @@ inline bool is_int_not_bool(py::handle h) { return PyLong_Check(h.ptr()) && !PyB
 inline bool is_exact_int(py::handle h) { return PyLong_CheckExact(h.ptr()); }
 inline bool is_float(py::handle h) { return PyFloat_Check(h.ptr()); }
 inline bool is_exact_float(py::handle h) { return PyFloat_CheckExact(h.ptr()); }
+// isinstance(x, (int, float)): booleans count as integers
+inline bool is_int_or_float(py::handle h) { return PyLong_Check(h.ptr()) || PyFloat_Check(h.ptr()); }
 // isinstance(x, (int, float)) and not isinstance(x, bool)
 inline bool is_real_not_bool(py::handle h) { return is_int_not_bool(h) || PyFloat_Check(h.ptr()); }
 inline bool is_callable(py::handle h) { return PyCallable_Check(h.ptr()) != 0; }
@@ -99,8 +101,12 @@ py::list new_list(py::handle iterable);
 // bool(x) with Python's truth rules; errors propagate.
 bool truthy(py::handle h);
 // a == b and a != b with Python's operators (no identity shortcut); errors propagate.
+// The truth of `a <op> b` with Python's rich comparison (op is Py_LT, Py_LE, Py_EQ, ...); errors propagate.
+bool py_compare(py::handle a, py::handle b, int op);
 bool py_equal(py::handle a, py::handle b);
 bool py_not_equal(py::handle a, py::handle b);
+bool py_lt(py::handle a, py::handle b);
+bool py_gt(py::handle a, py::handle b);
 // repr(x), as `%r` shows it.
 std::string repr(py::handle h);
 // str(x).

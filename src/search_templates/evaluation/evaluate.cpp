@@ -19,13 +19,6 @@ double monotonic_seconds() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
 }
 
-bool is_metric_number(py::handle h) { return PyLong_Check(h.ptr()) || PyFloat_Check(h.ptr()); }
-
-bool greater(py::handle a, py::handle b) {
-    int r = PyObject_RichCompareBool(a.ptr(), b.ptr(), Py_GT);
-    if (r < 0) throw py::error_already_set();
-    return r == 1;
-}
 
 // A graph may hold `type`, `node` and `children`, and must hold `type`.
 bool is_well_formed_graph(py::handle graph) {
@@ -104,7 +97,7 @@ py::object SearchContext::evaluate(py::object expr_graph) {
         limit = attr_or(_era_config, "max_expression_generation_seconds");
     if (limit.is_none()) throw py::value_error("era config missing required field: max_expression_generation_seconds");
     std::optional<std::string> timing_rejection;
-    if (greater(elapsed, limit)) {
+    if (py_gt(elapsed, limit)) {
         py::dict extra;
         dict_set(extra, "elapsed", elapsed);
         dict_set(extra, "threshold", limit);
@@ -165,8 +158,8 @@ py::object SearchContext::evaluate(py::object expr_graph) {
         return none;
     }
     py::object correlation = attr_or(bt_stats, "correlation");
-    if (is_metric_number(correlation) &&
-        greater(correlation, module_attr("_require_search_threshold")(_thresholds, "correlation_max"))) {
+    if (is_int_or_float(correlation) &&
+        py_gt(correlation, module_attr("_require_search_threshold")(_thresholds, "correlation_max"))) {
         record_full(py::str("correlation_exceeded"));
         return none;
     }

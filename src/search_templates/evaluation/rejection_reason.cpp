@@ -9,15 +9,6 @@ namespace quillmarsh::st {
 
 namespace {
 
-// isinstance(x, (int, float)): booleans count as integers in these rules.
-bool is_metric_number(py::handle h) { return PyLong_Check(h.ptr()) || PyFloat_Check(h.ptr()); }
-
-bool compare(py::handle a, py::handle b, int op) {
-    int r = PyObject_RichCompareBool(a.ptr(), b.ptr(), op);
-    if (r < 0) throw py::error_already_set();
-    return r == 1;
-}
-
 py::object require_threshold(py::handle thresholds, const char* name) {
     return module_attr("_require_search_threshold")(thresholds, name);
 }
@@ -36,8 +27,8 @@ py::str bound_reason(const char* prefix, py::handle name, py::handle entry) {
     py::object hi = entry_get(entry, "max");
     py::object value = entry_get(entry, "value", py::int_(0));
     py::str head = py::str(prefix) + py::str(name);
-    if (!lo.is_none() && compare(value, lo, Py_LT)) return head + py::str("_below_min");
-    if (!hi.is_none() && compare(value, hi, Py_GT)) return head + py::str("_above_max");
+    if (!lo.is_none() && py_compare(value, lo, Py_LT)) return head + py::str("_below_min");
+    if (!hi.is_none() && py_compare(value, hi, Py_GT)) return head + py::str("_above_max");
     return head + py::str("_below_min");
 }
 
@@ -69,14 +60,14 @@ py::object derive_rejection_reason(py::handle stats, py::handle thresholds, py::
     for (const Limit& limit : kLimits) {
         py::object value = attr_or(stats, limit.metric, py::float_(0.0));
         py::object bound = require_threshold(thresholds, limit.threshold);
-        if (is_metric_number(value) && compare(value, bound, limit.op)) return py::str(limit.reason);
+        if (is_int_or_float(value) && py_compare(value, bound, limit.op)) return py::str(limit.reason);
     }
     {
         // At or below: equality rejects here, unlike the Sharpe rule.
         py::object value = attr_or(stats, "abs_weight_sum_mean", py::float_(0.0));
         py::object bound = module_attr("_search_threshold_or_default")(
             thresholds, "abs_weight_sum_mean_min", -std::numeric_limits<double>::infinity());
-        if (is_metric_number(value) && compare(value, bound, Py_LE)) return py::str("abs_weight_sum_mean_below_min");
+        if (is_int_or_float(value) && py_compare(value, bound, Py_LE)) return py::str("abs_weight_sum_mean_below_min");
     }
 
     py::object weight_quality = attr_or(stats, "weight_quality_metrics", py::dict());
@@ -100,8 +91,8 @@ py::object derive_rejection_reason(py::handle stats, py::handle thresholds, py::
 
     bool correlation_failure = false;
     py::object correlation = attr_or(stats, "correlation");
-    if (is_metric_number(correlation))
-        correlation_failure = compare(correlation, require_threshold(thresholds, "correlation_max"), Py_GT);
+    if (is_int_or_float(correlation))
+        correlation_failure = py_compare(correlation, require_threshold(thresholds, "correlation_max"), Py_GT);
 
     if (!passed && !custom_failure && !correlation_failure) {
         // The backtester failed the signal on a column: the era's first column rule names it. The rule

@@ -43,17 +43,6 @@ py::object try_py_int(py::handle value) {
     return py::reinterpret_steal<py::object>(i);
 }
 
-namespace {
-bool rich(py::handle a, py::handle b, int op) {
-    PyObject* r = PyObject_RichCompare(a.ptr(), b.ptr(), op);
-    if (r == nullptr) throw py::error_already_set();
-    return truthy(py::reinterpret_steal<py::object>(r));
-}
-}  // namespace
-
-bool py_lt(py::handle a, py::handle b) { return rich(a, b, Py_LT); }
-bool py_gt(py::handle a, py::handle b) { return rich(a, b, Py_GT); }
-
 long long clamp_py_int(py::handle value, long long lo, long long hi) {
     int overflow = 0;
     long long v = PyLong_AsLongLongAndOverflow(value.ptr(), &overflow);

@@ -35,9 +35,6 @@ inline constexpr long long RANDOM_WEIGHTED_DEFAULT_STATEFUL_WINDOW = 20;
 std::optional<double> try_py_float(py::handle value);
 // int(value); an unset object on TypeError, ValueError or OverflowError.
 py::object try_py_int(py::handle value);
-// Rich comparisons with Python's operators; errors propagate.
-bool py_lt(py::handle a, py::handle b);
-bool py_gt(py::handle a, py::handle b);
 // A Python int clamped into [lo, hi] as a C++ integer (no overflow for huge values).
 long long clamp_py_int(py::handle value, long long lo, long long hi);
 // repr(value): the printable form that messages show for %r.
