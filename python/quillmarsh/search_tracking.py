@@ -186,6 +186,15 @@ def _ensure_submission_sim_parent(conn, sim_id, era_id) -> None:
                  % (verb, tail), (str(sim_id), int(era_id), time.time()))
 
 
+_INSERT_SIGNAL_EVALUATION = (
+    "INSERT INTO signal_evaluations (eval_id, era_id, universe_id, pool_id, graph_json, "
+    "function_names, feature_names, metaparameters_json, passed, rejection_reason, sharpe, "
+    "returns, turnover, drawdown, delta_exposure, max_weight, quality_score, correlation, "
+    "abs_weight_sum_mean, stats_json, per_column_stats_json, expression_elapsed_seconds, "
+    "is_correlation, is_pnl_mi, agent_is_pnl_mi, is_weights_mi, failure_reason, failure_detail, "
+    "created_at) VALUES (" + ", ".join("?" * 29) + ")")
+
+
 def _finite_or_none(value):
     if type(value) is float:  # the common case, without the conversions below
         return value if math.isfinite(value) else None
@@ -204,8 +213,27 @@ def _new_eval_id() -> str:
     return "%016x%s" % (time.time_ns(), os.urandom(8).hex())
 
 
-# One encoder for every write: json.dumps with options builds a new encoder on each call.
-_json = json.JSONEncoder(sort_keys=True, default=str).encode
+def _make_json_writer():
+    """The JSON text of a value as the store keeps it: sorted keys, anything unserialisable as its str().
+
+    json.dumps builds a new encoder, and a new C scanner under it, on every call; this builds the C encoder
+    once and calls it directly. It skips the circular-reference bookkeeping, which would have to be kept
+    per call to be safe across threads: a value that contains itself ends in RecursionError instead of
+    ValueError. Without the C accelerator, the plain encoder does the same work."""
+    from json import encoder
+    if encoder.c_make_encoder is None:  # pragma: no cover - CPython always ships it
+        return json.JSONEncoder(sort_keys=True, default=str).encode
+    chunks = encoder.c_make_encoder(None, str, encoder.encode_basestring_ascii, None, ": ", ", ", True, False,
+                                    True)
+    join = "".join
+
+    def write(value):
+        return join(chunks(value, 0))
+
+    return write
+
+
+_json = _make_json_writer()
 
 
 def _graph_names(graph) -> tuple[list, list]:
@@ -215,7 +243,7 @@ def _graph_names(graph) -> tuple[list, list]:
     while stack and seen < _MAX_GRAPH_NODES:
         node = stack.pop()
         seen += 1
-        if not isinstance(node, Mapping):
+        if type(node) is not dict and not isinstance(node, Mapping):
             continue
         kind, name = node.get("type"), node.get("node")
         if isinstance(name, str) and name:
@@ -350,12 +378,7 @@ class SearchTracker:
         extra["passed"] = getattr(stats, "passed", None)
         eval_id = _new_eval_id()
         self._write(
-            "INSERT INTO signal_evaluations (eval_id, era_id, universe_id, pool_id, graph_json, "
-            "function_names, feature_names, metaparameters_json, passed, rejection_reason, sharpe, "
-            "returns, turnover, drawdown, delta_exposure, max_weight, quality_score, correlation, "
-            "abs_weight_sum_mean, stats_json, per_column_stats_json, expression_elapsed_seconds, "
-            "is_correlation, is_pnl_mi, agent_is_pnl_mi, is_weights_mi, failure_reason, failure_detail, "
-            "created_at) VALUES (" + ", ".join("?" * 29) + ")",
+            _INSERT_SIGNAL_EVALUATION,
             (eval_id, era, None if universe_id is None else str(universe_id),
              None if pool_id is None else str(pool_id), _json(graph), _json(functions), _json(features),
              None if metaparameters is None else _json(metaparameters), 1 if passed else 0,

@@ -129,3 +129,11 @@ def test_module_attr_is_read_live(monkeypatch):
     assert h.module_attr_or_none("no_such_global") is None
     monkeypatch.setattr(st, "no_such_global", 42, raising=False)
     assert h.module_attr_or_none("no_such_global") == 42
+
+
+def test_name_cache_tells_apart_names_passed_in_one_reused_buffer():
+    names = ["alpha", "beta", "alpha", "gamma_long_name_beyond_sso", "beta", "", "alpha"]
+    out = st._helpers.cached_names(names)
+    assert out == names
+    assert out[0] is out[2] is out[6]  # one str per distinct name
+    assert out[1] is out[4]

@@ -1,5 +1,8 @@
 #include "common/py_helpers.hpp"
 
+#include <cstdint>
+#include <cstring>
+
 #include <string>
 #include <unordered_map>
 
@@ -78,14 +81,25 @@ py::object key_or_attr(py::handle obj, const char* name, py::object dflt) {
 }
 
 PyObject* cached_name(const char* name) {
-    // Keyed by content, not by pointer: callers may pass the buffer of a temporary string. Only
-    // touched with the GIL held, which serialises every use of the map.
+    // Two levels, both touched only with the GIL held, which serialises every use. In front, a small
+    // table keyed by the pointer: a call site passes the same literal every time, so a hit costs one
+    // strcmp against the cached str's own UTF-8, which also makes a reused buffer of a temporary string
+    // safe. Behind it, the map keyed by content.
+    struct Slot { const char* ptr; PyObject* str; };
+    static Slot front[256];
+    Slot& slot = front[(reinterpret_cast<std::uintptr_t>(name) >> 3) & 255];
+    if (slot.ptr == name && std::strcmp(PyUnicode_AsUTF8(slot.str), name) == 0) return slot.str;
+
     static auto* names = new std::unordered_map<std::string, PyObject*>();
     auto it = names->find(name);
-    if (it != names->end()) return it->second;
+    if (it != names->end()) {
+        slot = {name, it->second};
+        return it->second;
+    }
     PyObject* s = intern_name(name);
     if (names->size() < 4096) {
         names->emplace(name, s);
+        slot = {name, s};
         return s;
     }
     // Past the bound (names that callers made up at run time) the str lives until the next such call,
@@ -104,6 +118,23 @@ PyObject* intern_name(const char* literal) {
 py::object callable_attr(py::handle obj, const char* name) {
     py::object value = attr_or(obj, name);
     return PyCallable_Check(value.ptr()) ? value : py::none();
+}
+
+py::object call_kw(py::handle fn, std::initializer_list<py::handle> args, py::handle kwargs) {
+    PyObject* tuple = PyTuple_New(static_cast<Py_ssize_t>(args.size()));
+    if (tuple == nullptr) throw py::error_already_set();
+    Py_ssize_t i = 0;
+    for (py::handle a : args) PyTuple_SET_ITEM(tuple, i++, py::handle(a).inc_ref().ptr());
+    PyObject* out = PyObject_Call(fn.ptr(), tuple, kwargs.ptr());
+    Py_DECREF(tuple);
+    if (out == nullptr) throw py::error_already_set();
+    return py::reinterpret_steal<py::object>(out);
+}
+
+py::object call_method(py::handle obj, const char* name) {
+    PyObject* out = PyObject_CallMethodNoArgs(obj.ptr(), cached_name(name));
+    if (out == nullptr) throw py::error_already_set();
+    return py::reinterpret_steal<py::object>(out);
 }
 
 bool py_contains(py::handle container, py::handle item) {

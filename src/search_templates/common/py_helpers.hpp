@@ -13,6 +13,8 @@
 // None of these hold a C++ lock; all of them expect the GIL to be held.
 #pragma once
 
+#include <initializer_list>
+
 #include <pybind11/pybind11.h>
 
 #include <string>
@@ -73,6 +75,16 @@ inline py::object dict_get(py::handle d, const char* key) {
 }
 // The attribute when it exists and is callable, else None.
 py::object callable_attr(py::handle obj, const char* name);
+
+// fn(*args, **kwargs) with `kwargs` a dict (or None), straight through the interpreter: no per-keyword
+// work on our side.
+py::object call_kw(py::handle fn, std::initializer_list<py::handle> args, py::handle kwargs);
+// obj.name() with the name made once per process.
+py::object call_method(py::handle obj, const char* name);
+// setattr(obj, name, value) with the name made once per process.
+inline void set_attr(py::handle obj, const char* name, py::handle value) {
+    if (PyObject_SetAttr(obj.ptr(), cached_name(name), value.ptr()) < 0) throw py::error_already_set();
+}
 
 // ---- type tests ------------------------------------------------------------------------------
 

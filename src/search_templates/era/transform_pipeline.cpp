@@ -139,7 +139,7 @@ py::dict method_transform_context_kwargs(py::handle method, py::handle metaparam
     long bits = cached_keyword_bits(method);
     py::dict accepted;
     for (int i = 0; i < 3; ++i)
-        if (bits & (1L << i)) accepted[kContextKeywords[i]] = values[i];
+        if (bits & (1L << i)) dict_set(accepted, kContextKeywords[i], values[i]);
     return accepted;
 }
 
@@ -150,7 +150,7 @@ py::object call_backtester_with_transform_context(py::handle backtester, py::han
     py::dict kwargs = method_transform_context_kwargs(method, metaparameters, transform_pipeline, universe_id);
     if (kwargs.empty()) return method(expr_graph);
     try {
-        return method(expr_graph, **kwargs);
+        return call_kw(method, {expr_graph}, kwargs);
     } catch (py::error_already_set& e) {
         if (!error_matches(e, PyExc_TypeError)) throw;
         std::string text = str(e.value());

@@ -23,12 +23,17 @@ double monotonic_seconds() {
 // A graph may hold `type`, `node` and `children`, and must hold `type`.
 bool is_well_formed_graph(py::handle graph) {
     if (!is_dict(graph)) return false;
-    py::dict g = py::reinterpret_borrow<py::dict>(graph);
-    if (g.empty() || !g.contains("type")) return false;
-    for (auto item : g) {
-        if (!is_str(item.first)) return false;
-        std::string key = item.first.cast<std::string>();
-        if (key != "type" && key != "node" && key != "children") return false;
+    if (PyDict_GET_SIZE(graph.ptr()) == 0) return false;
+    int has_type = PyDict_Contains(graph.ptr(), cached_name("type"));
+    if (has_type < 0) throw py::error_already_set();
+    if (!has_type) return false;
+    PyObject *key, *value;
+    Py_ssize_t pos = 0;
+    while (PyDict_Next(graph.ptr(), &pos, &key, &value)) {
+        if (!PyUnicode_Check(key)) return false;
+        if (PyUnicode_CompareWithASCIIString(key, "type") != 0 && PyUnicode_CompareWithASCIIString(key, "node") != 0 &&
+            PyUnicode_CompareWithASCIIString(key, "children") != 0)
+            return false;
     }
     return true;
 }
@@ -41,9 +46,10 @@ bool is_function_node_type(py::handle type) {
 
 // The graph's top node names a function of the vocabulary; an empty function list checks nothing.
 bool names_known_function(py::handle vocabulary, py::handle graph) {
-    py::object functions = py::reinterpret_borrow<py::object>(vocabulary).attr("get")("functions", py::list());
+    py::object functions = is_dict(vocabulary) ? key_or_attr(vocabulary, "functions", py::list())
+                                               : py::reinterpret_borrow<py::object>(vocabulary).attr("get")("functions", py::list());
     if (!truthy(functions)) return true;
-    py::object node = py::reinterpret_borrow<py::object>(graph).attr("get")("node", py::str(""));
+    py::object node = key_or_attr(graph, "node", py::str(""));  // the graph is a dict by now
     // Every entry's name is read (one without a name raises) and compared with ==, as `in` would.
     bool found = false;
     for (auto entry : functions) {
@@ -69,7 +75,7 @@ py::object SearchContext::evaluate(py::object expr_graph) {
         record(py::str("invalid_input"));
         return none;
     }
-    if (is_function_node_type(expr_graph.attr("get")("type", py::str(""))) &&
+    if (is_function_node_type(key_or_attr(expr_graph, "type", py::str(""))) &&
         !names_known_function(_vocabulary, expr_graph)) {
         record(py::str("unknown_function"));
         return none;
@@ -92,7 +98,7 @@ py::object SearchContext::evaluate(py::object expr_graph) {
 
     py::object limit = none;
     if (is_dict(_era_config))
-        limit = _era_config.attr("get")("max_expression_generation_seconds");
+        limit = key_or_attr(_era_config, "max_expression_generation_seconds");
     else if (!_era_config.is_none())
         limit = attr_or(_era_config, "max_expression_generation_seconds");
     if (limit.is_none()) throw py::value_error("era config missing required field: max_expression_generation_seconds");
@@ -236,7 +242,7 @@ py::object SearchContext::evaluate(py::object expr_graph) {
     dict_set(payload, "expression_elapsed_seconds", elapsed);
     if (!_submission_owner.is_none()) dict_set(payload, "_submission_owner", _submission_owner);
 
-    _tracker_write_lock.attr("acquire")();
+    call_method(_tracker_write_lock, "acquire");
     try {
         if (!submission_cancelled()) {
             if (tracker_uses_persistent_store(_tracker)) {
@@ -248,14 +254,14 @@ py::object SearchContext::evaluate(py::object expr_graph) {
             if (!submission_cancelled()) {
                 if (!_submission_queue.is_none())
                     _submission_queue.attr("put")(py::reinterpret_steal<py::dict>(PyDict_Copy(payload.ptr())));
-                if (!_submission_wakeup.is_none()) _submission_wakeup.attr("set")();
+                if (!_submission_wakeup.is_none()) call_method(_submission_wakeup, "set");
             }
         }
     } catch (...) {
-        _tracker_write_lock.attr("release")();
+        call_method(_tracker_write_lock, "release");
         throw;
     }
-    _tracker_write_lock.attr("release")();
+    call_method(_tracker_write_lock, "release");
     return result;
 }
 

@@ -225,7 +225,7 @@ py::object tracking_stats_from_backtest(py::handle bt_stats, py::handle stats_di
     dict_set(kwargs, "correlation", finite_number_or_default(attr_or(bt_stats, "correlation"), 0.0));
     dict_set(kwargs, "liquidity_metrics", copy_if_map(attr_or(bt_stats, "liquidity_metrics")));
     dict_set(kwargs, "custom_stats", copy_if_map(attr_or(bt_stats, "custom_stats")));
-    return module_attr("_BacktestStats")(**kwargs);
+    return call_kw(module_attr("_BacktestStats"), {}, kwargs);
 }
 
 py::object rejection_stats_from_backtest(py::handle bt_stats, py::handle tracking_stats, py::handle stats_dict) {
@@ -233,12 +233,13 @@ py::object rejection_stats_from_backtest(py::handle bt_stats, py::handle trackin
     py::object record = py::reinterpret_borrow<py::object>(tracking_stats);
     // A statistics object that cannot say whether it passed is taken to have passed.
     try {
-        record.attr("passed") = py::bool_(truthy(attr_or(bt_stats, "passed", py::bool_(true))));
+        set_attr(record, "passed", py::bool_(truthy(attr_or(bt_stats, "passed", py::bool_(true)))));
     } catch (py::error_already_set&) {
-        record.attr("passed") = true;
+        set_attr(record, "passed", py::bool_(true));
     }
-    record.attr("abs_weight_sum_mean") = finite_number_or_default(dict_get(stats_dict, "abs_weight_sum_mean"), 0.0);
-    record.attr("weight_quality_metrics") = copy_if_map(attr_or(bt_stats, "weight_quality_metrics"));
+    set_attr(record, "abs_weight_sum_mean",
+             py::float_(finite_number_or_default(dict_get(stats_dict, "abs_weight_sum_mean"), 0.0)));
+    set_attr(record, "weight_quality_metrics", copy_if_map(attr_or(bt_stats, "weight_quality_metrics")));
     return record;
 }
 

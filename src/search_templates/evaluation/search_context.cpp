@@ -136,9 +136,9 @@ SearchContext::SearchContext(py::object vocab, py::object universe, py::object m
 py::object SearchContext::vocabulary_copy() const { return deepcopy(_vocabulary); }
 
 bool SearchContext::submission_cancelled() const {
-    if (!_stop_event.is_none() && truthy(_stop_event.attr("is_set")())) return true;
+    if (!_stop_event.is_none() && truthy(call_method(_stop_event, "is_set"))) return true;
     if (_replacement_abort_event.is_none()) return false;
-    return truthy(_replacement_abort_event.attr("is_set")());
+    return truthy(call_method(_replacement_abort_event, "is_set"));
 }
 
 py::object SearchContext::safe_record(py::object graph, bool passed_thresholds, py::object rejection_reason,
@@ -155,16 +155,17 @@ py::object SearchContext::safe_record(py::object graph, bool passed_thresholds, 
         for (const char* key :
              {"is_correlation", "is_pnl_mi", "agent_is_pnl_mi", "is_weights_mi", "failure_reason", "failure_detail"})
             dict_set(kwargs, key, dict_get(metrics, key));
-        _tracker_write_lock.attr("acquire")();
+        py::object record = py::getattr(_tracker, cached_name("record_signal_evaluation"));
+        call_method(_tracker_write_lock, "acquire");
         py::object result;
         try {
-            result = _tracker.attr("record_signal_evaluation")(graph, stats, _era_id, passed_thresholds, _universe_id,
-                                                               _metaparams_for_db, **kwargs);
+            result = call_kw(record, {graph, stats, _era_id, py::bool_(passed_thresholds), _universe_id,
+                                      _metaparams_for_db}, kwargs);
         } catch (...) {
-            _tracker_write_lock.attr("release")();
+            call_method(_tracker_write_lock, "release");
             throw;
         }
-        _tracker_write_lock.attr("release")();
+        call_method(_tracker_write_lock, "release");
         return result;
     } catch (py::error_already_set& e) {
         if (!e.matches(PyExc_OSError)) throw;

@@ -5,7 +5,11 @@
 #include "common/search_status.hpp"
 #include "host/bindings.hpp"
 
+#include <cstring>
 #include <string>
+#include <vector>
+
+#include <pybind11/stl.h>
 
 namespace quillmarsh::st {
 
@@ -39,6 +43,17 @@ void bind_helper_tests(py::module_& m) {
           py::arg("obj"), py::arg("name"), py::arg("default") = py::none());
     h.def("callable_attr", [](py::object o, const std::string& n) { return callable_attr(o, n.c_str()); });
     h.def("module_attr_or_none", [](const std::string& n) { return module_attr_or_none(n.c_str()); });
+    // Every name goes through one reused buffer, as a caller passing a temporary's c_str() would.
+    h.def("cached_names", [](const std::vector<std::string>& names) {
+        char buffer[256];
+        py::list out;
+        for (const std::string& n : names) {
+            if (n.size() >= sizeof buffer) throw py::value_error("name too long for the test buffer");
+            std::memcpy(buffer, n.c_str(), n.size() + 1);
+            out.append(py::handle(cached_name(buffer)));
+        }
+        return out;
+    });
     h.def("type_tests", [](py::object o) {
         py::dict d;
         d["dict"] = is_dict(o);
