@@ -1,4 +1,5 @@
 #include "kernels.hpp"
+#include "lanes.hpp"
 
 #include <algorithm>
 #include <cmath>
@@ -461,30 +462,38 @@ void binary(Binary op, const double* x, const double* y, double* out, size_t n) 
 }
 
 namespace {
-// Demean the valid values of one row, put 0 where there is no signal, scale to unit gross. Returns false
-// (row left all zero) when there is nothing to hold.
-inline bool demean_and_scale(const double* src, double* o, size_t N) {
-  double s = 0.0, m = 0.0;
-  for (size_t n = 0; n < N; ++n) {
-    bool valid = src[n] == src[n];
-    s += valid ? src[n] : 0.0;
-    m += valid ? 1.0 : 0.0;
-  }
-  double mean = m > 0.0 ? s / m : 0.0;
-  double gross = 0.0;
-  for (size_t n = 0; n < N; ++n) {
-    double d = src[n] == src[n] ? src[n] - mean : 0.0;
-    o[n] = d;
-    gross += std::fabs(d);
-  }
+// Demean the valid values of one row into o, 0 where there is no signal. Returns the factor that scales
+// the row to unit gross (and sets `largest` to the largest |deviation|), or 0 when there is nothing to
+// hold; o is then all zero.
+QM_INLINE double demean(const double* __restrict src, double* __restrict o, size_t N, double& largest) {
+  using namespace lanes;
+  v4d s = splat(0.0);
+  v4l m = splat_int(0);
+  blocks(N, [&](size_t n, size_t k) QM_LAMBDA {
+    v4d v = load(src + n, k, kNaN);
+    v4l ok = valid(v);
+    s += select(ok, v, splat(0.0));
+    m -= ok;
+  });
+  const double count = double(sum(m));
+  const double mean = count > 0.0 ? sum(s) / count : 0.0;
+  v4d gross = splat(0.0), mx = splat(0.0);
+  blocks(N, [&](size_t n, size_t k) QM_LAMBDA {
+    v4d v = load(src + n, k, kNaN);
+    v4d d = select(valid(v), v - mean, splat(0.0));
+    store(o + n, d, k);
+    v4d a = abs(d);
+    gross += a;
+    mx = max(mx, a);
+  });
+  const double g = sum(gross);
+  largest = max(mx);
   // A spread this small relative to the level is rounding residue of a constant row.
-  if (!(gross > 1e-12 * std::fabs(mean) * m) || !(gross > 0.0)) {
+  if (!(g > 1e-12 * std::fabs(mean) * count) || !(g > 0.0)) {
     std::fill(o, o + N, 0.0);
-    return false;
+    return 0.0;
   }
-  const double inv = 1.0 / gross;
-  for (size_t n = 0; n < N; ++n) o[n] *= inv;
-  return true;
+  return 1.0 / g;
 }
 }  // namespace
 
@@ -522,12 +531,13 @@ bool normalise(const double* signal, std::vector<double>& panel, size_t T, size_
 
 // One day of the book: demean, scale to unit gross, cap at `truncation` by water-filling (weights above
 // the cap are pinned to it and the rest re-scaled to fill the book, until no free weight exceeds it; at
-// most N rounds, each pinning at least one weight).
-void book_row(const double* src, double* o, size_t N, double truncation, char* pinned) {
-  if (!demean_and_scale(src, o, N)) return;
-  double largest = 0.0;
-  for (size_t n = 0; n < N; ++n) largest = std::max(largest, std::fabs(o[n]));
-  if (!(truncation > 0.0 && largest > truncation)) return;
+// most N rounds, each pinning at least one weight). Leaves the demeaned row in o and returns the factor
+// that turns it into the book: 1/gross when no weight reaches the cap, else 1 with o already the book.
+QM_INLINE double book_row(const double* src, double* o, size_t N, double truncation, char* pinned) {
+  double largest;
+  const double inv = demean(src, o, N, largest);
+  if (!(inv > 0.0) || !(truncation > 0.0 && largest * inv > truncation)) return inv;
+  for (size_t n = 0; n < N; ++n) o[n] *= inv;
   std::fill(pinned, pinned + N, 0);
   size_t npinned = 0;
   for (size_t round = 0; round <= N; ++round) {
@@ -547,67 +557,85 @@ void book_row(const double* src, double* o, size_t N, double truncation, char* p
     for (size_t n = 0; n < N; ++n) if (pinned[n]) o[n] = std::copysign(truncation, o[n]);
   }
   for (size_t n = 0; n < N; ++n) if (pinned[n]) o[n] = std::copysign(truncation, o[n]);
+  return 1.0;
 }
 
-// One day of the daily series; `prev` is the previous day's book (null on the first day).
+// One day of the daily series. The day's book is scale * src, written to w; `prev` is the previous day's
+// book (all zero before the first day). Every test is a lane mask, the flag a 0/1 multiplier.
 template <bool HasFlag>
-void daily_row(const double* __restrict w, const double* __restrict prev, const double* __restrict r,
-               const double* __restrict f, size_t N, DailySeries& s, size_t t) {
-  double pnl = 0.0, traded = 0.0, longs = 0.0, shorts = 0.0, net = 0.0, gross = 0.0, mx = 0.0;
-  double flagged = 0.0;
-  if (prev) {
-    for (size_t n = 0; n < N; ++n) traded += std::fabs(w[n] - prev[n]);
-  } else {
-    for (size_t n = 0; n < N; ++n) traded += std::fabs(w[n]);
-  }
-  // Branch-free: every test is a select; the flag is a 0/1 multiplier.
-  for (size_t n = 0; n < N; ++n) {
-    double v = w[n], a = std::fabs(v);
-    pnl += v * (r[n] == r[n] ? r[n] : 0.0);
-    longs += v > 0.0 ? 1.0 : 0.0;
-    shorts += v < 0.0 ? 1.0 : 0.0;
+QM_INLINE void daily_row(const double* __restrict src, double scale, double* __restrict w,
+                         const double* __restrict prev, const double* __restrict r,
+                         const double* __restrict f, size_t N, DailySeries& s, size_t t) {
+  using namespace lanes;
+  const v4d zero = splat(0.0);
+  v4d pnl = zero, traded = zero, net = zero, gross = zero, mx = zero, flagged = zero;
+  v4l longs = splat_int(0), shorts = splat_int(0);
+  blocks(N, [&](size_t n, size_t k) QM_LAMBDA {
+    v4d v = load(src + n, k, 0.0) * scale;
+    store(w + n, v, k);
+    v4d ret = load(r + n, k, 0.0);
+    v4d a = abs(v);
+    traded += abs(v - load(prev + n, k, 0.0));
+    pnl += v * select(valid(ret), ret, zero);
+    longs -= v > zero;
+    shorts -= v < zero;
     net += v;
     gross += a;
-    mx = a > mx ? a : mx;
-    if constexpr (HasFlag) flagged += f[n] * a;
-  }
-  s.pnl[t] = pnl; s.traded[t] = traded; s.longs[t] = longs; s.shorts[t] = shorts;
-  s.net[t] = net; s.abs_sum[t] = gross; s.max_share[t] = gross > 0.0 ? mx / gross : 0.0;
-  s.held[t] = longs + shorts; s.flagged[t] = flagged;
+    mx = max(mx, a);
+    if constexpr (HasFlag) flagged += load(f + n, k, 0.0) * a;
+  });
+  const double g = sum(gross), l = double(sum(longs)), sh = double(sum(shorts));
+  s.pnl[t] = sum(pnl); s.traded[t] = sum(traded); s.longs[t] = l; s.shorts[t] = sh;
+  s.net[t] = sum(net); s.abs_sum[t] = g; s.max_share[t] = g > 0.0 ? max(mx) / g : 0.0;
+  s.held[t] = l + sh; s.flagged[t] = sum(flagged);
 }
 
-inline void daily(const double* w, const double* prev, const double* r, const double* f, size_t N,
-                  DailySeries& s, size_t t) {
-  if (f) daily_row<true>(w, prev, r, f, N, s, t);
-  else daily_row<false>(w, prev, r, nullptr, N, s, t);
+// The daily series of books given row by row: book t is scale(t) * rows(t), kept for day t + 1.
+template <class Rows>
+QM_INLINE void daily_series(const double* fwd, const double* flag, size_t T, size_t N, DailySeries& s,
+                            Rows&& rows) {
+  std::vector<double> cur(N), prev(N, 0.0);
+  for (size_t t = 0; t < T; ++t) {
+    double scale;
+    const double* src = rows(t, scale);
+    if (flag) daily_row<true>(src, scale, cur.data(), prev.data(), fwd + t * N, flag + t * N, N, s, t);
+    else daily_row<false>(src, scale, cur.data(), prev.data(), fwd + t * N, nullptr, N, s, t);
+    std::swap(cur, prev);
+  }
 }
 }  // namespace
 
+QM_LANES_CLONES
 void book_weights(const double* signal, double* weights, size_t T, size_t N, Normalization norm,
                   int decay, double truncation, int* scratch) {
   std::vector<double> panel;
   const double* src = normalise(signal, panel, T, N, norm, decay, scratch) ? panel.data() : signal;
-  for (size_t t = 0; t < T; ++t)
-    book_row(src + t * N, weights + t * N, N, truncation, reinterpret_cast<char*>(scratch));
+  for (size_t t = 0; t < T; ++t) {
+    double* o = weights + t * N;
+    const double scale = book_row(src + t * N, o, N, truncation, reinterpret_cast<char*>(scratch));
+    if (scale != 1.0) for (size_t n = 0; n < N; ++n) o[n] *= scale;
+  }
 }
 
+QM_LANES_CLONES
 void book_daily(const double* weights, const double* fwd, const double* flag, size_t T, size_t N,
                 DailySeries s) {
-  for (size_t t = 0; t < T; ++t)
-    daily(weights + t * N, t ? weights + (t - 1) * N : nullptr, fwd + t * N, flag ? flag + t * N : nullptr,
-          N, s, t);
+  daily_series(fwd, flag, T, N, s, [&](size_t t, double& scale) QM_LAMBDA {
+    scale = 1.0;
+    return weights + t * N;
+  });
 }
 
+QM_LANES_CLONES
 void book_series(const double* signal, const double* fwd, const double* flag, size_t T, size_t N,
                  Normalization norm, int decay, double truncation, int* scratch, DailySeries s) {
   std::vector<double> panel;
   const double* src = normalise(signal, panel, T, N, norm, decay, scratch) ? panel.data() : signal;
-  std::vector<double> cur(N), prev(N);
-  for (size_t t = 0; t < T; ++t) {
-    book_row(src + t * N, cur.data(), N, truncation, reinterpret_cast<char*>(scratch));
-    daily(cur.data(), t ? prev.data() : nullptr, fwd + t * N, flag ? flag + t * N : nullptr, N, s, t);
-    std::swap(cur, prev);
-  }
+  std::vector<double> row(N);
+  daily_series(fwd, flag, T, N, s, [&](size_t t, double& scale) QM_LAMBDA {
+    scale = book_row(src + t * N, row.data(), N, truncation, reinterpret_cast<char*>(scratch));
+    return row.data();
+  });
 }
 
 }  // namespace quillmarsh::local

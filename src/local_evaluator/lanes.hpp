@@ -1,0 +1,77 @@
+// Four-lane double vectors for the row loops of the kernels (GCC/Clang vector extensions).
+//
+// A row is walked in blocks of four columns; the last block of a row whose length is not a multiple of
+// four is loaded with a neutral fill in its unused lanes and stored back partially, so every loop has one
+// body. Comparisons give int64 lanes of 0 or -1: counting is an integer subtraction, selecting a bitwise
+// blend, and nothing branches on the data.
+//
+// The hottest kernels are compiled twice (QM_LANES_CLONES): for x86-64-v3 (AVX2, FMA), where a block is one
+// instruction, and for the plain x86-64 baseline, where it is two SSE2 instructions; the loader picks the
+// clone for the machine it runs on.
+#pragma once
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+
+// The helpers below take and return 32-byte vectors. They are always inlined, so no vector ever crosses a
+// real call boundary and GCC's note about the AVX calling convention does not apply to them.
+#pragma GCC diagnostic ignored "-Wpsabi"
+
+#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
+#define QM_LANES_CLONES __attribute__((target_clones("arch=x86-64-v3", "default")))
+#else
+#define QM_LANES_CLONES
+#endif
+#define QM_INLINE [[gnu::always_inline]] inline
+// For lambdas whose bodies must be compiled into the (cloned) function that calls them.
+#define QM_LAMBDA __attribute__((always_inline))
+
+namespace quillmarsh::local::lanes {
+
+typedef double v4d __attribute__((vector_size(32)));
+typedef std::int64_t v4l __attribute__((vector_size(32)));
+constexpr std::size_t kLanes = 4;
+
+QM_INLINE v4d splat(double a) { return v4d{a, a, a, a}; }
+QM_INLINE v4l splat_int(std::int64_t a) { return v4l{a, a, a, a}; }
+
+// The first k lanes from p (k <= 4), the others `fill`.
+QM_INLINE v4d load(const double* p, std::size_t k, double fill) {
+  v4d v;
+  if (k == kLanes) {
+    std::memcpy(&v, p, sizeof v);
+  } else {
+    v = splat(fill);
+    for (std::size_t i = 0; i < k; ++i) v[i] = p[i];
+  }
+  return v;
+}
+QM_INLINE void store(double* p, v4d v, std::size_t k) {
+  if (k == kLanes) std::memcpy(p, &v, sizeof v);
+  else for (std::size_t i = 0; i < k; ++i) p[i] = v[i];
+}
+
+QM_INLINE v4d select(v4l mask, v4d a, v4d b) {  // mask ? a : b, lane by lane
+  return (v4d)(((v4l)a & mask) | ((v4l)b & ~mask));
+}
+QM_INLINE v4l valid(v4d x) { return x == x; }  // not NaN
+QM_INLINE v4d abs(v4d x) { return (v4d)((v4l)x & splat_int(INT64_MAX)); }
+QM_INLINE v4d max(v4d a, v4d b) { return select(a > b, a, b); }
+QM_INLINE v4d to_double(v4l x) { return __builtin_convertvector(x, v4d); }
+
+QM_INLINE double sum(v4d v) { return (v[0] + v[1]) + (v[2] + v[3]); }
+QM_INLINE std::int64_t sum(v4l v) { return (v[0] + v[1]) + (v[2] + v[3]); }
+QM_INLINE double max(v4d v) {
+  double a = v[0] > v[1] ? v[0] : v[1], b = v[2] > v[3] ? v[2] : v[3];
+  return a > b ? a : b;
+}
+
+// f(n, k) for the blocks of a row of N: k = 4 in the body, k < 4 once for the tail.
+template <class F>
+QM_INLINE void blocks(std::size_t N, F&& f) {
+  std::size_t n = 0;
+  for (; n + kLanes <= N; n += kLanes) f(n, kLanes);
+  if (n < N) f(n, N - n);
+}
+
+}  // namespace quillmarsh::local::lanes
