@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <cmath>
+#include <cstdint>
+#include <cstring>
 #include <limits>
 #include <numeric>
 #include <vector>
@@ -199,46 +201,63 @@ void ts_max(const double* x, double* out, size_t T, size_t N, int w, double* scr
   ts_extreme<false>(x, out, T, N, w, scratch, scratch + T * N);
 }
 
+namespace {
+// Rolling rank of R consecutive days t0 .. t0+R-1. Their windows overlap in all but R - 1 rows, so each
+// row of the union is loaded once and compared with the R days it belongs to. `count` holds the number of
+// valid values in each column's window of day t0 - 1 and is left at that of day t0 + R - 1.
+template <int R>
+QM_INLINE void rank_days(const double* x, double* out, size_t N, size_t t0, int w, double mp, double* count) {
+  using namespace lanes;
+  const size_t W = size_t(w);
+  const size_t lo = t0 + 1 >= W ? t0 + 1 - W : 0;                 // first row of the first day's window
+  const size_t common = t0 + R >= W ? t0 + R - W : 0;            // first row in every day's window
+  blocks(N, [&](size_t n, size_t k) QM_LAMBDA {
+    // twice[i] counts 2 for each value of day i's window below c[i] and 1 for each equal to it.
+    v4d c[R], cnt[R];
+    v4l twice[R];
+    v4d running = load(count + n, k, 0.0);
+    for (int i = 0; i < R; ++i) {
+      const size_t t = t0 + i;
+      c[i] = load(x + t * N + n, k, kNaN);
+      running += select(valid(c[i]), splat(1.0), splat(0.0));
+      if (t >= W) running -= select(valid(load(x + (t - W) * N + n, k, kNaN)), splat(1.0), splat(0.0));
+      cnt[i] = running;
+      twice[i] = splat_int(0);
+    }
+    store(count + n, running, k);
+    auto edge = [&](size_t j) QM_LAMBDA {  // a row that only some of the days' windows hold
+      v4d v = load(x + j * N + n, k, kNaN);
+      for (int i = 0; i < R; ++i) {
+        const v4l in = splat_int(j <= t0 + i && j + W > t0 + i ? -1 : 0);
+        twice[i] -= ((v < c[i]) & in) + ((v <= c[i]) & in);
+      }
+    };
+    const size_t mid = std::max(lo, common);
+    for (size_t j = lo; j < mid; ++j) edge(j);
+    const double* p = x + mid * N + n;
+    for (size_t j = mid; j <= t0; ++j, p += N) {
+      v4d v = load(p, k, kNaN);
+      for (int i = 0; i < R; ++i) twice[i] -= (v < c[i]) + (v <= c[i]);
+    }
+    for (size_t j = std::max(mid, t0 + 1); j < t0 + R; ++j) edge(j);
+    for (int i = 0; i < R; ++i) {
+      v4d r = (small_to_double(twice[i]) - 1.0) / (2.0 * (cnt[i] - 1.0));
+      r = select(cnt[i] <= 1.0, splat(0.5), r);
+      store(out + (t0 + i) * N + n, select(valid(c[i]) & (cnt[i] >= mp), r, splat(kNaN)), k);
+    }
+  });
+}
+}  // namespace
+
+QM_LANES_CLONES
 void ts_rank(const double* x, double* out, size_t T, size_t N, int w) {
   const double mp = min_periods(w, false);
-  auto finish = [mp](double c, double less, double equal, double valid) {
-    if (!ok(c) || valid < mp) return kNaN;
-    return valid <= 1.0 ? 0.5 : (less + 0.5 * (equal - 1.0)) / (valid - 1.0);
-  };
-  for (size_t t = 0; t < T; ++t) {
-    const double* cur = x + t * N;
-    double* o = out + t * N;
-    const size_t span = std::min(size_t(w), t + 1);
-    const double* first = x + (t + 1 - span) * N;  // oldest row of the window
-    size_t n = 0;
-#ifdef __SSE2__
-    // Two columns at a time, the three counters in registers; a comparison mask ANDed with 1.0 counts.
-    const __m128d one = _mm_set1_pd(1.0);
-    for (; n + 2 <= N; n += 2) {
-      __m128d c = _mm_loadu_pd(cur + n);
-      __m128d less = _mm_setzero_pd(), equal = _mm_setzero_pd(), valid = _mm_setzero_pd();
-      const double* p = first + n;
-      for (size_t k = 0; k < span; ++k, p += N) {
-        __m128d v = _mm_loadu_pd(p);
-        less = _mm_add_pd(less, _mm_and_pd(_mm_cmplt_pd(v, c), one));
-        equal = _mm_add_pd(equal, _mm_and_pd(_mm_cmpeq_pd(v, c), one));
-        valid = _mm_add_pd(valid, _mm_and_pd(_mm_cmpord_pd(v, v), one));
-      }
-      alignas(16) double l[2], e[2], v[2];
-      _mm_store_pd(l, less); _mm_store_pd(e, equal); _mm_store_pd(v, valid);
-      o[n] = finish(cur[n], l[0], e[0], v[0]);
-      o[n + 1] = finish(cur[n + 1], l[1], e[1], v[1]);
-    }
-#endif
-    for (; n < N; ++n) {
-      double c = cur[n], less = 0.0, equal = 0.0, valid = 0.0;
-      const double* p = first + n;
-      for (size_t k = 0; k < span; ++k, p += N) {
-        less += double(*p < c); equal += double(*p == c); valid += double(*p == *p);
-      }
-      o[n] = finish(c, less, equal, valid);
-    }
-  }
+  // Valid values in each column's window, kept as the window moves; the pass over the window then only
+  // counts the values below and equal to each day's.
+  std::vector<double> count(N, 0.0);
+  size_t t = 0;
+  for (; t + 4 <= T; t += 4) rank_days<4>(x, out, N, t, w, mp, count.data());
+  for (; t < T; ++t) rank_days<1>(x, out, N, t, w, mp, count.data());
 }
 
 void ts_decay_linear(const double* x, double* out, size_t T, size_t N, int w, int minp) {
@@ -353,23 +372,100 @@ void ts_cov(const double* x, const double* y, double* out, size_t T, size_t N, i
   });
 }
 
-void cs_rank(const double* x, double* out, size_t T, size_t N, int*) {
-  std::vector<std::pair<double, int>> v(N);
-  for (size_t t = 0; t < T; ++t) {
-    const double* row = x + t * N;
-    double* o = out + t * N;
+namespace {
+// Sorts the valid values of a row by keys whose unsigned order is the numeric order of the values: an LSD
+// radix sort, one byte a pass, on the upper 32 bits of the keys (sign, exponent and the leading 20 bits of
+// the mantissa), then an insertion pass on the full keys, which only moves values that agree in those 32
+// bits but differ below them: rare, and adjacent after the radix passes. The histograms of all four bytes
+// come from one pass over the keys; a pass whose byte is the same for every key is skipped.
+class RowSort {
+ public:
+  explicit RowSort(size_t N)
+      : key_(N), idx_{std::vector<uint32_t>(N), std::vector<uint32_t>(N)},
+        high_{std::vector<uint32_t>(N), std::vector<uint32_t>(N)} {}
+
+  // Order key of a value that is not NaN. -0.0 and +0.0 are equal, and share a key.
+  static uint64_t key(double v) {
+    v += 0.0;  // -0.0 + 0.0 is +0.0
+    uint64_t b;
+    std::memcpy(&b, &v, sizeof b);
+    return b ^ (uint64_t(int64_t(b) >> 63) | (uint64_t(1) << 63));  // negatives: all bits; others: the sign
+  }
+
+  // Takes the valid values of row (writing NaN to o where there are none) and sorts them; returns their
+  // count. keys()[i] and index()[i] are then the i-th smallest key and the column it came from.
+  size_t sort(const double* row, double* o, size_t N) {
+    uint32_t* h32 = high_[0].data();
+    uint32_t* ix = idx_[0].data();
     size_t m = 0;
-    for (size_t n = 0; n < N; ++n) {
-      if (ok(row[n])) v[m++] = {row[n], int(n)}; else o[n] = kNaN;
+    for (size_t n = 0; n < N; ++n) {  // branch-free: every value is written, only valid ones are kept
+      double v = row[n];
+      h32[m] = uint32_t(key(v == v ? v : 0.0) >> 32);
+      ix[m] = uint32_t(n);
+      o[n] = kNaN;
+      m += v == v;
     }
-    std::sort(v.begin(), v.begin() + m,
-              [](const std::pair<double, int>& a, const std::pair<double, int>& b) { return a.first < b.first; });
-    if (m == 1) { o[v[0].second] = 0.5; continue; }
+    std::memset(hist_, 0, sizeof hist_);
+    for (size_t i = 0; i < m; ++i) {
+      uint32_t v = h32[i];
+      ++hist_[0][v & 0xff]; ++hist_[1][(v >> 8) & 0xff]; ++hist_[2][(v >> 16) & 0xff]; ++hist_[3][v >> 24];
+    }
+    int cur = 0;
+    for (int d = 0; d < 4 && m > 1; ++d) {
+      const unsigned shift = 8 * d;
+      uint32_t* h = hist_[d];
+      if (h[(high_[cur][0] >> shift) & 0xff] == m) continue;  // one bucket holds every key
+      uint32_t at = 0;
+      for (int b = 0; b < 256; ++b) { uint32_t c = h[b]; h[b] = at; at += c; }
+      const uint32_t* __restrict ks = high_[cur].data();
+      const uint32_t* __restrict is = idx_[cur].data();
+      uint32_t* __restrict kd = high_[cur ^ 1].data();
+      uint32_t* __restrict id = idx_[cur ^ 1].data();
+      for (size_t i = 0; i < m; ++i) {
+        uint32_t pos = h[(ks[i] >> shift) & 0xff]++;
+        kd[pos] = ks[i];
+        id[pos] = is[i];
+      }
+      cur ^= 1;
+    }
+    sorted_ = idx_[cur].data();
+    uint64_t* k = key_.data();
+    for (size_t i = 0; i < m; ++i) {
+      const uint64_t v = key(row[sorted_[i]]);
+      size_t j = i;
+      if (j > 0 && k[j - 1] > v) {  // only when the upper 32 bits tie
+        const uint32_t col = sorted_[i];
+        for (; j > 0 && k[j - 1] > v; --j) { k[j] = k[j - 1]; sorted_[j] = sorted_[j - 1]; }
+        sorted_[j] = col;
+      }
+      k[j] = v;
+    }
+    return m;
+  }
+  const uint64_t* keys() const { return key_.data(); }
+  const uint32_t* index() const { return sorted_; }
+
+ private:
+  std::vector<uint64_t> key_;
+  std::vector<uint32_t> idx_[2], high_[2];
+  uint32_t* sorted_ = nullptr;
+  uint32_t hist_[4][256];
+};
+}  // namespace
+
+void cs_rank(const double* x, double* out, size_t T, size_t N, int*) {
+  RowSort sorter(N);
+  for (size_t t = 0; t < T; ++t) {
+    double* o = out + t * N;
+    const size_t m = sorter.sort(x + t * N, o, N);
+    const uint64_t* k = sorter.keys();
+    const uint32_t* ix = sorter.index();
+    if (m == 1) { o[ix[0]] = 0.5; continue; }
     for (size_t i = 0; i < m;) {
       size_t j = i;
-      while (j + 1 < m && v[j + 1].first == v[i].first) ++j;
+      while (j + 1 < m && k[j + 1] == k[i]) ++j;
       double r = 0.5 * double(i + j) / double(m - 1);  // average of the tied zero-based ranks
-      for (size_t k = i; k <= j; ++k) o[v[k].second] = r;
+      for (size_t q = i; q <= j; ++q) o[ix[q]] = r;
       i = j + 1;
     }
   }

@@ -57,7 +57,10 @@ QM_INLINE v4d select(v4l mask, v4d a, v4d b) {  // mask ? a : b, lane by lane
 QM_INLINE v4l valid(v4d x) { return x == x; }  // not NaN
 QM_INLINE v4d abs(v4d x) { return (v4d)((v4l)x & splat_int(INT64_MAX)); }
 QM_INLINE v4d max(v4d a, v4d b) { return select(a > b, a, b); }
-QM_INLINE v4d to_double(v4l x) { return __builtin_convertvector(x, v4d); }
+// Exact for 0 <= x < 2^52, such as counts: x's bits under the exponent of 2^52, less 2^52.
+QM_INLINE v4d small_to_double(v4l x) {
+  return (v4d)(x | splat_int(0x4330000000000000)) - splat(4503599627370496.0);
+}
 
 QM_INLINE double sum(v4d v) { return (v[0] + v[1]) + (v[2] + v[3]); }
 QM_INLINE std::int64_t sum(v4l v) { return (v[0] + v[1]) + (v[2] + v[3]); }
