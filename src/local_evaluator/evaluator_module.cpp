@@ -48,25 +48,22 @@ Panel ts(const std::string& op, const py::array& x, int window) {
   check_window(window, op == "delay" || op == "delta" ? "lag" : "window");
   Panel out = new_panel(v);
   double* o = out.mutable_data();
-  std::vector<double> scratch;
   using Fn = void (*)(const double*, double*, size_t, size_t, int);
   Fn fn = nullptr;
-  if (op == "sum") fn = ql::ts_sum;
-  else if (op == "mean") fn = ql::ts_mean;
-  else if (op == "std") fn = ql::ts_std;
-  else if (op == "zscore") fn = ql::ts_zscore;
-  else if (op == "rank") fn = ql::ts_rank;
-  else if (op == "delay") fn = ql::ts_delay;
-  else if (op == "delta") fn = ql::ts_delta;
-  else if (op == "min" || op == "max" || op == "decay_linear") {
-    if (op != "decay_linear") scratch.resize(2 * v.N * v.T);
-  } else throw py::value_error("unknown time-series operator '" + op + "'");
+  if (op == "sum") fn = ql::kernels().ts_sum;
+  else if (op == "mean") fn = ql::kernels().ts_mean;
+  else if (op == "std") fn = ql::kernels().ts_std;
+  else if (op == "zscore") fn = ql::kernels().ts_zscore;
+  else if (op == "rank") fn = ql::kernels().ts_rank;
+  else if (op == "delay") fn = ql::kernels().ts_delay;
+  else if (op == "delta") fn = ql::kernels().ts_delta;
+  else if (op == "min") fn = ql::kernels().ts_min;
+  else if (op == "max") fn = ql::kernels().ts_max;
+  else if (op != "decay_linear") throw py::value_error("unknown time-series operator '" + op + "'");
   {
     py::gil_scoped_release release;
     if (fn) fn(v.data, o, v.T, v.N, window);
-    else if (op == "min") ql::ts_min(v.data, o, v.T, v.N, window, scratch.data());
-    else if (op == "max") ql::ts_max(v.data, o, v.T, v.N, window, scratch.data());
-    else ql::ts_decay_linear(v.data, o, v.T, v.N, window, ql::min_periods(window, false));
+    else ql::kernels().ts_decay_linear(v.data, o, v.T, v.N, window, ql::min_periods(window, false));
   }
   return out;
 }
@@ -79,8 +76,8 @@ Panel ts2(const std::string& op, const py::array& x, const py::array& y, int win
   Panel out = new_panel(a);
   double* o = out.mutable_data();
   py::gil_scoped_release release;
-  if (op == "corr") ql::ts_corr(a.data, b.data, o, a.T, a.N, window);
-  else ql::ts_cov(a.data, b.data, o, a.T, a.N, window);
+  if (op == "corr") ql::kernels().ts_corr(a.data, b.data, o, a.T, a.N, window);
+  else ql::kernels().ts_cov(a.data, b.data, o, a.T, a.N, window);
   return out;
 }
 
@@ -90,12 +87,11 @@ Panel cs(const std::string& op, const py::array& x) {
     throw py::value_error("unknown cross-sectional operator '" + op + "'");
   Panel out = new_panel(v);
   double* o = out.mutable_data();
-  std::vector<int> scratch(v.N + 1);
   py::gil_scoped_release release;
-  if (op == "rank") ql::cs_rank(v.data, o, v.T, v.N, scratch.data());
-  else if (op == "zscore") ql::cs_zscore(v.data, o, v.T, v.N);
-  else if (op == "demean") ql::cs_demean(v.data, o, v.T, v.N);
-  else ql::cs_scale(v.data, o, v.T, v.N);
+  if (op == "rank") ql::kernels().cs_rank(v.data, o, v.T, v.N);
+  else if (op == "zscore") ql::kernels().cs_zscore(v.data, o, v.T, v.N);
+  else if (op == "demean") ql::kernels().cs_demean(v.data, o, v.T, v.N);
+  else ql::kernels().cs_scale(v.data, o, v.T, v.N);
   return out;
 }
 
@@ -113,7 +109,7 @@ Panel unary(const std::string& op, const py::array& x) {
   Panel out = new_panel(v);
   double* o = out.mutable_data();
   py::gil_scoped_release release;
-  ql::unary(u, v.data, o, v.T * v.N);
+  ql::kernels().unary(u, v.data, o, v.T * v.N);
   return out;
 }
 
@@ -131,7 +127,7 @@ Panel binary(const std::string& op, const py::array& x, const py::array& y) {
   Panel out = new_panel(a);
   double* o = out.mutable_data();
   py::gil_scoped_release release;
-  ql::binary(f, a.data, b.data, o, a.T * a.N);
+  ql::kernels().binary(f, a.data, b.data, o, a.T * a.N);
   return out;
 }
 
@@ -153,9 +149,8 @@ Panel book_weights(const py::array& signal, const std::string& normalization, in
   ql::Normalization norm = parse_normalization(normalization, decay, truncation);
   Panel out = new_panel(v);
   double* o = out.mutable_data();
-  std::vector<int> scratch(v.N + 1);
   py::gil_scoped_release release;
-  ql::book_weights(v.data, o, v.T, v.N, norm, decay, truncation, scratch.data());
+  ql::kernels().book_weights(v.data, o, v.T, v.N, norm, decay, truncation);
   return out;
 }
 
@@ -189,7 +184,7 @@ py::tuple book_daily(const py::array& weights, const py::array& fwd_returns, con
   Series out(w.T);
   {
     py::gil_scoped_release release;
-    ql::book_daily(w.data, r.data, f, w.T, w.N, out.s);
+    ql::kernels().book_daily(w.data, r.data, f, w.T, w.N, out.s);
   }
   return out.tuple();
 }
@@ -200,11 +195,10 @@ py::tuple book_series(const py::array& signal, const py::array& fwd_returns, con
   same_shape(v, r);
   ql::Normalization norm = parse_normalization(normalization, decay, truncation);
   const double* f = optional_flag(flag, v);
-  std::vector<int> scratch(v.N + 1);
   Series out(v.T);
   {
     py::gil_scoped_release release;
-    ql::book_series(v.data, r.data, f, v.T, v.N, norm, decay, truncation, scratch.data(), out.s);
+    ql::kernels().book_series(v.data, r.data, f, v.T, v.N, norm, decay, truncation, out.s);
   }
   return out.tuple();
 }

@@ -5,10 +5,8 @@
 // body. Comparisons give int64 lanes of 0 or -1: counting is an integer subtraction, selecting a bitwise
 // blend, and nothing branches on the data.
 //
-// The hottest kernels are compiled twice (QM_LANES_CLONES): for x86-64-v3 (AVX2, FMA), where a block is one
-// instruction, and for the plain x86-64 baseline, where it is two SSE2 instructions; the loader picks the
-// clone for the machine it runs on.
-#pragma once
+// Part of the kernels' bodies, so included once per instruction set (no include guard): on x86-64-v3 a
+// block is one AVX2 instruction, on the plain x86-64 baseline two SSE2 instructions.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
@@ -17,16 +15,13 @@
 // real call boundary and GCC's note about the AVX calling convention does not apply to them.
 #pragma GCC diagnostic ignored "-Wpsabi"
 
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
-#define QM_LANES_CLONES __attribute__((target_clones("arch=x86-64-v3", "default")))
-#else
-#define QM_LANES_CLONES
-#endif
+#ifndef QM_INLINE
 #define QM_INLINE [[gnu::always_inline]] inline
-// For lambdas whose bodies must be compiled into the (cloned) function that calls them.
+// For lambdas whose bodies must be compiled into the function that calls them, for its instruction set.
 #define QM_LAMBDA __attribute__((always_inline))
+#endif
 
-namespace quillmarsh::local::lanes {
+namespace quillmarsh::local::QM_ISA::lanes {
 
 typedef double v4d __attribute__((vector_size(32)));
 typedef std::int64_t v4l __attribute__((vector_size(32)));
@@ -77,4 +72,4 @@ QM_INLINE void blocks(std::size_t N, F&& f) {
   if (n < N) f(n, N - n);
 }
 
-}  // namespace quillmarsh::local::lanes
+}  // namespace quillmarsh::local::QM_ISA::lanes

@@ -1,0 +1,741 @@
+// The kernels' bodies. kernels.cpp includes this file once per instruction set, with QM_ISA naming the
+// namespace of that build (and the GCC target set around the inclusion); there is no include guard.
+#include "lanes.hpp"
+
+namespace quillmarsh::local::QM_ISA {
+
+namespace {
+constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
+inline bool ok(double v) { return !std::isnan(v); }
+}  // namespace
+
+namespace {
+// Running sums of the valid values in each column's window, each column shifted by its first valid value
+// so that sums of squares do not cancel catastrophically for level-like series. `emit_row` turns the
+// sums of a whole row into its outputs; every step is a select, so the row loops vectorise.
+struct Moments {
+  std::vector<double> shift, s1, s2, count;
+  explicit Moments(size_t N) : shift(N, 0.0), s1(N, 0.0), s2(N, 0.0), count(N, 0.0) {}
+  template <class F>
+  void run(const double* x, double* out, size_t T, size_t N, int w, F&& emit_row) {
+    std::vector<char> found(N, 0);
+    size_t left = N;
+    for (size_t t = 0; t < T && left; ++t)
+      for (size_t n = 0; n < N; ++n)
+        if (!found[n] && ok(x[t * N + n])) { shift[n] = x[t * N + n]; found[n] = 1; --left; }
+    double* __restrict a1 = s1.data();
+    double* __restrict a2 = s2.data();
+    double* __restrict c = count.data();
+    const double* __restrict k = shift.data();
+    for (size_t t = 0; t < T; ++t) {
+      const double* __restrict row = x + t * N;
+      if (t >= size_t(w)) {
+        const double* __restrict old = x + (t - w) * N;
+        for (size_t n = 0; n < N; ++n) {
+          double v = old[n];
+          double d = v - k[n];  // computed first, then selected: the form that vectorises
+          d = __builtin_isnan(v) ? 0.0 : d;
+          double one = __builtin_isnan(v) ? 0.0 : 1.0;
+          a1[n] -= d; a2[n] -= d * d; c[n] -= one;
+        }
+      }
+      for (size_t n = 0; n < N; ++n) {
+        double v = row[n];
+        double d = v - k[n];
+        d = __builtin_isnan(v) ? 0.0 : d;
+        double one = __builtin_isnan(v) ? 0.0 : 1.0;
+        double cn = c[n] + one, s1n = a1[n] + d, s2n = a2[n] + d * d;
+        c[n] = cn;
+        a1[n] = cn == 0.0 ? 0.0 : s1n;  // an empty window restarts from exact zeros
+        a2[n] = cn == 0.0 ? 0.0 : s2n;
+      }
+      emit_row(row, out + t * N, N, a1, a2, c, k);
+    }
+  }
+};
+using Sums = const double* __restrict;
+}  // namespace
+
+void ts_sum(const double* x, double* out, size_t T, size_t N, int w) {
+  Moments m(N);
+  const double mp = min_periods(w, false);
+  m.run(x, out, T, N, w, [mp](Sums row, double* __restrict o, size_t n_, Sums a1, Sums, Sums c, Sums k) {
+    for (size_t n = 0; n < n_; ++n)
+    {
+      double r = a1[n] + c[n] * k[n];
+      r = c[n] < mp ? kNaN : r;
+      o[n] = __builtin_isnan(row[n]) ? kNaN : r;
+    }
+  });
+}
+
+void ts_mean(const double* x, double* out, size_t T, size_t N, int w) {
+  Moments m(N);
+  const double mp = min_periods(w, false);
+  m.run(x, out, T, N, w, [mp](Sums row, double* __restrict o, size_t n_, Sums a1, Sums, Sums c, Sums k) {
+    for (size_t n = 0; n < n_; ++n) {
+      double cc = c[n] > 0.0 ? c[n] : 1.0;
+      double r = k[n] + a1[n] / cc;
+      r = c[n] < mp ? kNaN : r;
+      o[n] = __builtin_isnan(row[n]) ? kNaN : r;
+    }
+  });
+}
+
+namespace {
+// Sample variance of a window and whether it is degenerate: a variance this small relative to the squared
+// deviations is rounding residue of a constant window.
+inline double window_var(double a1, double a2, double c, bool& degenerate) {
+  double cc = c > 1.0 ? c : 2.0;
+  double v = (a2 - a1 * a1 / cc) / (cc - 1.0);
+  v = v > 0.0 ? v : 0.0;
+  degenerate = !(v > 1e-14 * (a2 / cc));
+  return v;
+}
+}  // namespace
+
+void ts_std(const double* x, double* out, size_t T, size_t N, int w) {
+  Moments m(N);
+  const double mp = min_periods(w, true);
+  m.run(x, out, T, N, w, [mp](Sums row, double* __restrict o, size_t n_, Sums a1, Sums a2, Sums c, Sums) {
+    for (size_t n = 0; n < n_; ++n) {
+      bool deg;
+      double v = window_var(a1[n], a2[n], c[n], deg);
+      double sd = deg ? 0.0 : std::sqrt(v);
+      o[n] = ((row[n] == row[n]) & (c[n] >= mp)) ? sd : kNaN;
+    }
+  });
+}
+
+void ts_zscore(const double* x, double* out, size_t T, size_t N, int w) {
+  Moments m(N);
+  const double mp = min_periods(w, true);
+  m.run(x, out, T, N, w, [mp](Sums row, double* __restrict o, size_t n_, Sums a1, Sums a2, Sums c, Sums k) {
+    for (size_t n = 0; n < n_; ++n) {
+      bool deg;
+      double v = window_var(a1[n], a2[n], c[n], deg);
+      double cc = c[n] > 0.0 ? c[n] : 1.0;
+      double z = ((row[n] - k[n]) - a1[n] / cc) / std::sqrt(deg ? 1.0 : v);
+      o[n] = ((row[n] == row[n]) & (c[n] >= mp) & !deg) ? z : kNaN;
+    }
+  });
+}
+
+namespace {
+// Van Herk / Gil-Werman: with the days cut into blocks of w, the window ending at t spans the tail of the
+// previous block and the head of its own, so its extreme is better(suffix[t-w+1], prefix[t]), the suffix
+// extremes taken within the previous block and the prefix extremes within t's. One block of suffixes is
+// kept at a time; three comparisons per cell, no branch, whole rows at a time. Missing values count as
+// +inf (min) or -inf (max).
+template <bool IsMin>
+void ts_extreme(const double* x, double* out, size_t T, size_t N, int w) {
+  const double fill = IsMin ? std::numeric_limits<double>::infinity() : -std::numeric_limits<double>::infinity();
+  auto pick = [](double a, double b) { return IsMin ? (a < b ? a : b) : (a > b ? a : b); };
+  const size_t W = size_t(w);
+  const double mp = min_periods(w, false);
+  std::vector<double> suffix_v(std::min(W, T) * N), prefix_v(N), count_v(N, 0.0);
+  double* __restrict prefix = prefix_v.data();
+  double* __restrict count = count_v.data();
+  for (size_t b = 0; b < T; b += W) {
+    const size_t e = std::min(T, b + W);
+    for (size_t t = b; t < e; ++t) {
+      const double* __restrict row = x + t * N;
+      double* __restrict o = out + t * N;
+      for (size_t n = 0; n < N; ++n) {
+        const double v = row[n] == row[n] ? row[n] : fill;
+        prefix[n] = t == b ? v : pick(v, prefix[n]);
+        count[n] += row[n] == row[n] ? 1.0 : 0.0;
+      }
+      if (t >= W) {
+        const double* __restrict old = x + (t - W) * N;
+        for (size_t n = 0; n < N; ++n) count[n] -= old[n] == old[n] ? 1.0 : 0.0;
+      }
+      // The window starts in the previous block unless it is t's whole block or cut short by the first day.
+      const double* __restrict h = b > 0 && t + 1 < b + W ? suffix_v.data() + (t + 1 - b) * N : nullptr;
+      for (size_t n = 0; n < N; ++n) {
+        double r = h ? pick(h[n], prefix[n]) : prefix[n];
+        r = count[n] < mp ? kNaN : r;
+        o[n] = row[n] == row[n] ? r : kNaN;
+      }
+    }
+    if (e == T) break;
+    for (size_t t = e; t-- > b;) {  // this block's suffixes, for the next
+      const double* __restrict row = x + t * N;
+      double* __restrict h = suffix_v.data() + (t - b) * N;
+      for (size_t n = 0; n < N; ++n) {
+        const double v = row[n] == row[n] ? row[n] : fill;
+        h[n] = t + 1 == e ? v : pick(v, h[n + N]);
+      }
+    }
+  }
+}
+}  // namespace
+
+void ts_min(const double* x, double* out, size_t T, size_t N, int w) { ts_extreme<true>(x, out, T, N, w); }
+void ts_max(const double* x, double* out, size_t T, size_t N, int w) { ts_extreme<false>(x, out, T, N, w); }
+
+namespace {
+// Rolling rank of R consecutive days t0 .. t0+R-1. Their windows overlap in all but R - 1 rows, so each
+// row of the union is loaded once and compared with the R days it belongs to. `count` holds the number of
+// valid values in each column's window of day t0 - 1 and is left at that of day t0 + R - 1.
+template <int R>
+QM_INLINE void rank_days(const double* x, double* out, size_t N, size_t t0, int w, double mp, double* count) {
+  using namespace lanes;
+  const size_t W = size_t(w);
+  const size_t lo = t0 + 1 >= W ? t0 + 1 - W : 0;                 // first row of the first day's window
+  const size_t common = t0 + R >= W ? t0 + R - W : 0;            // first row in every day's window
+  blocks(N, [&](size_t n, size_t k) QM_LAMBDA {
+    // twice[i] counts 2 for each value of day i's window below c[i] and 1 for each equal to it.
+    v4d c[R], cnt[R];
+    v4l twice[R];
+    v4d running = load(count + n, k, 0.0);
+    for (int i = 0; i < R; ++i) {
+      const size_t t = t0 + i;
+      c[i] = load(x + t * N + n, k, kNaN);
+      running += select(valid(c[i]), splat(1.0), splat(0.0));
+      if (t >= W) running -= select(valid(load(x + (t - W) * N + n, k, kNaN)), splat(1.0), splat(0.0));
+      cnt[i] = running;
+      twice[i] = splat_int(0);
+    }
+    store(count + n, running, k);
+    auto edge = [&](size_t j) QM_LAMBDA {  // a row that only some of the days' windows hold
+      v4d v = load(x + j * N + n, k, kNaN);
+      for (int i = 0; i < R; ++i) {
+        const v4l in = splat_int(j <= t0 + i && j + W > t0 + i ? -1 : 0);
+        twice[i] -= ((v < c[i]) & in) + ((v <= c[i]) & in);
+      }
+    };
+    const size_t mid = std::max(lo, common);
+    for (size_t j = lo; j < mid; ++j) edge(j);
+    const double* p = x + mid * N + n;
+    for (size_t j = mid; j <= t0; ++j, p += N) {
+      v4d v = load(p, k, kNaN);
+      for (int i = 0; i < R; ++i) twice[i] -= (v < c[i]) + (v <= c[i]);
+    }
+    for (size_t j = std::max(mid, t0 + 1); j < t0 + R; ++j) edge(j);
+    for (int i = 0; i < R; ++i) {
+      v4d r = (small_to_double(twice[i]) - 1.0) / (2.0 * (cnt[i] - 1.0));
+      r = select(cnt[i] <= 1.0, splat(0.5), r);
+      store(out + (t0 + i) * N + n, select(valid(c[i]) & (cnt[i] >= mp), r, splat(kNaN)), k);
+    }
+  });
+}
+}  // namespace
+
+void ts_rank(const double* x, double* out, size_t T, size_t N, int w) {
+  const double mp = min_periods(w, false);
+  // Valid values in each column's window, kept as the window moves; the pass over the window then only
+  // counts the values below and equal to each day's.
+  std::vector<double> count(N, 0.0);
+  size_t t = 0;
+  for (; t + 4 <= T; t += 4) rank_days<4>(x, out, N, t, w, mp, count.data());
+  for (; t < T; ++t) rank_days<1>(x, out, N, t, w, mp, count.data());
+}
+
+void ts_decay_linear(const double* x, double* out, size_t T, size_t N, int w, int minp) {
+  // num_t = sum_j (w - j) x_{t-j}; num_{t+1} = num_t - sum_t + w * x_{t+1}, with sum_t the plain window
+  // sum; the same recurrence on the indicator of validity gives the normaliser.
+  std::vector<double> num(N, 0.0), sum(N, 0.0), wnum(N, 0.0), wsum(N, 0.0);
+  std::vector<int> count(N, 0);
+  for (size_t t = 0; t < T; ++t) {
+    const double* row = x + t * N;
+    const double* old = (t >= size_t(w)) ? x + (t - w) * N : nullptr;
+    double* o = out + t * N;
+    for (size_t n = 0; n < N; ++n) {
+      // Shift every weight down by one; the value leaving the window had weight 1 and drops out.
+      num[n] -= sum[n];
+      wnum[n] -= wsum[n];
+      if (old && ok(old[n])) { sum[n] -= old[n]; wsum[n] -= 1.0; --count[n]; }
+      double v = row[n];
+      if (ok(v)) { num[n] += w * v; sum[n] += v; wnum[n] += w; wsum[n] += 1.0; ++count[n]; }
+      if (count[n] == 0) { num[n] = sum[n] = wnum[n] = wsum[n] = 0.0; }
+      o[n] = (!ok(v) || count[n] < minp) ? kNaN : num[n] / wnum[n];
+    }
+  }
+}
+
+void ts_delay(const double* x, double* out, size_t T, size_t N, int d) {
+  for (size_t t = 0; t < T; ++t) {
+    double* o = out + t * N;
+    if (t < size_t(d)) { std::fill(o, o + N, kNaN); continue; }
+    std::copy(x + (t - d) * N, x + (t - d + 1) * N, o);
+  }
+}
+
+void ts_delta(const double* x, double* out, size_t T, size_t N, int d) {
+  for (size_t t = 0; t < T; ++t) {
+    double* o = out + t * N;
+    if (t < size_t(d)) { std::fill(o, o + N, kNaN); continue; }
+    const double* a = x + t * N;
+    const double* b = x + (t - d) * N;
+    for (size_t n = 0; n < N; ++n) o[n] = a[n] - b[n];
+  }
+}
+
+namespace {
+// Running co-moments over the pairs of a window where both inputs are valid, each input shifted by its
+// value in the first valid pair. Updates and outputs go a whole row at a time.
+template <class F>
+void ts_pair(const double* x, const double* y, double* out, size_t T, size_t N, int w, F&& emit) {
+  std::vector<double> sx_v(N, 0.0), sy_v(N, 0.0), sxx_v(N, 0.0), syy_v(N, 0.0), sxy_v(N, 0.0);
+  std::vector<double> kx_v(N, 0.0), ky_v(N, 0.0), c_v(N, 0.0);
+  std::vector<char> has(N, 0);
+  size_t left = N;
+  for (size_t t = 0; t < T && left; ++t)
+    for (size_t n = 0; n < N; ++n)
+      if (!has[n] && ok(x[t * N + n]) && ok(y[t * N + n])) {
+        kx_v[n] = x[t * N + n]; ky_v[n] = y[t * N + n]; has[n] = 1; --left;
+      }
+  double* __restrict sx = sx_v.data(); double* __restrict sy = sy_v.data();
+  double* __restrict sxx = sxx_v.data(); double* __restrict syy = syy_v.data();
+  double* __restrict sxy = sxy_v.data(); double* __restrict c = c_v.data();
+  const double* __restrict kx = kx_v.data(); const double* __restrict ky = ky_v.data();
+  const double mp = min_periods(w, true);
+  auto step = [&](const double* __restrict xr, const double* __restrict yr, double sign) {
+    for (size_t n = 0; n < N; ++n) {
+      // Computed first, then selected: the form that vectorises. A pair is missing when x + y is NaN.
+      double xv = xr[n], yv = yr[n];
+      double a = xv - kx[n], b = yv - ky[n];
+      a = __builtin_isnan(xv + yv) ? 0.0 : a;
+      b = __builtin_isnan(xv + yv) ? 0.0 : b;
+      double one = __builtin_isnan(xv + yv) ? 0.0 : sign;
+      sx[n] += sign * a; sy[n] += sign * b;
+      sxx[n] += sign * a * a; syy[n] += sign * b * b; sxy[n] += sign * a * b;
+      c[n] += one;
+    }
+  };
+  for (size_t t = 0; t < T; ++t) {
+    if (t >= size_t(w)) step(x + (t - w) * N, y + (t - w) * N, -1.0);
+    const double* __restrict xr = x + t * N;
+    const double* __restrict yr = y + t * N;
+    step(xr, yr, 1.0);
+    double* __restrict o = out + t * N;
+    for (size_t n = 0; n < N; ++n) {
+      // An empty window restarts from exact zeros.
+      double ax = sx[n], ay = sy[n], axx = sxx[n], ayy = syy[n], axy = sxy[n], cn = c[n];
+      ax = cn == 0.0 ? 0.0 : ax; ay = cn == 0.0 ? 0.0 : ay;
+      axx = cn == 0.0 ? 0.0 : axx; ayy = cn == 0.0 ? 0.0 : ayy; axy = cn == 0.0 ? 0.0 : axy;
+      sx[n] = ax; sy[n] = ay; sxx[n] = axx; syy[n] = ayy; sxy[n] = axy;
+      double cc = cn > 1.0 ? cn : 2.0;
+      double cxy = axy - ax * ay / cc;
+      double cxx = axx - ax * ax / cc;
+      double cyy = ayy - ay * ay / cc;
+      double v = emit(cc, cxy, cxx, cyy, axx, ayy);
+      v = c[n] < mp ? kNaN : v;
+      o[n] = __builtin_isnan(xr[n] + yr[n]) ? kNaN : v;
+    }
+  }
+}
+}  // namespace
+
+void ts_corr(const double* x, const double* y, double* out, size_t T, size_t N, int w) {
+  ts_pair(x, y, out, T, N, w, [](double, double cxy, double cxx, double cyy, double sxx, double syy) {
+    double r = cxy / std::sqrt(cxx * cyy);
+    r = r > 1.0 ? 1.0 : (r < -1.0 ? -1.0 : r);
+    // A variance this small relative to the squared deviations is rounding residue of a constant window.
+    r = cxx > 1e-14 * sxx ? r : kNaN;
+    return cyy > 1e-14 * syy ? r : kNaN;
+  });
+}
+
+void ts_cov(const double* x, const double* y, double* out, size_t T, size_t N, int w) {
+  ts_pair(x, y, out, T, N, w, [](double c, double cxy, double, double, double, double) {
+    return cxy / (c - 1.0);
+  });
+}
+
+namespace {
+// Sorts the valid values of a row by keys whose unsigned order is the numeric order of the values: an LSD
+// radix sort, one byte a pass, on the upper 32 bits of the keys (sign, exponent and the leading 20 bits of
+// the mantissa), then an insertion pass on the full keys, which only moves values that agree in those 32
+// bits but differ below them: rare, and adjacent after the radix passes. The histograms of all four bytes
+// come from one pass over the keys; a pass whose byte is the same for every key is skipped.
+class RowSort {
+ public:
+  explicit RowSort(size_t N)
+      : key_(N), idx_{std::vector<uint32_t>(N), std::vector<uint32_t>(N)},
+        high_{std::vector<uint32_t>(N), std::vector<uint32_t>(N)} {}
+
+  // Order key of a value that is not NaN. -0.0 and +0.0 are equal, and share a key.
+  static uint64_t key(double v) {
+    v += 0.0;  // -0.0 + 0.0 is +0.0
+    uint64_t b;
+    std::memcpy(&b, &v, sizeof b);
+    return b ^ (uint64_t(int64_t(b) >> 63) | (uint64_t(1) << 63));  // negatives: all bits; others: the sign
+  }
+
+  // Takes the valid values of row (writing NaN to o where there are none) and sorts them; returns their
+  // count. keys()[i] and index()[i] are then the i-th smallest key and the column it came from.
+  size_t sort(const double* row, double* o, size_t N) {
+    uint32_t* h32 = high_[0].data();
+    uint32_t* ix = idx_[0].data();
+    size_t m = 0;
+    for (size_t n = 0; n < N; ++n) {  // branch-free: every value is written, only valid ones are kept
+      double v = row[n];
+      h32[m] = uint32_t(key(v == v ? v : 0.0) >> 32);
+      ix[m] = uint32_t(n);
+      o[n] = kNaN;
+      m += v == v;
+    }
+    std::memset(hist_, 0, sizeof hist_);
+    for (size_t i = 0; i < m; ++i) {
+      uint32_t v = h32[i];
+      ++hist_[0][v & 0xff]; ++hist_[1][(v >> 8) & 0xff]; ++hist_[2][(v >> 16) & 0xff]; ++hist_[3][v >> 24];
+    }
+    int cur = 0;
+    for (int d = 0; d < 4 && m > 1; ++d) {
+      const unsigned shift = 8 * d;
+      uint32_t* h = hist_[d];
+      if (h[(high_[cur][0] >> shift) & 0xff] == m) continue;  // one bucket holds every key
+      uint32_t at = 0;
+      for (int b = 0; b < 256; ++b) { uint32_t c = h[b]; h[b] = at; at += c; }
+      const uint32_t* __restrict ks = high_[cur].data();
+      const uint32_t* __restrict is = idx_[cur].data();
+      uint32_t* __restrict kd = high_[cur ^ 1].data();
+      uint32_t* __restrict id = idx_[cur ^ 1].data();
+      for (size_t i = 0; i < m; ++i) {
+        uint32_t pos = h[(ks[i] >> shift) & 0xff]++;
+        kd[pos] = ks[i];
+        id[pos] = is[i];
+      }
+      cur ^= 1;
+    }
+    sorted_ = idx_[cur].data();
+    uint64_t* k = key_.data();
+    for (size_t i = 0; i < m; ++i) {
+      const uint64_t v = key(row[sorted_[i]]);
+      size_t j = i;
+      if (j > 0 && k[j - 1] > v) {  // only when the upper 32 bits tie
+        const uint32_t col = sorted_[i];
+        for (; j > 0 && k[j - 1] > v; --j) { k[j] = k[j - 1]; sorted_[j] = sorted_[j - 1]; }
+        sorted_[j] = col;
+      }
+      k[j] = v;
+    }
+    return m;
+  }
+  const uint64_t* keys() const { return key_.data(); }
+  const uint32_t* index() const { return sorted_; }
+
+ private:
+  std::vector<uint64_t> key_;
+  std::vector<uint32_t> idx_[2], high_[2];
+  uint32_t* sorted_ = nullptr;
+  uint32_t hist_[4][256];
+};
+}  // namespace
+
+void cs_rank(const double* x, double* out, size_t T, size_t N) {
+  RowSort sorter(N);
+  for (size_t t = 0; t < T; ++t) {
+    double* o = out + t * N;
+    const size_t m = sorter.sort(x + t * N, o, N);
+    const uint64_t* k = sorter.keys();
+    const uint32_t* ix = sorter.index();
+    if (m == 1) { o[ix[0]] = 0.5; continue; }
+    for (size_t i = 0; i < m;) {
+      size_t j = i;
+      while (j + 1 < m && k[j + 1] == k[i]) ++j;
+      double r = 0.5 * double(i + j) / double(m - 1);  // average of the tied zero-based ranks
+      for (size_t q = i; q <= j; ++q) o[ix[q]] = r;
+      i = j + 1;
+    }
+  }
+}
+
+namespace {
+inline void row_moments(const double* row, size_t N, double& mean, double& sd, size_t& m) {
+  double s = 0.0;
+  m = 0;
+  for (size_t n = 0; n < N; ++n) if (ok(row[n])) { s += row[n]; ++m; }
+  mean = m ? s / double(m) : kNaN;
+  double ss = 0.0;
+  for (size_t n = 0; n < N; ++n) if (ok(row[n])) { double d = row[n] - mean; ss += d * d; }
+  sd = m ? std::sqrt(ss / double(m)) : kNaN;
+}
+}  // namespace
+
+void cs_zscore(const double* x, double* out, size_t T, size_t N) {
+  for (size_t t = 0; t < T; ++t) {
+    const double* row = x + t * N;
+    double* o = out + t * N;
+    double mean, sd; size_t m;
+    row_moments(row, N, mean, sd, m);
+    bool bad = m < 2 || !(sd > 1e-12 * std::fabs(mean)) || sd == 0.0;
+    for (size_t n = 0; n < N; ++n) o[n] = (bad || !ok(row[n])) ? kNaN : (row[n] - mean) / sd;
+  }
+}
+
+void cs_demean(const double* x, double* out, size_t T, size_t N) {
+  for (size_t t = 0; t < T; ++t) {
+    const double* row = x + t * N;
+    double* o = out + t * N;
+    double s = 0.0; size_t m = 0;
+    for (size_t n = 0; n < N; ++n) if (ok(row[n])) { s += row[n]; ++m; }
+    double mean = m ? s / double(m) : 0.0;
+    for (size_t n = 0; n < N; ++n) o[n] = row[n] - mean;
+  }
+}
+
+void cs_scale(const double* x, double* out, size_t T, size_t N) {
+  for (size_t t = 0; t < T; ++t) {
+    const double* row = x + t * N;
+    double* o = out + t * N;
+    double s = 0.0;
+    for (size_t n = 0; n < N; ++n) if (ok(row[n])) s += std::fabs(row[n]);
+    for (size_t n = 0; n < N; ++n) o[n] = s > 0.0 ? row[n] / s : kNaN;
+  }
+}
+
+void unary(Unary op, const double* x, double* out, size_t n) {
+  switch (op) {
+    case Unary::neg: for (size_t i = 0; i < n; ++i) out[i] = -x[i]; break;
+    case Unary::abs: for (size_t i = 0; i < n; ++i) out[i] = std::fabs(x[i]); break;
+    case Unary::sign:
+      for (size_t i = 0; i < n; ++i) out[i] = ok(x[i]) ? double((x[i] > 0) - (x[i] < 0)) : kNaN;
+      break;
+    case Unary::slog:
+      // log1p(a) as log(u) - ((u - 1) - a) / u with u = 1 + a: the correction restores what rounding
+      // 1 + a lost, and plain log is much cheaper than log1p.
+      for (size_t i = 0; i < n; ++i) {
+        double a = std::fabs(x[i]), u = 1.0 + a;
+        bool exact = u == 1.0 || !(u < std::numeric_limits<double>::infinity());  // tiny, infinite, NaN
+        double l = exact ? a : std::log(u) - ((u - 1.0) - a) / u;
+        out[i] = std::copysign(l, x[i]);
+      }
+      break;
+    case Unary::ssqrt:
+      for (size_t i = 0; i < n; ++i) out[i] = std::copysign(std::sqrt(std::fabs(x[i])), x[i]);
+      break;
+    case Unary::square: for (size_t i = 0; i < n; ++i) out[i] = x[i] * x[i]; break;
+    case Unary::inverse: for (size_t i = 0; i < n; ++i) out[i] = x[i] != 0.0 ? 1.0 / x[i] : kNaN; break;
+  }
+}
+
+void binary(Binary op, const double* x, const double* y, double* out, size_t n) {
+  switch (op) {
+    case Binary::add: for (size_t i = 0; i < n; ++i) out[i] = x[i] + y[i]; break;
+    case Binary::sub: for (size_t i = 0; i < n; ++i) out[i] = x[i] - y[i]; break;
+    case Binary::mul: for (size_t i = 0; i < n; ++i) out[i] = x[i] * y[i]; break;
+    case Binary::div:
+      for (size_t i = 0; i < n; ++i) out[i] = y[i] != 0.0 ? x[i] / y[i] : kNaN;
+      break;
+    case Binary::min:
+      for (size_t i = 0; i < n; ++i) out[i] = (ok(x[i]) && ok(y[i])) ? std::min(x[i], y[i]) : kNaN;
+      break;
+    case Binary::max:
+      for (size_t i = 0; i < n; ++i) out[i] = (ok(x[i]) && ok(y[i])) ? std::max(x[i], y[i]) : kNaN;
+      break;
+  }
+}
+
+namespace {
+// Demean the valid values of one row into o, 0 where there is no signal. Returns the factor that scales
+// the row to unit gross (and sets `largest` to the largest |deviation|), or 0 when there is nothing to
+// hold; o is then all zero.
+QM_INLINE double demean(const double* __restrict src, double* __restrict o, size_t N, double& largest) {
+  using namespace lanes;
+  v4d s = splat(0.0);
+  v4l m = splat_int(0);
+  blocks(N, [&](size_t n, size_t k) QM_LAMBDA {
+    v4d v = load(src + n, k, kNaN);
+    v4l ok = valid(v);
+    s += select(ok, v, splat(0.0));
+    m -= ok;
+  });
+  const double count = double(sum(m));
+  const double mean = count > 0.0 ? sum(s) / count : 0.0;
+  v4d gross = splat(0.0), mx = splat(0.0);
+  blocks(N, [&](size_t n, size_t k) QM_LAMBDA {
+    v4d v = load(src + n, k, kNaN);
+    v4d d = select(valid(v), v - mean, splat(0.0));
+    store(o + n, d, k);
+    v4d a = abs(d);
+    gross += a;
+    mx = max(mx, a);
+  });
+  const double g = sum(gross);
+  largest = max(mx);
+  // A spread this small relative to the level is rounding residue of a constant row.
+  if (!(g > 1e-12 * std::fabs(mean) * count) || !(g > 0.0)) {
+    std::fill(o, o + N, 0.0);
+    return 0.0;
+  }
+  return 1.0 / g;
+}
+}  // namespace
+
+namespace {
+// The per-day normalisation of the book, when it is more than a positive per-day scale (rank) or when
+// days are blended (decay). Returns false when the book can come straight from the signal: "none",
+// "zscore" and "rescale" scale each day by a positive constant that demeaning and scaling to unit gross
+// remove again.
+bool normalise(const double* signal, std::vector<double>& panel, size_t T, size_t N, Normalization norm,
+               int decay) {
+  if (decay <= 1 && norm != Normalization::rank) return false;
+  const size_t cells = T * N;
+  panel.resize(cells);
+  double* weights = panel.data();
+  switch (norm) {
+    case Normalization::none: std::copy(signal, signal + cells, weights); break;
+    case Normalization::rank: cs_rank(signal, weights, T, N); break;
+    case Normalization::zscore: cs_zscore(signal, weights, T, N); break;
+    case Normalization::rescale:
+      for (size_t t = 0; t < T; ++t) {
+        const double* row = signal + t * N;
+        double* o = weights + t * N;
+        double mx = 0.0;
+        for (size_t n = 0; n < N; ++n) if (ok(row[n])) mx = std::max(mx, std::fabs(row[n]));
+        for (size_t n = 0; n < N; ++n) o[n] = mx > 0.0 ? row[n] / mx : kNaN;
+      }
+      break;
+  }
+  if (decay > 1) {
+    std::vector<double> tmp(panel);
+    ts_decay_linear(tmp.data(), weights, T, N, decay, 1);
+  }
+  return true;
+}
+
+// Caps a unit-gross day at `cap` by water-filling: weights above the cap are pinned to it and the free
+// ones re-scaled to fill what the pinned leave, until no free weight exceeds the cap. With a_n the day's
+// absolute weights (summing to one), the pinned are those above the level h at which
+//     G(h) = sum_n min(a_n, h) - h / cap
+// is zero: free weights scaled by cap / h and pinned ones at the cap then fill the book exactly. G is
+// concave and piecewise linear, its slope the number of weights above h less 1 / cap, and negative at the
+// largest weight (which is what makes the day need capping). Newton's method from there walks down to the
+// root without overshooting and lands on it once it reaches the root's piece: a few passes over the day,
+// however heavy its tail, each counting the weights above h and summing those below. With fewer than
+// 1 / cap names there is no root; h falls to zero, and every held name sits at the cap.
+QM_INLINE void cap_day(double* o, size_t N, double largest, double cap) {
+  using namespace lanes;
+  double h = largest, below = 0.0;
+  size_t above = 0, previous = size_t(-1);
+  for (size_t round = 0; round <= N + 1; ++round) {
+    v4d s = splat(0.0);
+    v4l c = splat_int(0);
+    blocks(N, [&](size_t n, size_t k) QM_LAMBDA {
+      v4d a = abs(load(o + n, k, 0.0));
+      v4l over = a > h;
+      s += select(over, splat(0.0), a);
+      c -= over;
+    });
+    below = sum(s);
+    above = size_t(sum(c));
+    if (above == previous) break;  // h is where the last step aimed: the root of this piece
+    const double g = below + double(above) * h - h / cap, slope = double(above) - 1.0 / cap;
+    if (!(g < 0.0) || !(slope < 0.0)) break;
+    const double next = std::max(0.0, h - g / slope);
+    if (!(next < h)) break;
+    h = next;
+    previous = above;
+  }
+  const double room = std::max(0.0, 1.0 - double(above) * cap);
+  const double scale = below > 0.0 ? room / below : 0.0;
+  const v4l sign = splat_int(INT64_MIN);
+  const v4d pin = splat(cap);
+  blocks(N, [&](size_t n, size_t k) QM_LAMBDA {
+    v4d v = load(o + n, k, 0.0);
+    v4d pinned = (v4d)(((v4l)v & sign) | (v4l)pin);
+    store(o + n, select(abs(v) > h, pinned, v * scale), k);
+  });
+}
+
+// One day of the book: demean, scale to unit gross, cap at `truncation` (0: no cap). Leaves the demeaned
+// row in o and returns the factor that turns it into the book: 1/gross when no weight exceeds the cap,
+// else 1 with o already the book.
+QM_INLINE double book_row(const double* src, double* o, size_t N, double truncation) {
+  double largest;
+  const double inv = demean(src, o, N, largest);
+  if (!(inv > 0.0) || !(truncation > 0.0 && largest * inv > truncation)) return inv;
+  for (size_t n = 0; n < N; ++n) o[n] *= inv;
+  cap_day(o, N, largest * inv, truncation);
+  return 1.0;
+}
+
+// One day of the daily series. The day's book is scale * src, written to w; `prev` is the previous day's
+// book (all zero before the first day). Every test is a lane mask, the flag a 0/1 multiplier.
+template <bool HasFlag>
+QM_INLINE void daily_row(const double* __restrict src, double scale, double* __restrict w,
+                         const double* __restrict prev, const double* __restrict r,
+                         const double* __restrict f, size_t N, DailySeries& s, size_t t) {
+  using namespace lanes;
+  const v4d zero = splat(0.0);
+  v4d pnl = zero, traded = zero, net = zero, gross = zero, mx = zero, flagged = zero;
+  v4l longs = splat_int(0), shorts = splat_int(0);
+  blocks(N, [&](size_t n, size_t k) QM_LAMBDA {
+    v4d v = load(src + n, k, 0.0) * scale;
+    store(w + n, v, k);
+    v4d ret = load(r + n, k, 0.0);
+    v4d a = abs(v);
+    traded += abs(v - load(prev + n, k, 0.0));
+    pnl += v * select(valid(ret), ret, zero);
+    longs -= v > zero;
+    shorts -= v < zero;
+    net += v;
+    gross += a;
+    mx = max(mx, a);
+    if constexpr (HasFlag) flagged += load(f + n, k, 0.0) * a;
+  });
+  const double g = sum(gross), l = double(sum(longs)), sh = double(sum(shorts));
+  s.pnl[t] = sum(pnl); s.traded[t] = sum(traded); s.longs[t] = l; s.shorts[t] = sh;
+  s.net[t] = sum(net); s.abs_sum[t] = g; s.max_share[t] = g > 0.0 ? max(mx) / g : 0.0;
+  s.held[t] = l + sh; s.flagged[t] = sum(flagged);
+}
+
+// The daily series of books given row by row: book t is scale(t) * rows(t), kept for day t + 1.
+template <class Rows>
+QM_INLINE void daily_series(const double* fwd, const double* flag, size_t T, size_t N, DailySeries& s,
+                            Rows&& rows) {
+  std::vector<double> cur(N), prev(N, 0.0);
+  for (size_t t = 0; t < T; ++t) {
+    double scale;
+    const double* src = rows(t, scale);
+    if (flag) daily_row<true>(src, scale, cur.data(), prev.data(), fwd + t * N, flag + t * N, N, s, t);
+    else daily_row<false>(src, scale, cur.data(), prev.data(), fwd + t * N, nullptr, N, s, t);
+    std::swap(cur, prev);
+  }
+}
+}  // namespace
+
+void book_weights(const double* signal, double* weights, size_t T, size_t N, Normalization norm,
+                  int decay, double truncation) {
+  std::vector<double> panel;
+  const double* src = normalise(signal, panel, T, N, norm, decay) ? panel.data() : signal;
+  for (size_t t = 0; t < T; ++t) {
+    double* o = weights + t * N;
+    const double scale = book_row(src + t * N, o, N, truncation);
+    if (scale != 1.0) for (size_t n = 0; n < N; ++n) o[n] *= scale;
+  }
+}
+
+void book_daily(const double* weights, const double* fwd, const double* flag, size_t T, size_t N,
+                DailySeries s) {
+  daily_series(fwd, flag, T, N, s, [&](size_t t, double& scale) QM_LAMBDA {
+    scale = 1.0;
+    return weights + t * N;
+  });
+}
+
+void book_series(const double* signal, const double* fwd, const double* flag, size_t T, size_t N,
+                 Normalization norm, int decay, double truncation, DailySeries s) {
+  std::vector<double> panel;
+  const double* src = normalise(signal, panel, T, N, norm, decay) ? panel.data() : signal;
+  std::vector<double> row(N);
+  daily_series(fwd, flag, T, N, s, [&](size_t t, double& scale) QM_LAMBDA {
+    scale = book_row(src + t * N, row.data(), N, truncation);
+    return row.data();
+  });
+}
+
+}  // namespace quillmarsh::local::QM_ISA
+
+namespace quillmarsh::local::QM_ISA {
+const KernelTable table = {
+    .ts_sum = ts_sum, .ts_mean = ts_mean, .ts_std = ts_std, .ts_zscore = ts_zscore, .ts_min = ts_min,
+    .ts_max = ts_max, .ts_rank = ts_rank, .ts_decay_linear = ts_decay_linear, .ts_delay = ts_delay,
+    .ts_delta = ts_delta, .ts_corr = ts_corr, .ts_cov = ts_cov, .cs_rank = cs_rank, .cs_zscore = cs_zscore,
+    .cs_demean = cs_demean, .cs_scale = cs_scale, .unary = unary, .binary = binary,
+    .book_weights = book_weights, .book_daily = book_daily, .book_series = book_series,
+};
+}  // namespace quillmarsh::local::QM_ISA
