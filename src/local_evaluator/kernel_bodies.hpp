@@ -11,78 +11,55 @@ inline bool ok(double v) { return !std::isnan(v); }
 
 namespace {
 // Running sums of the valid values in each column's window, each column shifted by its first valid value
-// so that sums of squares do not cancel catastrophically for level-like series. `emit_row` turns the
-// sums of a whole row into its outputs; every step is a select, so the row loops vectorise.
-struct Moments {
-  std::vector<double> shift, s1, s2, count;
-  explicit Moments(size_t N) : shift(N, 0.0), s1(N, 0.0), s2(N, 0.0), count(N, 0.0) {}
+// so that sums of squares do not cancel catastrophically for level-like series. Each row is one pass:
+// the value leaving the window out, today's in, and `cell(value, s1, s2, count, shift)` gives the output.
+// Every step is a select, so the pass vectorises.
+class Moments {
+ public:
   template <class F>
-  void run(const double* x, double* out, size_t T, size_t N, int w, F&& emit_row) {
+  static void run(const double* x, double* out, size_t T, size_t N, int w, F&& cell) {
+    std::vector<double> state(4 * N, 0.0);
+    double* shift = state.data();
     std::vector<char> found(N, 0);
     size_t left = N;
     for (size_t t = 0; t < T && left; ++t)
       for (size_t n = 0; n < N; ++n)
         if (!found[n] && ok(x[t * N + n])) { shift[n] = x[t * N + n]; found[n] = 1; --left; }
-    double* __restrict a1 = s1.data();
-    double* __restrict a2 = s2.data();
-    double* __restrict c = count.data();
-    const double* __restrict k = shift.data();
     for (size_t t = 0; t < T; ++t) {
-      const double* __restrict row = x + t * N;
-      if (t >= size_t(w)) {
-        const double* __restrict old = x + (t - w) * N;
-        for (size_t n = 0; n < N; ++n) {
-          double v = old[n];
-          double d = v - k[n];  // computed first, then selected: the form that vectorises
-          d = __builtin_isnan(v) ? 0.0 : d;
-          double one = __builtin_isnan(v) ? 0.0 : 1.0;
-          a1[n] -= d; a2[n] -= d * d; c[n] -= one;
-        }
-      }
-      for (size_t n = 0; n < N; ++n) {
-        double v = row[n];
-        double d = v - k[n];
+      if (t >= size_t(w)) row<true>(x + t * N, x + (t - w) * N, out + t * N, N, state.data(), cell);
+      else row<false>(x + t * N, nullptr, out + t * N, N, state.data(), cell);
+    }
+  }
+
+ private:
+  template <bool Leaving, class F>
+  static void row(const double* __restrict x, const double* __restrict old, double* __restrict o, size_t N,
+                  double* state, F& cell) {
+    const double* __restrict k = state;
+    double* __restrict a1 = state + N;
+    double* __restrict a2 = state + 2 * N;
+    double* __restrict c = state + 3 * N;
+    for (size_t n = 0; n < N; ++n) {
+      double s1 = a1[n], s2 = a2[n], cn = c[n];
+      if constexpr (Leaving) {
+        const double v = old[n];
+        double d = v - k[n];  // computed first, then selected: the form that vectorises
         d = __builtin_isnan(v) ? 0.0 : d;
-        double one = __builtin_isnan(v) ? 0.0 : 1.0;
-        double cn = c[n] + one, s1n = a1[n] + d, s2n = a2[n] + d * d;
-        c[n] = cn;
-        a1[n] = cn == 0.0 ? 0.0 : s1n;  // an empty window restarts from exact zeros
-        a2[n] = cn == 0.0 ? 0.0 : s2n;
+        s1 -= d; s2 -= d * d; cn -= __builtin_isnan(v) ? 0.0 : 1.0;
       }
-      emit_row(row, out + t * N, N, a1, a2, c, k);
+      const double v = x[n];
+      double d = v - k[n];
+      d = __builtin_isnan(v) ? 0.0 : d;
+      cn += __builtin_isnan(v) ? 0.0 : 1.0;
+      s1 += d; s2 += d * d;
+      s1 = cn == 0.0 ? 0.0 : s1;  // an empty window restarts from exact zeros
+      s2 = cn == 0.0 ? 0.0 : s2;
+      a1[n] = s1; a2[n] = s2; c[n] = cn;
+      o[n] = cell(v, s1, s2, cn, k[n]);
     }
   }
 };
-using Sums = const double* __restrict;
-}  // namespace
 
-void ts_sum(const double* x, double* out, size_t T, size_t N, int w) {
-  Moments m(N);
-  const double mp = min_periods(w, false);
-  m.run(x, out, T, N, w, [mp](Sums row, double* __restrict o, size_t n_, Sums a1, Sums, Sums c, Sums k) {
-    for (size_t n = 0; n < n_; ++n)
-    {
-      double r = a1[n] + c[n] * k[n];
-      r = c[n] < mp ? kNaN : r;
-      o[n] = __builtin_isnan(row[n]) ? kNaN : r;
-    }
-  });
-}
-
-void ts_mean(const double* x, double* out, size_t T, size_t N, int w) {
-  Moments m(N);
-  const double mp = min_periods(w, false);
-  m.run(x, out, T, N, w, [mp](Sums row, double* __restrict o, size_t n_, Sums a1, Sums, Sums c, Sums k) {
-    for (size_t n = 0; n < n_; ++n) {
-      double cc = c[n] > 0.0 ? c[n] : 1.0;
-      double r = k[n] + a1[n] / cc;
-      r = c[n] < mp ? kNaN : r;
-      o[n] = __builtin_isnan(row[n]) ? kNaN : r;
-    }
-  });
-}
-
-namespace {
 // Sample variance of a window and whether it is degenerate: a variance this small relative to the squared
 // deviations is rounding residue of a constant window.
 inline double window_var(double a1, double a2, double c, bool& degenerate) {
@@ -94,30 +71,43 @@ inline double window_var(double a1, double a2, double c, bool& degenerate) {
 }
 }  // namespace
 
+void ts_sum(const double* x, double* out, size_t T, size_t N, int w) {
+  const double mp = min_periods(w, false);
+  Moments::run(x, out, T, N, w, [mp](double v, double s1, double, double c, double k) {
+    double r = s1 + c * k;
+    r = c < mp ? kNaN : r;
+    return __builtin_isnan(v) ? kNaN : r;
+  });
+}
+
+void ts_mean(const double* x, double* out, size_t T, size_t N, int w) {
+  const double mp = min_periods(w, false);
+  Moments::run(x, out, T, N, w, [mp](double v, double s1, double, double c, double k) {
+    double cc = c > 0.0 ? c : 1.0;
+    double r = k + s1 / cc;
+    r = c < mp ? kNaN : r;
+    return __builtin_isnan(v) ? kNaN : r;
+  });
+}
+
 void ts_std(const double* x, double* out, size_t T, size_t N, int w) {
-  Moments m(N);
   const double mp = min_periods(w, true);
-  m.run(x, out, T, N, w, [mp](Sums row, double* __restrict o, size_t n_, Sums a1, Sums a2, Sums c, Sums) {
-    for (size_t n = 0; n < n_; ++n) {
-      bool deg;
-      double v = window_var(a1[n], a2[n], c[n], deg);
-      double sd = deg ? 0.0 : std::sqrt(v);
-      o[n] = ((row[n] == row[n]) & (c[n] >= mp)) ? sd : kNaN;
-    }
+  Moments::run(x, out, T, N, w, [mp](double v, double s1, double s2, double c, double) {
+    bool deg;
+    double var = window_var(s1, s2, c, deg);
+    double sd = deg ? 0.0 : std::sqrt(var);
+    return ((v == v) & (c >= mp)) ? sd : kNaN;
   });
 }
 
 void ts_zscore(const double* x, double* out, size_t T, size_t N, int w) {
-  Moments m(N);
   const double mp = min_periods(w, true);
-  m.run(x, out, T, N, w, [mp](Sums row, double* __restrict o, size_t n_, Sums a1, Sums a2, Sums c, Sums k) {
-    for (size_t n = 0; n < n_; ++n) {
-      bool deg;
-      double v = window_var(a1[n], a2[n], c[n], deg);
-      double cc = c[n] > 0.0 ? c[n] : 1.0;
-      double z = ((row[n] - k[n]) - a1[n] / cc) / std::sqrt(deg ? 1.0 : v);
-      o[n] = ((row[n] == row[n]) & (c[n] >= mp) & !deg) ? z : kNaN;
-    }
+  Moments::run(x, out, T, N, w, [mp](double v, double s1, double s2, double c, double k) {
+    bool deg;
+    double var = window_var(s1, s2, c, deg);
+    double cc = c > 0.0 ? c : 1.0;
+    double z = ((v - k) - s1 / cc) / std::sqrt(deg ? 1.0 : var);
+    return ((v == v) & (c >= mp) & !deg) ? z : kNaN;
   });
 }
 
@@ -234,23 +224,45 @@ void ts_rank(const double* x, double* out, size_t T, size_t N, int w) {
 
 void ts_decay_linear(const double* x, double* out, size_t T, size_t N, int w, int minp) {
   // num_t = sum_j (w - j) x_{t-j}; num_{t+1} = num_t - sum_t + w * x_{t+1}, with sum_t the plain window
-  // sum; the same recurrence on the indicator of validity gives the normaliser.
-  std::vector<double> num(N, 0.0), sum(N, 0.0), wnum(N, 0.0), wsum(N, 0.0);
-  std::vector<int> count(N, 0);
+  // sum; the same recurrence on the indicator of validity gives the normaliser. One pass a row.
+  using namespace lanes;
+  std::vector<double> state(5 * N, 0.0);
+  double* num = state.data();
+  double* sum = num + N;
+  double* wnum = sum + N;
+  double* wsum = wnum + N;
+  double* count = wsum + N;
+  const v4d zero = splat(0.0), one = splat(1.0), W = splat(w);
   for (size_t t = 0; t < T; ++t) {
     const double* row = x + t * N;
-    const double* old = (t >= size_t(w)) ? x + (t - w) * N : nullptr;
+    const double* old = t >= size_t(w) ? x + (t - w) * N : nullptr;
     double* o = out + t * N;
-    for (size_t n = 0; n < N; ++n) {
-      // Shift every weight down by one; the value leaving the window had weight 1 and drops out.
-      num[n] -= sum[n];
-      wnum[n] -= wsum[n];
-      if (old && ok(old[n])) { sum[n] -= old[n]; wsum[n] -= 1.0; --count[n]; }
-      double v = row[n];
-      if (ok(v)) { num[n] += w * v; sum[n] += v; wnum[n] += w; wsum[n] += 1.0; ++count[n]; }
-      if (count[n] == 0) { num[n] = sum[n] = wnum[n] = wsum[n] = 0.0; }
-      o[n] = (!ok(v) || count[n] < minp) ? kNaN : num[n] / wnum[n];
-    }
+    blocks(N, [&](size_t n, size_t k) QM_LAMBDA {
+      v4d nu = load(num + n, k, 0.0), su = load(sum + n, k, 0.0), wn = load(wnum + n, k, 0.0);
+      v4d ws = load(wsum + n, k, 0.0), c = load(count + n, k, 0.0);
+      // Every weight moves down by one; the value leaving the window had weight 1 and drops out.
+      nu -= su;
+      wn -= ws;
+      if (old) {
+        const v4d v = load(old + n, k, kNaN);
+        const v4l there = valid(v);
+        su -= select(there, v, zero);
+        ws -= select(there, one, zero);
+        c -= select(there, one, zero);
+      }
+      const v4d v = load(row + n, k, kNaN);
+      const v4l there = valid(v);
+      const v4d a = select(there, v, zero), in = select(there, one, zero);
+      c += in; nu += W * a; su += a; wn += W * in; ws += in;
+      const v4d r = nu / select(wn > 0.0, wn, one);
+      const v4l empty = c == 0.0;  // an empty window restarts from exact zeros
+      store(num + n, select(empty, zero, nu), k);
+      store(sum + n, select(empty, zero, su), k);
+      store(wnum + n, select(empty, zero, wn), k);
+      store(wsum + n, select(empty, zero, ws), k);
+      store(count + n, c, k);
+      store(o + n, select(there & (c >= double(minp)), r, splat(kNaN)), k);
+    });
   }
 }
 
@@ -274,74 +286,80 @@ void ts_delta(const double* x, double* out, size_t T, size_t N, int d) {
 
 namespace {
 // Running co-moments over the pairs of a window where both inputs are valid, each input shifted by its
-// value in the first valid pair. Updates and outputs go a whole row at a time.
+// value in the first valid pair. One pass a row: the pair leaving the window out, today's in, and
+// emit(count, cxy, cxx, cyy, sxx, syy) the output from the centred sums.
+template <bool Leaving, class F>
+QM_INLINE void pair_row(const double* xr, const double* yr, const double* xo, const double* yo, double* o,
+                        size_t N, double* state, double mp, F& emit) {
+  using namespace lanes;
+  const double* kx = state;
+  const double* ky = state + N;
+  double* sx = state + 2 * N;
+  double* sy = state + 3 * N;
+  double* sxx = state + 4 * N;
+  double* syy = state + 5 * N;
+  double* sxy = state + 6 * N;
+  double* cnt = state + 7 * N;
+  const v4d zero = splat(0.0), one = splat(1.0);
+  blocks(N, [&](size_t n, size_t k) QM_LAMBDA {
+    v4d ax = load(sx + n, k, 0.0), ay = load(sy + n, k, 0.0), axx = load(sxx + n, k, 0.0);
+    v4d ayy = load(syy + n, k, 0.0), axy = load(sxy + n, k, 0.0), c = load(cnt + n, k, 0.0);
+    const v4d kxn = load(kx + n, k, 0.0), kyn = load(ky + n, k, 0.0);
+    if constexpr (Leaving) {  // a pair is missing when x + y is NaN
+      const v4d xv = load(xo + n, k, kNaN), yv = load(yo + n, k, kNaN);
+      const v4l there = valid(xv + yv);
+      const v4d a = select(there, xv - kxn, zero), b = select(there, yv - kyn, zero);
+      ax -= a; ay -= b; axx -= a * a; ayy -= b * b; axy -= a * b; c -= select(there, one, zero);
+    }
+    const v4d xv = load(xr + n, k, kNaN), yv = load(yr + n, k, kNaN);
+    const v4l there = valid(xv + yv);
+    const v4d a = select(there, xv - kxn, zero), b = select(there, yv - kyn, zero);
+    ax += a; ay += b; axx += a * a; ayy += b * b; axy += a * b; c += select(there, one, zero);
+    const v4l empty = c == 0.0;  // an empty window restarts from exact zeros
+    ax = select(empty, zero, ax); ay = select(empty, zero, ay);
+    axx = select(empty, zero, axx); ayy = select(empty, zero, ayy); axy = select(empty, zero, axy);
+    store(sx + n, ax, k); store(sy + n, ay, k); store(sxx + n, axx, k); store(syy + n, ayy, k);
+    store(sxy + n, axy, k); store(cnt + n, c, k);
+    const v4d cc = select(c > 1.0, c, splat(2.0));
+    const v4d v = emit(cc, axy - ax * ay / cc, axx - ax * ax / cc, ayy - ay * ay / cc, axx, ayy);
+    store(o + n, select(there & (c >= mp), v, splat(kNaN)), k);
+  });
+}
+
 template <class F>
 void ts_pair(const double* x, const double* y, double* out, size_t T, size_t N, int w, F&& emit) {
-  std::vector<double> sx_v(N, 0.0), sy_v(N, 0.0), sxx_v(N, 0.0), syy_v(N, 0.0), sxy_v(N, 0.0);
-  std::vector<double> kx_v(N, 0.0), ky_v(N, 0.0), c_v(N, 0.0);
+  std::vector<double> state(8 * N, 0.0);
   std::vector<char> has(N, 0);
   size_t left = N;
   for (size_t t = 0; t < T && left; ++t)
     for (size_t n = 0; n < N; ++n)
       if (!has[n] && ok(x[t * N + n]) && ok(y[t * N + n])) {
-        kx_v[n] = x[t * N + n]; ky_v[n] = y[t * N + n]; has[n] = 1; --left;
+        state[n] = x[t * N + n]; state[N + n] = y[t * N + n]; has[n] = 1; --left;
       }
-  double* __restrict sx = sx_v.data(); double* __restrict sy = sy_v.data();
-  double* __restrict sxx = sxx_v.data(); double* __restrict syy = syy_v.data();
-  double* __restrict sxy = sxy_v.data(); double* __restrict c = c_v.data();
-  const double* __restrict kx = kx_v.data(); const double* __restrict ky = ky_v.data();
   const double mp = min_periods(w, true);
-  auto step = [&](const double* __restrict xr, const double* __restrict yr, double sign) {
-    for (size_t n = 0; n < N; ++n) {
-      // Computed first, then selected: the form that vectorises. A pair is missing when x + y is NaN.
-      double xv = xr[n], yv = yr[n];
-      double a = xv - kx[n], b = yv - ky[n];
-      a = __builtin_isnan(xv + yv) ? 0.0 : a;
-      b = __builtin_isnan(xv + yv) ? 0.0 : b;
-      double one = __builtin_isnan(xv + yv) ? 0.0 : sign;
-      sx[n] += sign * a; sy[n] += sign * b;
-      sxx[n] += sign * a * a; syy[n] += sign * b * b; sxy[n] += sign * a * b;
-      c[n] += one;
-    }
-  };
   for (size_t t = 0; t < T; ++t) {
-    if (t >= size_t(w)) step(x + (t - w) * N, y + (t - w) * N, -1.0);
-    const double* __restrict xr = x + t * N;
-    const double* __restrict yr = y + t * N;
-    step(xr, yr, 1.0);
-    double* __restrict o = out + t * N;
-    for (size_t n = 0; n < N; ++n) {
-      // An empty window restarts from exact zeros.
-      double ax = sx[n], ay = sy[n], axx = sxx[n], ayy = syy[n], axy = sxy[n], cn = c[n];
-      ax = cn == 0.0 ? 0.0 : ax; ay = cn == 0.0 ? 0.0 : ay;
-      axx = cn == 0.0 ? 0.0 : axx; ayy = cn == 0.0 ? 0.0 : ayy; axy = cn == 0.0 ? 0.0 : axy;
-      sx[n] = ax; sy[n] = ay; sxx[n] = axx; syy[n] = ayy; sxy[n] = axy;
-      double cc = cn > 1.0 ? cn : 2.0;
-      double cxy = axy - ax * ay / cc;
-      double cxx = axx - ax * ax / cc;
-      double cyy = ayy - ay * ay / cc;
-      double v = emit(cc, cxy, cxx, cyy, axx, ayy);
-      v = c[n] < mp ? kNaN : v;
-      o[n] = __builtin_isnan(xr[n] + yr[n]) ? kNaN : v;
-    }
+    const size_t r = t * N;
+    if (t >= size_t(w))
+      pair_row<true>(x + r, y + r, x + r - w * N, y + r - w * N, out + r, N, state.data(), mp, emit);
+    else
+      pair_row<false>(x + r, y + r, nullptr, nullptr, out + r, N, state.data(), mp, emit);
   }
 }
 }  // namespace
 
 void ts_corr(const double* x, const double* y, double* out, size_t T, size_t N, int w) {
-  ts_pair(x, y, out, T, N, w, [](double, double cxy, double cxx, double cyy, double sxx, double syy) {
-    double r = cxy / std::sqrt(cxx * cyy);
-    r = r > 1.0 ? 1.0 : (r < -1.0 ? -1.0 : r);
+  using namespace lanes;
+  ts_pair(x, y, out, T, N, w, [](v4d, v4d cxy, v4d cxx, v4d cyy, v4d sxx, v4d syy) QM_LAMBDA {
+    v4d r = cxy / lanes::sqrt(cxx * cyy);
+    r = select(r > 1.0, splat(1.0), select(r < -1.0, splat(-1.0), r));
     // A variance this small relative to the squared deviations is rounding residue of a constant window.
-    r = cxx > 1e-14 * sxx ? r : kNaN;
-    return cyy > 1e-14 * syy ? r : kNaN;
+    return select((cxx > 1e-14 * sxx) & (cyy > 1e-14 * syy), r, splat(kNaN));
   });
 }
 
 void ts_cov(const double* x, const double* y, double* out, size_t T, size_t N, int w) {
-  ts_pair(x, y, out, T, N, w, [](double c, double cxy, double, double, double, double) {
-    return cxy / (c - 1.0);
-  });
+  using namespace lanes;
+  ts_pair(x, y, out, T, N, w, [](v4d c, v4d cxy, v4d, v4d, v4d, v4d) QM_LAMBDA { return cxy / (c - 1.0); });
 }
 
 namespace {
@@ -496,13 +514,15 @@ void unary(Unary op, const double* x, double* out, size_t n) {
       break;
     case Unary::slog:
       // log1p(a) as log(u) - ((u - 1) - a) / u with u = 1 + a: the correction restores what rounding
-      // 1 + a lost, and plain log is much cheaper than log1p.
-      for (size_t i = 0; i < n; ++i) {
-        double a = std::fabs(x[i]), u = 1.0 + a;
-        bool exact = u == 1.0 || !(u < std::numeric_limits<double>::infinity());  // tiny, infinite, NaN
-        double l = exact ? a : std::log(u) - ((u - 1.0) - a) / u;
-        out[i] = std::copysign(l, x[i]);
-      }
+      // 1 + a lost. a too small to move u, infinite or NaN is its own log1p.
+      lanes::blocks(n, [&](size_t i, size_t k) QM_LAMBDA {
+        using namespace lanes;
+        const v4d v = load(x + i, k, 0.0), a = abs(v), u = 1.0 + a;
+        const v4l exact = (u == 1.0) | ~(u < std::numeric_limits<double>::infinity());
+        const v4d safe = select(exact, splat(2.0), u);
+        const v4d l = select(exact, a, log_positive(safe) - ((safe - 1.0) - a) / safe);
+        store(out + i, (v4d)(((v4l)v & splat_int(INT64_MIN)) | (v4l)l), k);  // a's log with x's sign
+      });
       break;
     case Unary::ssqrt:
       for (size_t i = 0; i < n; ++i) out[i] = std::copysign(std::sqrt(std::fabs(x[i])), x[i]);

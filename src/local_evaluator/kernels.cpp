@@ -12,18 +12,25 @@
 #include <limits>
 #include <numeric>
 #include <vector>
+#if defined(__x86_64__) || defined(__SSE2__)
+#include <immintrin.h>
+#endif
 
 #define QM_ISA base
+#define QM_ISA_AVX 0
 #include "kernel_bodies.hpp"
 #undef QM_ISA
+#undef QM_ISA_AVX
 
 #if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
 #define QM_HAVE_V3 1
 #pragma GCC push_options
 #pragma GCC target("arch=x86-64-v3")
 #define QM_ISA v3
+#define QM_ISA_AVX 1  // the target pragma does not define __AVX__ and friends
 #include "kernel_bodies.hpp"
 #undef QM_ISA
+#undef QM_ISA_AVX
 #pragma GCC pop_options
 #endif
 
