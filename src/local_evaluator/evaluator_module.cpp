@@ -170,17 +170,22 @@ struct Series {
   }
 };
 
-const double* optional_flag(const py::object& flag, const View& like) {
+// The flags are one byte a cell: a bool or uint8 panel, nonzero meaning flagged.
+const std::uint8_t* optional_flag(const py::object& flag, const View& like) {
   if (flag.is_none()) return nullptr;
-  View fv = panel_view(flag.cast<py::array>(), "flag");
-  same_shape(like, fv);
-  return fv.data;
+  py::array a = flag.cast<py::array>();
+  if (!a.dtype().is(py::dtype::of<bool>()) && !a.dtype().is(py::dtype::of<std::uint8_t>()))
+    throw py::type_error("flag must be a bool or uint8 array, got dtype " + std::string(py::str(a.dtype())));
+  if (a.ndim() != 2 || size_t(a.shape(0)) != like.T || size_t(a.shape(1)) != like.N)
+    throw py::value_error("flag must have the shape of the signal");
+  if (!(a.flags() & py::array::c_style)) throw py::value_error("flag must be C-contiguous");
+  return static_cast<const std::uint8_t*>(a.data());
 }
 
 py::tuple book_daily(const py::array& weights, const py::array& fwd_returns, const py::object& flag) {
   View w = panel_view(weights, "weights"), r = panel_view(fwd_returns, "fwd_returns");
   same_shape(w, r);
-  const double* f = optional_flag(flag, w);
+  const std::uint8_t* f = optional_flag(flag, w);
   Series out(w.T);
   {
     py::gil_scoped_release release;
@@ -194,7 +199,7 @@ py::tuple book_series(const py::array& signal, const py::array& fwd_returns, con
   View v = panel_view(signal, "signal"), r = panel_view(fwd_returns, "fwd_returns");
   same_shape(v, r);
   ql::Normalization norm = parse_normalization(normalization, decay, truncation);
-  const double* f = optional_flag(flag, v);
+  const std::uint8_t* f = optional_flag(flag, v);
   Series out(v.T);
   {
     py::gil_scoped_release release;
@@ -232,4 +237,7 @@ PYBIND11_MODULE(_evaluator, m) {
         py::arg("decay"), py::arg("truncation"), py::arg("flag") = py::none(),
         "book_weights then book_daily in one pass, without materialising the book.");
   m.def("min_periods", &ql::min_periods, py::arg("window"), py::arg("needs_two"));
+  // The instruction set of the kernels in use: "x86-64-v3" where the machine has AVX2 and FMA, else (or
+  // with QUILLMARSH_KERNELS=baseline in the environment) "x86-64".
+  m.attr("kernel_build") = ql::kernels().name;
 }

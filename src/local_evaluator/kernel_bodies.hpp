@@ -674,11 +674,11 @@ QM_INLINE double book_row(const double* src, double* o, size_t N, double truncat
 }
 
 // One day of the daily series. The day's book is scale * src, written to w; `prev` is the previous day's
-// book (all zero before the first day). Every test is a lane mask, the flag a 0/1 multiplier.
+// book (all zero before the first day). Every test is a lane mask; nothing branches on the data.
 template <bool HasFlag>
 QM_INLINE void daily_row(const double* __restrict src, double scale, double* __restrict w,
                          const double* __restrict prev, const double* __restrict r,
-                         const double* __restrict f, size_t N, DailySeries& s, size_t t) {
+                         const std::uint8_t* __restrict f, size_t N, DailySeries& s, size_t t) {
   using namespace lanes;
   const v4d zero = splat(0.0);
   v4d pnl = zero, traded = zero, net = zero, gross = zero, mx = zero, flagged = zero;
@@ -695,7 +695,11 @@ QM_INLINE void daily_row(const double* __restrict src, double scale, double* __r
     net += v;
     gross += a;
     mx = max(mx, a);
-    if constexpr (HasFlag) flagged += load(f + n, k, 0.0) * a;
+    if constexpr (HasFlag) {
+      v4l marked = splat_int(0);
+      for (size_t i = 0; i < k; ++i) marked[i] = f[n + i];
+      flagged += select(marked != 0, a, zero);
+    }
   });
   const double g = sum(gross), l = double(sum(longs)), sh = double(sum(shorts));
   s.pnl[t] = sum(pnl); s.traded[t] = sum(traded); s.longs[t] = l; s.shorts[t] = sh;
@@ -705,7 +709,7 @@ QM_INLINE void daily_row(const double* __restrict src, double scale, double* __r
 
 // The daily series of books given row by row: book t is scale(t) * rows(t), kept for day t + 1.
 template <class Rows>
-QM_INLINE void daily_series(const double* fwd, const double* flag, size_t T, size_t N, DailySeries& s,
+QM_INLINE void daily_series(const double* fwd, const std::uint8_t* flag, size_t T, size_t N, DailySeries& s,
                             Rows&& rows) {
   std::vector<double> cur(N), prev(N, 0.0);
   for (size_t t = 0; t < T; ++t) {
@@ -729,7 +733,7 @@ void book_weights(const double* signal, double* weights, size_t T, size_t N, Nor
   }
 }
 
-void book_daily(const double* weights, const double* fwd, const double* flag, size_t T, size_t N,
+void book_daily(const double* weights, const double* fwd, const std::uint8_t* flag, size_t T, size_t N,
                 DailySeries s) {
   daily_series(fwd, flag, T, N, s, [&](size_t t, double& scale) QM_LAMBDA {
     scale = 1.0;
@@ -737,7 +741,7 @@ void book_daily(const double* weights, const double* fwd, const double* flag, si
   });
 }
 
-void book_series(const double* signal, const double* fwd, const double* flag, size_t T, size_t N,
+void book_series(const double* signal, const double* fwd, const std::uint8_t* flag, size_t T, size_t N,
                  Normalization norm, int decay, double truncation, DailySeries s) {
   std::vector<double> panel;
   const double* src = normalise(signal, panel, T, N, norm, decay) ? panel.data() : signal;
@@ -752,6 +756,7 @@ void book_series(const double* signal, const double* fwd, const double* flag, si
 
 namespace quillmarsh::local::QM_ISA {
 const KernelTable table = {
+    .name = QM_ISA_NAME,
     .ts_sum = ts_sum, .ts_mean = ts_mean, .ts_std = ts_std, .ts_zscore = ts_zscore, .ts_min = ts_min,
     .ts_max = ts_max, .ts_rank = ts_rank, .ts_decay_linear = ts_decay_linear, .ts_delay = ts_delay,
     .ts_delta = ts_delta, .ts_corr = ts_corr, .ts_cov = ts_cov, .cs_rank = cs_rank, .cs_zscore = cs_zscore,

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <numeric>
@@ -17,9 +18,11 @@
 #endif
 
 #define QM_ISA base
+#define QM_ISA_NAME "x86-64"
 #define QM_ISA_AVX 0
 #include "kernel_bodies.hpp"
 #undef QM_ISA
+#undef QM_ISA_NAME
 #undef QM_ISA_AVX
 
 #if defined(__x86_64__) && defined(__GNUC__) && !defined(__clang__)
@@ -27,21 +30,31 @@
 #pragma GCC push_options
 #pragma GCC target("arch=x86-64-v3")
 #define QM_ISA v3
+#define QM_ISA_NAME "x86-64-v3"
 #define QM_ISA_AVX 1  // the target pragma does not define __AVX__ and friends
 #include "kernel_bodies.hpp"
 #undef QM_ISA
+#undef QM_ISA_NAME
 #undef QM_ISA_AVX
 #pragma GCC pop_options
 #endif
 
 namespace quillmarsh::local {
 
-const KernelTable& kernels() {
+namespace {
+const KernelTable& pick() {
 #ifdef QM_HAVE_V3
-  static const bool v3 = __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma");
-  if (v3) return v3::table;
+  const char* want = std::getenv("QUILLMARSH_KERNELS");
+  const bool baseline = want && std::strcmp(want, "baseline") == 0;
+  if (!baseline && __builtin_cpu_supports("avx2") && __builtin_cpu_supports("fma")) return v3::table;
 #endif
   return base::table;
+}
+}  // namespace
+
+const KernelTable& kernels() {
+  static const KernelTable& chosen = pick();
+  return chosen;
 }
 
 }  // namespace quillmarsh::local

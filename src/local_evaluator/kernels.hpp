@@ -14,6 +14,7 @@
 #pragma once
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
 
 namespace quillmarsh::local {
 
@@ -34,8 +35,10 @@ struct DailySeries {
 };
 
 // The kernels, as one table per instruction set: the same source is compiled for the x86-64 baseline and
-// for x86-64-v3 (AVX2, FMA); kernels() is the build for the machine this runs on.
+// for x86-64-v3 (AVX2, FMA); kernels() is the build for the machine this runs on, or the baseline build
+// when the environment variable QUILLMARSH_KERNELS is "baseline" at first use.
 struct KernelTable {
+  const char* name;  // the instruction set the table was built for
   // Rolling (time-series) kernels: one pass over the panel, state kept per column.
   void (*ts_sum)(const double* x, double* out, size_t T, size_t N, int w);
   void (*ts_mean)(const double* x, double* out, size_t T, size_t N, int w);
@@ -72,11 +75,12 @@ struct KernelTable {
 
   // Daily series of a book against the next day's returns (a missing return earns nothing):
   // pnl, traded value, long count, short count, net exposure, absolute weight sum, largest weight share,
-  // number of positions held, and sum_n flag[t,n] * |w[t,n]| for a 0/1 `flag` panel (may be null: 0).
-  void (*book_daily)(const double* weights, const double* fwd_returns, const double* flag, size_t T, size_t N,
+  // number of positions held, and the sum of |w[t,n]| over the names flagged (nonzero) in the one-byte
+  // `flag` panel (may be null: 0).
+  void (*book_daily)(const double* weights, const double* fwd_returns, const std::uint8_t* flag, size_t T, size_t N,
                      DailySeries s);
   // book_weights and book_daily in one pass over the days, without materialising the book.
-  void (*book_series)(const double* signal, const double* fwd_returns, const double* flag, size_t T, size_t N,
+  void (*book_series)(const double* signal, const double* fwd_returns, const std::uint8_t* flag, size_t T, size_t N,
                       Normalization norm, int decay, double truncation, DailySeries s);
 };
 const KernelTable& kernels();

@@ -48,7 +48,7 @@ def test_decay_blends_the_previous_days_normalised_signal():
 def test_daily_series_by_hand():
     w = np.array([[0.5, -0.5], [0.25, -0.75]])
     r = np.array([[0.02, np.nan], [0.01, -0.02]])
-    flag = np.array([[0.0, 1.0], [1.0, 0.0]])
+    flag = np.array([[False, True], [True, False]])
     pnl, traded, longs, shorts, net, gross, share, held, flagged = ev.book_daily(w, r, flag)
     np.testing.assert_allclose(pnl, [0.01, 0.0025 + 0.015])  # a missing return earns nothing
     np.testing.assert_allclose(traded, [1.0, 0.5])
@@ -144,7 +144,7 @@ def test_fused_series_equals_book_then_daily(norm, decay):
     s[rng.random(s.shape) < 0.1] = np.nan
     r = 0.01 * rng.standard_normal(s.shape)
     r[rng.random(s.shape) < 0.05] = np.nan
-    flag = (rng.random(s.shape) < 0.3).astype(float)
+    flag = (rng.random(s.shape) < 0.3).astype(np.uint8)
     fused = ev.book_series(s, r, norm, decay, 0.08, flag)
     separate = ev.book_daily(ev.book_weights(s, norm, decay, 0.08), r, flag)
     for a, b in zip(fused, separate):

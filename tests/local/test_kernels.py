@@ -1,4 +1,8 @@
 """Each panel kernel against a direct NumPy rendition of the same definition, NaN positions included."""
+import os
+import subprocess
+import sys
+
 import numpy as np
 import pytest
 
@@ -190,6 +194,16 @@ def test_bad_arrays_are_refused(bad, err):
         ev.ts("mean", bad, 2)
 
 
+@pytest.mark.parametrize("flag, err", [
+    (np.ones((4, 3)), TypeError),  # the flags are one byte a cell
+    (np.ones((4, 2), dtype=bool), ValueError),
+])
+def test_bad_flags_are_refused(flag, err):
+    x = np.zeros((4, 3))
+    with pytest.raises(err, match="flag"):
+        ev.book_series(x, x, "none", 0, 0.0, flag)
+
+
 @pytest.mark.parametrize("call", [
     lambda x: ev.ts("median", x, 3),
     lambda x: ev.ts("mean", x, 0),
@@ -199,3 +213,36 @@ def test_bad_arrays_are_refused(bad, err):
 def test_bad_arguments_are_refused(call):
     with pytest.raises(ValueError):
         call(panel(0))
+
+
+_BUILD_OUTPUTS = """
+import sys
+import numpy as np
+from quillmarsh.local import _evaluator as ev
+rng = np.random.default_rng(5)
+x, y = rng.standard_normal((70, 37)) ** 3, rng.standard_normal((70, 37))
+x[rng.random(x.shape) < 0.1] = np.nan
+outs = [ev.ts(op, x, w) for op in ("sum", "mean", "std", "zscore", "min", "max", "rank", "decay_linear")
+        for w in (1, 3, 8)]
+outs += [ev.ts2(op, x, y, 6) for op in ("corr", "cov")] + [ev.cs(op, x) for op in ("rank", "zscore", "demean", "scale")]
+outs += [ev.unary(op, x) for op in ("slog", "ssqrt", "sign", "inverse")] + [ev.binary("div", x, y)]
+outs += [np.array(ev.book_series(x, 0.01 * y, norm, 2, 0.06, y > 1)) for norm in ("none", "rank")]
+np.save(sys.argv[1], np.concatenate([o.ravel() for o in outs]))
+print(ev.kernel_build)
+"""
+
+
+def test_baseline_build_agrees_with_the_machines(tmp_path):
+    # Every kernel is compiled for the x86-64 baseline and for AVX2; both must give the same panels to the
+    # last bit, so that a signal scores the same on every machine.
+    runs = {}
+    for label, extra in (("native", {}), ("baseline", {"QUILLMARSH_KERNELS": "baseline"})):
+        env = {k: v for k, v in os.environ.items() if k != "QUILLMARSH_KERNELS"} | extra
+        out = tmp_path / f"{label}.npy"
+        done = subprocess.run([sys.executable, "-c", _BUILD_OUTPUTS, str(out)], env=env, capture_output=True,
+                              text=True, timeout=120, check=True)
+        runs[label] = (done.stdout.strip(), np.load(out))
+    assert runs["baseline"][0] == "x86-64"
+    if runs["native"][0] == "x86-64":
+        pytest.skip("this machine runs the baseline build")
+    np.testing.assert_array_equal(runs["native"][1], runs["baseline"][1])

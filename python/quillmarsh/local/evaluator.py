@@ -313,10 +313,10 @@ class LocalEvaluator:
         return rank
 
     def _illiquid_flag(self) -> np.ndarray:
-        """1.0 where an instrument is in the least liquid fifth of its day (by dollar volume)."""
+        """True where an instrument is in the least liquid fifth of its day (by dollar volume)."""
         flag = self._features.get("__illiquid")
         if flag is None:
-            flag = (self._liquidity_rank() < 0.2).astype(np.float64)
+            flag = self._liquidity_rank() < 0.2
             with self._feature_lock:
                 self._features["__illiquid"] = flag
         return flag
