@@ -10,104 +10,150 @@ inline bool ok(double v) { return !std::isnan(v); }
 }  // namespace
 
 namespace {
-// Running sums of the valid values in each column's window, each column shifted by its first valid value
-// so that sums of squares do not cancel catastrophically for level-like series. Each row is one pass:
-// the value leaving the window out, today's in, and `cell(value, s1, s2, count, shift)` gives the output.
-// Every step is a select, so the pass vectorises.
+// Running sums lose precision as values pass through them: a large value leaving the window takes its
+// rounding error with it only in part, and a level that drifts away from the shift swamps the spread.
+// Each column therefore also keeps the mass that has gone in and out since its sums were last computed
+// exactly (absolute shifted values for sums and means, their squares for spreads); once that exceeds
+// kReanchor times what the window itself holds (squared for squares), the column's sums are recomputed
+// from its window, about its mean. That keeps every rolling value within a few hundred ulps of the
+// window's own magnitude, costs nothing on well-behaved data (the mass grows by two values a day against
+// a window of w), and one O(w) pass each time an outlier leaves.
+constexpr double kReanchor = 256.0;
+
+// Running sums of the valid values in each column's window. Each row is one pass of four-lane blocks: the
+// value leaving the window out, today's in, and `cell(value, s1, s2, count, shift)` gives the outputs.
+// Centred: the outputs are spreads, whose precision is that of the centred sum of squares, and the values
+// are shifted by a per-column level (the first value of a window that was empty, later the mean of the
+// window at each re-anchoring) so that the squares do not swamp the spread. Otherwise the outputs are sums
+// and means, whose precision is that of the plain sum, and nothing is shifted: a shift far from today's
+// values would only cost digits.
+template <bool Centred>
 class Moments {
  public:
   template <class F>
   static void run(const double* x, double* out, size_t T, size_t N, int w, F&& cell) {
-    std::vector<double> state(4 * N, 0.0);
-    double* shift = state.data();
-    std::vector<char> found(N, 0);
-    size_t left = N;
-    for (size_t t = 0; t < T && left; ++t)
-      for (size_t n = 0; n < N; ++n)
-        if (!found[n] && ok(x[t * N + n])) { shift[n] = x[t * N + n]; found[n] = 1; --left; }
+    std::vector<double> state(5 * N, 0.0);
     for (size_t t = 0; t < T; ++t) {
-      if (t >= size_t(w)) row<true>(x + t * N, x + (t - w) * N, out + t * N, N, state.data(), cell);
-      else row<false>(x + t * N, nullptr, out + t * N, N, state.data(), cell);
+      if (t >= size_t(w)) row<true>(x, t, N, size_t(w), out + t * N, state.data(), cell);
+      else row<false>(x, t, N, size_t(w), out + t * N, state.data(), cell);
     }
   }
 
  private:
+  // State per column: the shift (spreads only), s1, s2 (spreads) or sum |d| over the window (sums), the
+  // count, and the mass through the sums since they were last exact: |d| for sums, d^2 for spreads.
   template <bool Leaving, class F>
-  static void row(const double* __restrict x, const double* __restrict old, double* __restrict o, size_t N,
-                  double* state, F& cell) {
-    const double* __restrict k = state;
-    double* __restrict a1 = state + N;
-    double* __restrict a2 = state + 2 * N;
-    double* __restrict c = state + 3 * N;
-    for (size_t n = 0; n < N; ++n) {
-      double s1 = a1[n], s2 = a2[n], cn = c[n];
+  QM_INLINE static void row(const double* x, size_t t, size_t N, size_t w, double* o, double* state, F& cell) {
+    using namespace lanes;
+    double* k = state;
+    double* a1 = state + N;
+    double* a2 = state + 2 * N;  // s2 for spreads, sum |d| for sums
+    double* cnt = state + 3 * N;
+    double* mass = state + 4 * N;
+    const double* now = x + t * N;
+    const v4d zero = splat(0.0), one = splat(1.0);
+    const double limit = Centred ? kReanchor * kReanchor : kReanchor;
+    blocks(N, [&](size_t n, size_t q) QM_LAMBDA {
+      v4d s1 = load(a1 + n, q, 0.0), s2 = load(a2 + n, q, 0.0), c = load(cnt + n, q, 0.0);
+      v4d m = load(mass + n, q, 0.0), kn = Centred ? load(k + n, q, 0.0) : zero;
       if constexpr (Leaving) {
-        const double v = old[n];
-        double d = v - k[n];  // computed first, then selected: the form that vectorises
-        d = __builtin_isnan(v) ? 0.0 : d;
-        s1 -= d; s2 -= d * d; cn -= __builtin_isnan(v) ? 0.0 : 1.0;
+        const v4d v = load(x + (t - w) * N + n, q, kNaN);
+        const v4l there = valid(v);
+        const v4d d = select(there, v - kn, zero);
+        s1 -= d; s2 -= Centred ? d * d : abs(d); m += Centred ? d * d : abs(d); c -= select(there, one, zero);
       }
-      const double v = x[n];
-      double d = v - k[n];
-      d = __builtin_isnan(v) ? 0.0 : d;
-      cn += __builtin_isnan(v) ? 0.0 : 1.0;
-      s1 += d; s2 += d * d;
-      s1 = cn == 0.0 ? 0.0 : s1;  // an empty window restarts from exact zeros
-      s2 = cn == 0.0 ? 0.0 : s2;
-      a1[n] = s1; a2[n] = s2; c[n] = cn;
-      o[n] = cell(v, s1, s2, cn, k[n]);
+      // An empty window restarts from exact zeros, and a spread's shift at its first value.
+      const v4l empty = c == 0.0;
+      s1 = select(empty, zero, s1);
+      s2 = select(empty, zero, s2);
+      m = select(empty, zero, m);
+      const v4d v = load(now + n, q, kNaN);
+      const v4l there = valid(v);
+      if constexpr (Centred) kn = select(empty & there, v, kn);
+      const v4d d = select(there, v - kn, zero);
+      s1 += d; s2 += Centred ? d * d : abs(d); m += Centred ? d * d : abs(d); c += select(there, one, zero);
+      // What the window holds: its centred sum of squares (times the count) or its sum |d|.
+      const v4l stale = Centred ? m * c > limit * (s2 * c - s1 * s1) : m > limit * s2;
+      if (any(stale)) {
+        for (size_t i = 0; i < q; ++i)
+          if (stale[i]) anchor(x, t, N, w, n + i, kn[i], s1[i], s2[i], c[i], m[i]);
+      }
+      if constexpr (Centred) store(k + n, kn, q);
+      store(a1 + n, s1, q); store(a2 + n, s2, q); store(cnt + n, c, q); store(mass + n, m, q);
+      store(o + n, cell(v, s1, s2, c, kn), q);
+    });
+  }
+
+  // The sums of column n's window ending at t, computed afresh about the window's mean.
+  static void anchor(const double* x, size_t t, size_t N, size_t w, size_t n, double& k, double& s1, double& s2,
+                     double& c, double& m) {
+    const size_t lo = t + 1 >= w ? t + 1 - w : 0;
+    double sum = 0.0, count = 0.0;
+    for (size_t j = lo; j <= t; ++j) {
+      const double v = x[j * N + n];
+      if (v == v) { sum += v; count += 1.0; }
     }
+    if (Centred && count > 0.0) k = sum / count;
+    s1 = s2 = 0.0;
+    for (size_t j = lo; j <= t; ++j) {
+      const double v = x[j * N + n];
+      if (v == v) { s1 += v - k; s2 += Centred ? (v - k) * (v - k) : std::fabs(v); }
+    }
+    c = count;
+    m = s2;
   }
 };
 
-// Sample variance of a window and whether it is degenerate: a variance this small relative to the squared
-// deviations is rounding residue of a constant window.
-inline double window_var(double a1, double a2, double c, bool& degenerate) {
-  double cc = c > 1.0 ? c : 2.0;
-  double v = (a2 - a1 * a1 / cc) / (cc - 1.0);
-  v = v > 0.0 ? v : 0.0;
-  degenerate = !(v > 1e-14 * (a2 / cc));
+// Sample variance of windows and whether each is degenerate: a variance this small relative to the
+// squared deviations is rounding residue of a constant window.
+QM_INLINE lanes::v4d window_var(lanes::v4d s1, lanes::v4d s2, lanes::v4d c, lanes::v4l& degenerate) {
+  using namespace lanes;
+  const v4d cc = select(c > 1.0, c, splat(2.0));
+  v4d v = (s2 * cc - s1 * s1) / (cc * (cc - 1.0));
+  v = select(v > 0.0, v, splat(0.0));
+  degenerate = ~(v * cc > 1e-14 * s2);
   return v;
 }
 }  // namespace
 
+using lanes::v4d;
+
 void ts_sum(const double* x, double* out, size_t T, size_t N, int w) {
   const double mp = min_periods(w, false);
-  Moments::run(x, out, T, N, w, [mp](double v, double s1, double, double c, double k) {
-    double r = s1 + c * k;
-    r = c < mp ? kNaN : r;
-    return __builtin_isnan(v) ? kNaN : r;
+  Moments<false>::run(x, out, T, N, w, [mp](v4d v, v4d s1, v4d, v4d c, v4d k) QM_LAMBDA {
+    return lanes::select(lanes::valid(v) & (c >= mp), s1 + c * k, lanes::splat(kNaN));
   });
 }
 
 void ts_mean(const double* x, double* out, size_t T, size_t N, int w) {
   const double mp = min_periods(w, false);
-  Moments::run(x, out, T, N, w, [mp](double v, double s1, double, double c, double k) {
-    double cc = c > 0.0 ? c : 1.0;
-    double r = k + s1 / cc;
-    r = c < mp ? kNaN : r;
-    return __builtin_isnan(v) ? kNaN : r;
+  Moments<false>::run(x, out, T, N, w, [mp](v4d v, v4d s1, v4d, v4d c, v4d k) QM_LAMBDA {
+    using namespace lanes;
+    const v4d mean = k + s1 / select(c > 0.0, c, splat(1.0));
+    return select(valid(v) & (c >= mp), mean, splat(kNaN));
   });
 }
 
 void ts_std(const double* x, double* out, size_t T, size_t N, int w) {
   const double mp = min_periods(w, true);
-  Moments::run(x, out, T, N, w, [mp](double v, double s1, double s2, double c, double) {
-    bool deg;
-    double var = window_var(s1, s2, c, deg);
-    double sd = deg ? 0.0 : std::sqrt(var);
-    return ((v == v) & (c >= mp)) ? sd : kNaN;
+  Moments<true>::run(x, out, T, N, w, [mp](v4d v, v4d s1, v4d s2, v4d c, v4d) QM_LAMBDA {
+    using namespace lanes;
+    v4l degenerate;
+    const v4d var = window_var(s1, s2, c, degenerate);
+    const v4d sd = select(degenerate, splat(0.0), lanes::sqrt(var));
+    return select(valid(v) & (c >= mp), sd, splat(kNaN));
   });
 }
 
 void ts_zscore(const double* x, double* out, size_t T, size_t N, int w) {
   const double mp = min_periods(w, true);
-  Moments::run(x, out, T, N, w, [mp](double v, double s1, double s2, double c, double k) {
-    bool deg;
-    double var = window_var(s1, s2, c, deg);
-    double cc = c > 0.0 ? c : 1.0;
-    double z = ((v - k) - s1 / cc) / std::sqrt(deg ? 1.0 : var);
-    return ((v == v) & (c >= mp) & !deg) ? z : kNaN;
+  Moments<true>::run(x, out, T, N, w, [mp](v4d v, v4d s1, v4d s2, v4d c, v4d k) QM_LAMBDA {
+    using namespace lanes;
+    v4l degenerate;
+    const v4d var = window_var(s1, s2, c, degenerate);
+    const v4d mean_dev = s1 / select(c > 0.0, c, splat(1.0));
+    const v4d z = ((v - k) - mean_dev) / lanes::sqrt(select(degenerate, splat(1.0), var));
+    return select(valid(v) & (c >= mp) & ~degenerate, z, splat(kNaN));
   });
 }
 
@@ -224,43 +270,62 @@ void ts_rank(const double* x, double* out, size_t T, size_t N, int w) {
 
 void ts_decay_linear(const double* x, double* out, size_t T, size_t N, int w, int minp) {
   // num_t = sum_j (w - j) x_{t-j}; num_{t+1} = num_t - sum_t + w * x_{t+1}, with sum_t the plain window
-  // sum; the same recurrence on the indicator of validity gives the normaliser. One pass a row.
+  // sum; the same recurrence on the indicator of validity gives the normaliser (exact: small integers).
+  // One pass a row. num and sum are re-anchored as the rolling sums are (see Moments): computed afresh
+  // from the window once the mass through them exceeds kReanchor times the window's own.
   using namespace lanes;
-  std::vector<double> state(5 * N, 0.0);
+  std::vector<double> state(7 * N, 0.0);
   double* num = state.data();
   double* sum = num + N;
   double* wnum = sum + N;
   double* wsum = wnum + N;
   double* count = wsum + N;
+  double* mass = count + N;
+  double* gross = mass + N;
+  const size_t span = size_t(w);
   const v4d zero = splat(0.0), one = splat(1.0), W = splat(w);
+  auto anchor = [&](size_t t, size_t n, double& nu, double& su, double& g, double& m) {
+    const size_t lo = t + 1 >= span ? t + 1 - span : 0;
+    nu = su = g = 0.0;
+    for (size_t j = lo; j <= t; ++j) {
+      const double v = x[j * N + n];
+      if (v == v) { nu += double(span - (t - j)) * v; su += v; g += std::fabs(v); }
+    }
+    m = g;
+  };
   for (size_t t = 0; t < T; ++t) {
     const double* row = x + t * N;
-    const double* old = t >= size_t(w) ? x + (t - w) * N : nullptr;
+    const double* old = t >= span ? x + (t - span) * N : nullptr;
     double* o = out + t * N;
     blocks(N, [&](size_t n, size_t k) QM_LAMBDA {
       v4d nu = load(num + n, k, 0.0), su = load(sum + n, k, 0.0), wn = load(wnum + n, k, 0.0);
       v4d ws = load(wsum + n, k, 0.0), c = load(count + n, k, 0.0);
+      v4d m = load(mass + n, k, 0.0), g = load(gross + n, k, 0.0);
       // Every weight moves down by one; the value leaving the window had weight 1 and drops out.
       nu -= su;
       wn -= ws;
       if (old) {
         const v4d v = load(old + n, k, kNaN);
         const v4l there = valid(v);
-        su -= select(there, v, zero);
+        const v4d a = select(there, v, zero);
+        su -= a; g -= abs(a); m += abs(a);
         ws -= select(there, one, zero);
         c -= select(there, one, zero);
       }
       const v4d v = load(row + n, k, kNaN);
       const v4l there = valid(v);
       const v4d a = select(there, v, zero), in = select(there, one, zero);
-      c += in; nu += W * a; su += a; wn += W * in; ws += in;
-      const v4d r = nu / select(wn > 0.0, wn, one);
+      c += in; nu += W * a; su += a; wn += W * in; ws += in; g += abs(a); m += abs(a);
       const v4l empty = c == 0.0;  // an empty window restarts from exact zeros
-      store(num + n, select(empty, zero, nu), k);
-      store(sum + n, select(empty, zero, su), k);
-      store(wnum + n, select(empty, zero, wn), k);
-      store(wsum + n, select(empty, zero, ws), k);
-      store(count + n, c, k);
+      nu = select(empty, zero, nu); su = select(empty, zero, su); wn = select(empty, zero, wn);
+      ws = select(empty, zero, ws); g = select(empty, zero, g); m = select(empty, zero, m);
+      const v4l stale = m > kReanchor * g;
+      if (any(stale))
+        for (size_t i = 0; i < k; ++i)
+          if (stale[i]) anchor(t, n + i, nu[i], su[i], g[i], m[i]);
+      store(num + n, nu, k); store(sum + n, su, k); store(wnum + n, wn, k); store(wsum + n, ws, k);
+      store(count + n, c, k); store(mass + n, m, k); store(gross + n, g, k);
+      const v4d r = nu / select(wn > 0.0, wn, one);
       store(o + n, select(there & (c >= double(minp)), r, splat(kNaN)), k);
     });
   }
@@ -285,64 +350,93 @@ void ts_delta(const double* x, double* out, size_t T, size_t N, int d) {
 }
 
 namespace {
-// Running co-moments over the pairs of a window where both inputs are valid, each input shifted by its
-// value in the first valid pair. One pass a row: the pair leaving the window out, today's in, and
-// emit(count, cxy, cxx, cyy, sxx, syy) the output from the centred sums.
+// Running co-moments over the pairs of a window where both inputs are valid, each input shifted by a
+// per-column level (its value in the first pair of a window that was empty, later the window's mean at
+// each re-anchoring). One pass a row: the pair leaving the window out, today's in, and
+// emit(count, cxy, cxx, cyy, sxx, syy) the output from the centred sums. Re-anchored as the rolling
+// moments are (see Moments), on the squared mass through either input against its centred sum of squares.
 template <bool Leaving, class F>
-QM_INLINE void pair_row(const double* xr, const double* yr, const double* xo, const double* yo, double* o,
-                        size_t N, double* state, double mp, F& emit) {
+QM_INLINE void pair_row(const double* x, const double* y, size_t t, size_t N, size_t w, double* o,
+                        double* state, double mp, F& emit) {
   using namespace lanes;
-  const double* kx = state;
-  const double* ky = state + N;
+  double* kx = state;
+  double* ky = state + N;
   double* sx = state + 2 * N;
   double* sy = state + 3 * N;
   double* sxx = state + 4 * N;
   double* syy = state + 5 * N;
   double* sxy = state + 6 * N;
   double* cnt = state + 7 * N;
+  double* mx = state + 8 * N;
+  double* my = state + 9 * N;
+  const double* xr = x + t * N;
+  const double* yr = y + t * N;
   const v4d zero = splat(0.0), one = splat(1.0);
+  const double limit = kReanchor * kReanchor;
   blocks(N, [&](size_t n, size_t k) QM_LAMBDA {
     v4d ax = load(sx + n, k, 0.0), ay = load(sy + n, k, 0.0), axx = load(sxx + n, k, 0.0);
     v4d ayy = load(syy + n, k, 0.0), axy = load(sxy + n, k, 0.0), c = load(cnt + n, k, 0.0);
-    const v4d kxn = load(kx + n, k, 0.0), kyn = load(ky + n, k, 0.0);
+    v4d kxn = load(kx + n, k, 0.0), kyn = load(ky + n, k, 0.0);
+    v4d mxn = load(mx + n, k, 0.0), myn = load(my + n, k, 0.0);
     if constexpr (Leaving) {  // a pair is missing when x + y is NaN
-      const v4d xv = load(xo + n, k, kNaN), yv = load(yo + n, k, kNaN);
+      const v4d xv = load(x + (t - w) * N + n, k, kNaN), yv = load(y + (t - w) * N + n, k, kNaN);
       const v4l there = valid(xv + yv);
       const v4d a = select(there, xv - kxn, zero), b = select(there, yv - kyn, zero);
       ax -= a; ay -= b; axx -= a * a; ayy -= b * b; axy -= a * b; c -= select(there, one, zero);
+      mxn += a * a; myn += b * b;
     }
-    const v4d xv = load(xr + n, k, kNaN), yv = load(yr + n, k, kNaN);
-    const v4l there = valid(xv + yv);
-    const v4d a = select(there, xv - kxn, zero), b = select(there, yv - kyn, zero);
-    ax += a; ay += b; axx += a * a; ayy += b * b; axy += a * b; c += select(there, one, zero);
-    const v4l empty = c == 0.0;  // an empty window restarts from exact zeros
+    // An empty window restarts from exact zeros, its shifts at its first pair.
+    const v4l empty = c == 0.0;
     ax = select(empty, zero, ax); ay = select(empty, zero, ay);
     axx = select(empty, zero, axx); ayy = select(empty, zero, ayy); axy = select(empty, zero, axy);
+    mxn = select(empty, zero, mxn); myn = select(empty, zero, myn);
+    const v4d xv = load(xr + n, k, kNaN), yv = load(yr + n, k, kNaN);
+    const v4l there = valid(xv + yv);
+    kxn = select(empty & there, xv, kxn);
+    kyn = select(empty & there, yv, kyn);
+    const v4d a = select(there, xv - kxn, zero), b = select(there, yv - kyn, zero);
+    ax += a; ay += b; axx += a * a; ayy += b * b; axy += a * b; c += select(there, one, zero);
+    mxn += a * a; myn += b * b;
+    // Either input's mass against its centred sum of squares (both times the count).
+    const v4l stale = (mxn * c > limit * (axx * c - ax * ax)) | (myn * c > limit * (ayy * c - ay * ay));
+    if (any(stale)) {
+      for (size_t i = 0; i < k; ++i) {
+        if (!stale[i]) continue;
+        // The window's valid pairs, afresh about their means.
+        const size_t lo = t + 1 >= w ? t + 1 - w : 0, col = n + i;
+        double mxs = 0.0, mys = 0.0, m = 0.0;
+        for (size_t j = lo; j <= t; ++j) {
+          const double p = x[j * N + col], q = y[j * N + col];
+          if (p + q == p + q) { mxs += p; mys += q; m += 1.0; }
+        }
+        if (m > 0.0) { kxn[i] = mxs / m; kyn[i] = mys / m; }
+        double s_x = 0.0, s_y = 0.0, s_xx = 0.0, s_yy = 0.0, s_xy = 0.0;
+        for (size_t j = lo; j <= t; ++j) {
+          const double p = x[j * N + col], q = y[j * N + col];
+          if (!(p + q == p + q)) continue;
+          const double u = p - kxn[i], v = q - kyn[i];
+          s_x += u; s_y += v; s_xx += u * u; s_yy += v * v; s_xy += u * v;
+        }
+        ax[i] = s_x; ay[i] = s_y; axx[i] = s_xx; ayy[i] = s_yy; axy[i] = s_xy; c[i] = m;
+        mxn[i] = s_xx; myn[i] = s_yy;
+      }
+    }
+    store(kx + n, kxn, k); store(ky + n, kyn, k);
     store(sx + n, ax, k); store(sy + n, ay, k); store(sxx + n, axx, k); store(syy + n, ayy, k);
-    store(sxy + n, axy, k); store(cnt + n, c, k);
-    const v4d cc = select(c > 1.0, c, splat(2.0));
-    const v4d v = emit(cc, axy - ax * ay / cc, axx - ax * ax / cc, ayy - ay * ay / cc, axx, ayy);
+    store(sxy + n, axy, k); store(cnt + n, c, k); store(mx + n, mxn, k); store(my + n, myn, k);
+    const v4d cv = select(c > 1.0, c, splat(2.0)), inv = 1.0 / cv;
+    const v4d v = emit(cv, axy - ax * ay * inv, axx - ax * ax * inv, ayy - ay * ay * inv, axx, ayy);
     store(o + n, select(there & (c >= mp), v, splat(kNaN)), k);
   });
 }
 
 template <class F>
 void ts_pair(const double* x, const double* y, double* out, size_t T, size_t N, int w, F&& emit) {
-  std::vector<double> state(8 * N, 0.0);
-  std::vector<char> has(N, 0);
-  size_t left = N;
-  for (size_t t = 0; t < T && left; ++t)
-    for (size_t n = 0; n < N; ++n)
-      if (!has[n] && ok(x[t * N + n]) && ok(y[t * N + n])) {
-        state[n] = x[t * N + n]; state[N + n] = y[t * N + n]; has[n] = 1; --left;
-      }
+  std::vector<double> state(10 * N, 0.0);
   const double mp = min_periods(w, true);
   for (size_t t = 0; t < T; ++t) {
-    const size_t r = t * N;
-    if (t >= size_t(w))
-      pair_row<true>(x + r, y + r, x + r - w * N, y + r - w * N, out + r, N, state.data(), mp, emit);
-    else
-      pair_row<false>(x + r, y + r, nullptr, nullptr, out + r, N, state.data(), mp, emit);
+    if (t >= size_t(w)) pair_row<true>(x, y, t, N, size_t(w), out + t * N, state.data(), mp, emit);
+    else pair_row<false>(x, y, t, N, size_t(w), out + t * N, state.data(), mp, emit);
   }
 }
 }  // namespace

@@ -84,6 +84,8 @@ QM_INLINE v4d log_positive(v4d x) {
   return k * 6.93147180369123816490e-01 - ((hfsq - (s * (hfsq + r) + k * 1.90821492927058770002e-10)) - f);
 }
 
+QM_INLINE bool any(v4l mask) { return (mask[0] | mask[1] | mask[2] | mask[3]) != 0; }
+
 QM_INLINE double sum(v4d v) { return (v[0] + v[1]) + (v[2] + v[3]); }
 QM_INLINE std::int64_t sum(v4l v) { return (v[0] + v[1]) + (v[2] + v[3]); }
 QM_INLINE double max(v4d v) {

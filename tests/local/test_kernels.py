@@ -5,6 +5,7 @@ import sys
 
 import numpy as np
 import pytest
+from numpy.lib.stride_tricks import sliding_window_view
 
 from quillmarsh.local import _evaluator as ev
 
@@ -100,6 +101,39 @@ def test_delay_and_delta(d):
     lag[d:] = x[:-d]
     assert_panel_equal(ev.ts("delay", x, d), lag)
     assert_panel_equal(ev.ts("delta", x, d), x - lag)
+
+
+def _direct_rolling(op, x, y, w):
+    """op over every full window, computed directly, and the magnitude its error is measured against."""
+    wx, wy = sliding_window_view(x, w, axis=0), sliding_window_view(y, w, axis=0)
+    mx, my = wx.mean(-1), wy.mean(-1)
+    sx, sy = wx.std(-1, ddof=1), wy.std(-1, ddof=1)
+    cov = ((wx - mx[..., None]) * (wy - my[..., None])).sum(-1) / (w - 1)
+    weights = np.arange(1, w + 1, dtype=float)
+    return {
+        "sum": (wx.sum(-1), np.abs(wx).sum(-1)),
+        "mean": (mx, np.abs(wx).mean(-1)),
+        "std": (sx, sx),
+        "zscore": ((x[w - 1:] - mx) / sx, 1.0 + np.abs((x[w - 1:] - mx) / sx)),
+        "decay_linear": ((wx * weights).sum(-1) / weights.sum(), (np.abs(wx) * weights).sum(-1) / weights.sum()),
+        "corr": (cov / (sx * sy), 1.0),
+        "cov": (cov, sx * sy),
+    }[op]
+
+
+@pytest.mark.parametrize("op", ["sum", "mean", "std", "zscore", "decay_linear", "corr", "cov"])
+@pytest.mark.parametrize("w", [3, 20])
+def test_rolling_values_keep_their_precision_through_outliers(op, w):
+    # Fifth powers of normals (outliers of 1e3 among values near 0) and a level drifting far from where it
+    # started: sums that only ever add the new value and subtract the old lose every digit of the small
+    # windows after an outlier, and shifted squares swamp the spread of a drifting level.
+    rng = np.random.default_rng(w)
+    x = rng.standard_normal((600, 5)) ** 5
+    x[:, 0] = 1e4 + 50.0 * np.arange(600) + rng.standard_normal(600)
+    y = rng.standard_normal(x.shape) ** 5 + 0.5 * x
+    got = ev.ts2(op, x, y, w) if op in ("corr", "cov") else ev.ts(op, x, w)
+    want, scale = _direct_rolling(op, x, y, w)
+    assert np.max(np.abs(got[w - 1:] - want) / scale) < 1e-9
 
 
 @pytest.mark.parametrize("op", ["corr", "cov"])
