@@ -4,11 +4,12 @@
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <mutex>
 #include <string>
 #include <vector>
-#ifdef __GLIBC__
-#include <malloc.h>
-#endif
 
 #include "kernels.hpp"
 
@@ -37,7 +38,70 @@ void same_shape(const View& a, const View& b) {
   if (a.T != b.T || a.N != b.N) throw py::value_error("panels must have the same shape");
 }
 
-Panel new_panel(const View& v) { return Panel({py::ssize_t(v.T), py::ssize_t(v.N)}); }
+// Every operator returns a fresh panel of a few megabytes. Freshly mapped memory is faulted in and zeroed
+// page by page, which costs more than most operators and serialises threads on the address-space lock;
+// so the memory of panels that Python has let go is kept, up to kPoolBytes, for the next panel of the
+// same size. Each block carries its size in a header, for the capsule that returns it. The lock guards
+// only the list; nothing under it calls Python.
+class PanelPool {
+ public:
+  static constexpr size_t kPoolBytes = size_t(128) << 20;
+  static constexpr size_t kHeader = 64;  // keeps the data 64-byte aligned
+
+  double* take(size_t bytes) {
+    {
+      std::lock_guard<std::mutex> hold(mu_);
+      for (size_t i = free_.size(); i-- > 0;) {
+        if (size_of(free_[i]) != bytes) continue;
+        char* block = free_[i];
+        free_.erase(free_.begin() + std::ptrdiff_t(i));
+        kept_ -= bytes;
+        return data_of(block);
+      }
+    }
+    char* block = static_cast<char*>(std::aligned_alloc(kHeader, kHeader + (bytes + kHeader - 1) / kHeader * kHeader));
+    if (!block) throw std::bad_alloc();
+    std::memcpy(block, &bytes, sizeof bytes);
+    return data_of(block);
+  }
+
+  void give(double* data) {
+    char* block = reinterpret_cast<char*>(data) - kHeader;
+    const size_t bytes = size_of(block);
+    {
+      std::lock_guard<std::mutex> hold(mu_);
+      if (kept_ + bytes <= kPoolBytes) {
+        free_.push_back(block);
+        kept_ += bytes;
+        return;
+      }
+    }
+    std::free(block);
+  }
+
+ private:
+  static size_t size_of(const char* block) {
+    size_t bytes;
+    std::memcpy(&bytes, block, sizeof bytes);
+    return bytes;
+  }
+  static double* data_of(char* block) { return reinterpret_cast<double*>(block + kHeader); }
+
+  std::mutex mu_;
+  std::vector<char*> free_;
+  size_t kept_ = 0;
+};
+
+PanelPool& pool() {
+  static PanelPool* p = new PanelPool();  // never destroyed: arrays may outlive the module's teardown
+  return *p;
+}
+
+Panel new_panel(const View& v) {
+  double* data = pool().take(v.T * v.N * sizeof(double));
+  py::capsule owner(data, [](void* p) { pool().give(static_cast<double*>(p)); });
+  return Panel({py::ssize_t(v.T), py::ssize_t(v.N)}, data, owner);
+}
 
 void check_window(int w, const char* what) {
   if (w < 1) throw py::value_error(std::string(what) + " must be at least 1, got " + std::to_string(w));
@@ -211,13 +275,6 @@ py::tuple book_series(const py::array& signal, const py::array& fwd_returns, con
 }  // namespace
 
 PYBIND11_MODULE(_evaluator, m) {
-#ifdef __GLIBC__
-  // Every operator returns a fresh panel of a few megabytes. Served by mmap, each would be faulted in
-  // page by page and handed back to the kernel when freed, which costs more than most operators and
-  // serialises threads on the address-space lock. Keep such blocks on the heap for reuse instead.
-  mallopt(M_MMAP_THRESHOLD, 256 << 20);
-  mallopt(M_TRIM_THRESHOLD, 512 << 20);
-#endif
   m.doc() = "Panel kernels of the local backtester (float64, C-contiguous, (days, instruments)).";
   m.def("ts", &ts, py::arg("op"), py::arg("x"), py::arg("window"),
         "Rolling operator over the last `window` days: sum, mean, std, zscore, min, max, rank, "
