@@ -280,3 +280,15 @@ def test_baseline_build_agrees_with_the_machines(tmp_path):
     if runs["native"][0] == "x86-64":
         pytest.skip("this machine runs the baseline build")
     np.testing.assert_array_equal(runs["native"][1], runs["baseline"][1])
+
+
+def test_output_panels_never_share_memory_while_alive():
+    # Output memory is recycled once Python lets a panel go; a live panel must keep its own.
+    x = panel(2)
+    first = [ev.unary("neg", x) for _ in range(3)]
+    del first[1]
+    later = [ev.unary("abs", x) for _ in range(3)]
+    live = first + later
+    assert not any(np.shares_memory(a, b) for i, a in enumerate(live) for b in live[i + 1:])
+    for a in first:
+        assert_panel_equal(a, -x)
