@@ -11,10 +11,6 @@
 #include <cstdint>
 #include <cstring>
 
-// The helpers below take and return 32-byte vectors. They are always inlined, so no vector ever crosses a
-// real call boundary and GCC's note about the AVX calling convention does not apply to them.
-#pragma GCC diagnostic ignored "-Wpsabi"
-
 #ifndef QM_INLINE
 #define QM_INLINE [[gnu::always_inline]] inline
 // For lambdas whose bodies must be compiled into the function that calls them, for its instruction set.
