@@ -4,11 +4,12 @@
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 
+#include <cstdlib>
+#include <cstring>
+#include <new>
+#include <mutex>
 #include <string>
 #include <vector>
-#ifdef __GLIBC__
-#include <malloc.h>
-#endif
 
 #include "kernels.hpp"
 
@@ -37,7 +38,70 @@ void same_shape(const View& a, const View& b) {
   if (a.T != b.T || a.N != b.N) throw py::value_error("panels must have the same shape");
 }
 
-Panel new_panel(const View& v) { return Panel({py::ssize_t(v.T), py::ssize_t(v.N)}); }
+// Every operator returns a fresh panel of a few megabytes. Freshly mapped memory is faulted in and zeroed
+// page by page, which costs more than most operators and serialises threads on the address-space lock;
+// so the memory of panels that Python has let go is kept, up to kPoolBytes, for the next panel of the
+// same size. Each block carries its size in a header, for the capsule that returns it. The lock guards
+// only the list; nothing under it calls Python.
+class PanelPool {
+ public:
+  static constexpr size_t kPoolBytes = size_t(128) << 20;
+  static constexpr size_t kHeader = 64;  // keeps the data 64-byte aligned
+
+  double* take(size_t bytes) {
+    {
+      std::lock_guard<std::mutex> hold(mu_);
+      for (size_t i = free_.size(); i-- > 0;) {
+        if (size_of(free_[i]) != bytes) continue;
+        char* block = free_[i];
+        free_.erase(free_.begin() + std::ptrdiff_t(i));
+        kept_ -= bytes;
+        return data_of(block);
+      }
+    }
+    char* block = static_cast<char*>(std::aligned_alloc(kHeader, kHeader + (bytes + kHeader - 1) / kHeader * kHeader));
+    if (!block) throw std::bad_alloc();
+    std::memcpy(block, &bytes, sizeof bytes);
+    return data_of(block);
+  }
+
+  void give(double* data) {
+    char* block = reinterpret_cast<char*>(data) - kHeader;
+    const size_t bytes = size_of(block);
+    {
+      std::lock_guard<std::mutex> hold(mu_);
+      if (kept_ + bytes <= kPoolBytes) {
+        free_.push_back(block);
+        kept_ += bytes;
+        return;
+      }
+    }
+    std::free(block);
+  }
+
+ private:
+  static size_t size_of(const char* block) {
+    size_t bytes;
+    std::memcpy(&bytes, block, sizeof bytes);
+    return bytes;
+  }
+  static double* data_of(char* block) { return reinterpret_cast<double*>(block + kHeader); }
+
+  std::mutex mu_;
+  std::vector<char*> free_;
+  size_t kept_ = 0;
+};
+
+PanelPool& pool() {
+  static PanelPool* p = new PanelPool();  // never destroyed: arrays may outlive the module's teardown
+  return *p;
+}
+
+Panel new_panel(const View& v) {
+  double* data = pool().take(v.T * v.N * sizeof(double));
+  py::capsule owner(data, [](void* p) { pool().give(static_cast<double*>(p)); });
+  return Panel({py::ssize_t(v.T), py::ssize_t(v.N)}, data, owner);
+}
 
 void check_window(int w, const char* what) {
   if (w < 1) throw py::value_error(std::string(what) + " must be at least 1, got " + std::to_string(w));
@@ -48,25 +112,22 @@ Panel ts(const std::string& op, const py::array& x, int window) {
   check_window(window, op == "delay" || op == "delta" ? "lag" : "window");
   Panel out = new_panel(v);
   double* o = out.mutable_data();
-  std::vector<double> scratch;
   using Fn = void (*)(const double*, double*, size_t, size_t, int);
   Fn fn = nullptr;
-  if (op == "sum") fn = ql::ts_sum;
-  else if (op == "mean") fn = ql::ts_mean;
-  else if (op == "std") fn = ql::ts_std;
-  else if (op == "zscore") fn = ql::ts_zscore;
-  else if (op == "rank") fn = ql::ts_rank;
-  else if (op == "delay") fn = ql::ts_delay;
-  else if (op == "delta") fn = ql::ts_delta;
-  else if (op == "min" || op == "max" || op == "decay_linear") {
-    if (op != "decay_linear") scratch.resize(2 * v.N * v.T);
-  } else throw py::value_error("unknown time-series operator '" + op + "'");
+  if (op == "sum") fn = ql::kernels().ts_sum;
+  else if (op == "mean") fn = ql::kernels().ts_mean;
+  else if (op == "std") fn = ql::kernels().ts_std;
+  else if (op == "zscore") fn = ql::kernels().ts_zscore;
+  else if (op == "rank") fn = ql::kernels().ts_rank;
+  else if (op == "delay") fn = ql::kernels().ts_delay;
+  else if (op == "delta") fn = ql::kernels().ts_delta;
+  else if (op == "min") fn = ql::kernels().ts_min;
+  else if (op == "max") fn = ql::kernels().ts_max;
+  else if (op != "decay_linear") throw py::value_error("unknown time-series operator '" + op + "'");
   {
     py::gil_scoped_release release;
     if (fn) fn(v.data, o, v.T, v.N, window);
-    else if (op == "min") ql::ts_min(v.data, o, v.T, v.N, window, scratch.data());
-    else if (op == "max") ql::ts_max(v.data, o, v.T, v.N, window, scratch.data());
-    else ql::ts_decay_linear(v.data, o, v.T, v.N, window, ql::min_periods(window, false));
+    else ql::kernels().ts_decay_linear(v.data, o, v.T, v.N, window, ql::min_periods(window, false));
   }
   return out;
 }
@@ -79,8 +140,8 @@ Panel ts2(const std::string& op, const py::array& x, const py::array& y, int win
   Panel out = new_panel(a);
   double* o = out.mutable_data();
   py::gil_scoped_release release;
-  if (op == "corr") ql::ts_corr(a.data, b.data, o, a.T, a.N, window);
-  else ql::ts_cov(a.data, b.data, o, a.T, a.N, window);
+  if (op == "corr") ql::kernels().ts_corr(a.data, b.data, o, a.T, a.N, window);
+  else ql::kernels().ts_cov(a.data, b.data, o, a.T, a.N, window);
   return out;
 }
 
@@ -90,12 +151,11 @@ Panel cs(const std::string& op, const py::array& x) {
     throw py::value_error("unknown cross-sectional operator '" + op + "'");
   Panel out = new_panel(v);
   double* o = out.mutable_data();
-  std::vector<int> scratch(v.N + 1);
   py::gil_scoped_release release;
-  if (op == "rank") ql::cs_rank(v.data, o, v.T, v.N, scratch.data());
-  else if (op == "zscore") ql::cs_zscore(v.data, o, v.T, v.N);
-  else if (op == "demean") ql::cs_demean(v.data, o, v.T, v.N);
-  else ql::cs_scale(v.data, o, v.T, v.N);
+  if (op == "rank") ql::kernels().cs_rank(v.data, o, v.T, v.N);
+  else if (op == "zscore") ql::kernels().cs_zscore(v.data, o, v.T, v.N);
+  else if (op == "demean") ql::kernels().cs_demean(v.data, o, v.T, v.N);
+  else ql::kernels().cs_scale(v.data, o, v.T, v.N);
   return out;
 }
 
@@ -113,7 +173,7 @@ Panel unary(const std::string& op, const py::array& x) {
   Panel out = new_panel(v);
   double* o = out.mutable_data();
   py::gil_scoped_release release;
-  ql::unary(u, v.data, o, v.T * v.N);
+  ql::kernels().unary(u, v.data, o, v.T * v.N);
   return out;
 }
 
@@ -131,7 +191,7 @@ Panel binary(const std::string& op, const py::array& x, const py::array& y) {
   Panel out = new_panel(a);
   double* o = out.mutable_data();
   py::gil_scoped_release release;
-  ql::binary(f, a.data, b.data, o, a.T * a.N);
+  ql::kernels().binary(f, a.data, b.data, o, a.T * a.N);
   return out;
 }
 
@@ -153,9 +213,8 @@ Panel book_weights(const py::array& signal, const std::string& normalization, in
   ql::Normalization norm = parse_normalization(normalization, decay, truncation);
   Panel out = new_panel(v);
   double* o = out.mutable_data();
-  std::vector<int> scratch(v.N + 1);
   py::gil_scoped_release release;
-  ql::book_weights(v.data, o, v.T, v.N, norm, decay, truncation, scratch.data());
+  ql::kernels().book_weights(v.data, o, v.T, v.N, norm, decay, truncation);
   return out;
 }
 
@@ -175,21 +234,26 @@ struct Series {
   }
 };
 
-const double* optional_flag(const py::object& flag, const View& like) {
+// The flags are one byte a cell: a bool or uint8 panel, nonzero meaning flagged.
+const std::uint8_t* optional_flag(const py::object& flag, const View& like) {
   if (flag.is_none()) return nullptr;
-  View fv = panel_view(flag.cast<py::array>(), "flag");
-  same_shape(like, fv);
-  return fv.data;
+  py::array a = flag.cast<py::array>();
+  if (!a.dtype().is(py::dtype::of<bool>()) && !a.dtype().is(py::dtype::of<std::uint8_t>()))
+    throw py::type_error("flag must be a bool or uint8 array, got dtype " + std::string(py::str(a.dtype())));
+  if (a.ndim() != 2 || size_t(a.shape(0)) != like.T || size_t(a.shape(1)) != like.N)
+    throw py::value_error("flag must have the shape of the signal");
+  if (!(a.flags() & py::array::c_style)) throw py::value_error("flag must be C-contiguous");
+  return static_cast<const std::uint8_t*>(a.data());
 }
 
 py::tuple book_daily(const py::array& weights, const py::array& fwd_returns, const py::object& flag) {
   View w = panel_view(weights, "weights"), r = panel_view(fwd_returns, "fwd_returns");
   same_shape(w, r);
-  const double* f = optional_flag(flag, w);
+  const std::uint8_t* f = optional_flag(flag, w);
   Series out(w.T);
   {
     py::gil_scoped_release release;
-    ql::book_daily(w.data, r.data, f, w.T, w.N, out.s);
+    ql::kernels().book_daily(w.data, r.data, f, w.T, w.N, out.s);
   }
   return out.tuple();
 }
@@ -199,12 +263,11 @@ py::tuple book_series(const py::array& signal, const py::array& fwd_returns, con
   View v = panel_view(signal, "signal"), r = panel_view(fwd_returns, "fwd_returns");
   same_shape(v, r);
   ql::Normalization norm = parse_normalization(normalization, decay, truncation);
-  const double* f = optional_flag(flag, v);
-  std::vector<int> scratch(v.N + 1);
+  const std::uint8_t* f = optional_flag(flag, v);
   Series out(v.T);
   {
     py::gil_scoped_release release;
-    ql::book_series(v.data, r.data, f, v.T, v.N, norm, decay, truncation, scratch.data(), out.s);
+    ql::kernels().book_series(v.data, r.data, f, v.T, v.N, norm, decay, truncation, out.s);
   }
   return out.tuple();
 }
@@ -212,13 +275,6 @@ py::tuple book_series(const py::array& signal, const py::array& fwd_returns, con
 }  // namespace
 
 PYBIND11_MODULE(_evaluator, m) {
-#ifdef __GLIBC__
-  // Every operator returns a fresh panel of a few megabytes. Served by mmap, each would be faulted in
-  // page by page and handed back to the kernel when freed, which costs more than most operators and
-  // serialises threads on the address-space lock. Keep such blocks on the heap for reuse instead.
-  mallopt(M_MMAP_THRESHOLD, 256 << 20);
-  mallopt(M_TRIM_THRESHOLD, 512 << 20);
-#endif
   m.doc() = "Panel kernels of the local backtester (float64, C-contiguous, (days, instruments)).";
   m.def("ts", &ts, py::arg("op"), py::arg("x"), py::arg("window"),
         "Rolling operator over the last `window` days: sum, mean, std, zscore, min, max, rank, "
@@ -238,4 +294,7 @@ PYBIND11_MODULE(_evaluator, m) {
         py::arg("decay"), py::arg("truncation"), py::arg("flag") = py::none(),
         "book_weights then book_daily in one pass, without materialising the book.");
   m.def("min_periods", &ql::min_periods, py::arg("window"), py::arg("needs_two"));
+  // The instruction set of the kernels in use: "x86-64-v3" where the machine has AVX2 and FMA, else (or
+  // with QUILLMARSH_KERNELS=baseline in the environment) "x86-64".
+  m.attr("kernel_build") = ql::kernels().name;
 }

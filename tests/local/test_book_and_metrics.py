@@ -14,10 +14,17 @@ def test_book_is_demeaned_and_scaled_to_unit_gross():
     np.testing.assert_allclose(w[0], [-0.375, -0.125, 0.125, 0.375])
 
 
-def test_truncation_pins_large_weights_and_refills_the_book():
-    # Capped at 0.3, the two outer names are pinned and the inner two share the remaining 0.4.
-    w = ev.book_weights(np.array([[1.0, 2.0, 3.0, 4.0]]), "none", 0, 0.3)
-    np.testing.assert_allclose(w[0], [-0.3, -0.2, 0.2, 0.3])
+@pytest.mark.parametrize("row, cap, expected", [
+    # The two outer names are pinned and the inner two share the remaining 0.4.
+    ([1.0, 2.0, 3.0, 4.0], 0.3, [-0.3, -0.2, 0.2, 0.3]),
+    # Pinning the outlier raises the others past the cap in turn, until four of five are pinned.
+    ([10.0, -1.0, -2.0, -3.0, -4.0], 0.22, [0.22, -0.12, -0.22, -0.22, -0.22]),
+    # Too few names to fill the book under the cap: every held name sits at it, the flat one holds nothing.
+    ([1.0, 2.0, 3.0], 0.3, [-0.3, 0.0, 0.3]),
+])
+def test_truncation_pins_large_weights_and_refills_the_book(row, cap, expected):
+    w = ev.book_weights(np.array([row]), "none", 0, cap)
+    np.testing.assert_allclose(w[0], expected, atol=1e-15)
 
 
 def test_missing_signal_holds_no_position_and_rank_normalises():
@@ -41,7 +48,7 @@ def test_decay_blends_the_previous_days_normalised_signal():
 def test_daily_series_by_hand():
     w = np.array([[0.5, -0.5], [0.25, -0.75]])
     r = np.array([[0.02, np.nan], [0.01, -0.02]])
-    flag = np.array([[0.0, 1.0], [1.0, 0.0]])
+    flag = np.array([[False, True], [True, False]])
     pnl, traded, longs, shorts, net, gross, share, held, flagged = ev.book_daily(w, r, flag)
     np.testing.assert_allclose(pnl, [0.01, 0.0025 + 0.015])  # a missing return earns nothing
     np.testing.assert_allclose(traded, [1.0, 0.5])
@@ -120,7 +127,7 @@ def reference_book(signal, norm, truncation):
 
 
 @pytest.mark.parametrize("norm", ["none", "zscore", "rescale", "rank"])
-@pytest.mark.parametrize("truncation", [0.0, 0.12])
+@pytest.mark.parametrize("truncation", [0.0, 0.12, 0.045])
 def test_book_matches_a_direct_rendition(norm, truncation):
     rng = np.random.default_rng(3)
     s = rng.standard_normal((30, 40)) ** 3
@@ -137,7 +144,7 @@ def test_fused_series_equals_book_then_daily(norm, decay):
     s[rng.random(s.shape) < 0.1] = np.nan
     r = 0.01 * rng.standard_normal(s.shape)
     r[rng.random(s.shape) < 0.05] = np.nan
-    flag = (rng.random(s.shape) < 0.3).astype(float)
+    flag = (rng.random(s.shape) < 0.3).astype(np.uint8)
     fused = ev.book_series(s, r, norm, decay, 0.08, flag)
     separate = ev.book_daily(ev.book_weights(s, norm, decay, 0.08), r, flag)
     for a, b in zip(fused, separate):

@@ -1,6 +1,11 @@
 """Each panel kernel against a direct NumPy rendition of the same definition, NaN positions included."""
+import os
+import subprocess
+import sys
+
 import numpy as np
 import pytest
+from numpy.lib.stride_tricks import sliding_window_view
 
 from quillmarsh.local import _evaluator as ev
 
@@ -98,6 +103,39 @@ def test_delay_and_delta(d):
     assert_panel_equal(ev.ts("delta", x, d), x - lag)
 
 
+def _direct_rolling(op, x, y, w):
+    """op over every full window, computed directly, and the magnitude its error is measured against."""
+    wx, wy = sliding_window_view(x, w, axis=0), sliding_window_view(y, w, axis=0)
+    mx, my = wx.mean(-1), wy.mean(-1)
+    sx, sy = wx.std(-1, ddof=1), wy.std(-1, ddof=1)
+    cov = ((wx - mx[..., None]) * (wy - my[..., None])).sum(-1) / (w - 1)
+    weights = np.arange(1, w + 1, dtype=float)
+    return {
+        "sum": (wx.sum(-1), np.abs(wx).sum(-1)),
+        "mean": (mx, np.abs(wx).mean(-1)),
+        "std": (sx, sx),
+        "zscore": ((x[w - 1:] - mx) / sx, 1.0 + np.abs((x[w - 1:] - mx) / sx)),
+        "decay_linear": ((wx * weights).sum(-1) / weights.sum(), (np.abs(wx) * weights).sum(-1) / weights.sum()),
+        "corr": (cov / (sx * sy), 1.0),
+        "cov": (cov, sx * sy),
+    }[op]
+
+
+@pytest.mark.parametrize("op", ["sum", "mean", "std", "zscore", "decay_linear", "corr", "cov"])
+@pytest.mark.parametrize("w", [3, 20])
+def test_rolling_values_keep_their_precision_through_outliers(op, w):
+    # Fifth powers of normals (outliers of 1e3 among values near 0) and a level drifting far from where it
+    # started: sums that only ever add the new value and subtract the old lose every digit of the small
+    # windows after an outlier, and shifted squares swamp the spread of a drifting level.
+    rng = np.random.default_rng(w)
+    x = rng.standard_normal((600, 5)) ** 5
+    x[:, 0] = 1e4 + 50.0 * np.arange(600) + rng.standard_normal(600)
+    y = rng.standard_normal(x.shape) ** 5 + 0.5 * x
+    got = ev.ts2(op, x, y, w) if op in ("corr", "cov") else ev.ts(op, x, w)
+    want, scale = _direct_rolling(op, x, y, w)
+    assert np.max(np.abs(got[w - 1:] - want) / scale) < 1e-9
+
+
 @pytest.mark.parametrize("op", ["corr", "cov"])
 @pytest.mark.parametrize("w", [3, 10])
 def test_pair_operators_match_numpy(op, w):
@@ -190,6 +228,16 @@ def test_bad_arrays_are_refused(bad, err):
         ev.ts("mean", bad, 2)
 
 
+@pytest.mark.parametrize("flag, err", [
+    (np.ones((4, 3)), TypeError),  # the flags are one byte a cell
+    (np.ones((4, 2), dtype=bool), ValueError),
+])
+def test_bad_flags_are_refused(flag, err):
+    x = np.zeros((4, 3))
+    with pytest.raises(err, match="flag"):
+        ev.book_series(x, x, "none", 0, 0.0, flag)
+
+
 @pytest.mark.parametrize("call", [
     lambda x: ev.ts("median", x, 3),
     lambda x: ev.ts("mean", x, 0),
@@ -199,3 +247,48 @@ def test_bad_arrays_are_refused(bad, err):
 def test_bad_arguments_are_refused(call):
     with pytest.raises(ValueError):
         call(panel(0))
+
+
+_BUILD_OUTPUTS = """
+import sys
+import numpy as np
+from quillmarsh.local import _evaluator as ev
+rng = np.random.default_rng(5)
+x, y = rng.standard_normal((70, 37)) ** 3, rng.standard_normal((70, 37))
+x[rng.random(x.shape) < 0.1] = np.nan
+outs = [ev.ts(op, x, w) for op in ("sum", "mean", "std", "zscore", "min", "max", "rank", "decay_linear")
+        for w in (1, 3, 8)]
+outs += [ev.ts2(op, x, y, 6) for op in ("corr", "cov")] + [ev.cs(op, x) for op in ("rank", "zscore", "demean", "scale")]
+outs += [ev.unary(op, x) for op in ("slog", "ssqrt", "sign", "inverse")] + [ev.binary("div", x, y)]
+outs += [np.array(ev.book_series(x, 0.01 * y, norm, 2, 0.06, y > 1)) for norm in ("none", "rank")]
+np.save(sys.argv[1], np.concatenate([o.ravel() for o in outs]))
+print(ev.kernel_build)
+"""
+
+
+def test_baseline_build_agrees_with_the_machines(tmp_path):
+    # Every kernel is compiled for the x86-64 baseline and for AVX2; both must give the same panels to the
+    # last bit, so that a signal scores the same on every machine.
+    runs = {}
+    for label, extra in (("native", {}), ("baseline", {"QUILLMARSH_KERNELS": "baseline"})):
+        env = {k: v for k, v in os.environ.items() if k != "QUILLMARSH_KERNELS"} | extra
+        out = tmp_path / f"{label}.npy"
+        done = subprocess.run([sys.executable, "-c", _BUILD_OUTPUTS, str(out)], env=env, capture_output=True,
+                              text=True, timeout=120, check=True)
+        runs[label] = (done.stdout.strip(), np.load(out))
+    assert runs["baseline"][0] == "x86-64"
+    if runs["native"][0] == "x86-64":
+        pytest.skip("this machine runs the baseline build")
+    np.testing.assert_array_equal(runs["native"][1], runs["baseline"][1])
+
+
+def test_output_panels_never_share_memory_while_alive():
+    # Output memory is recycled once Python lets a panel go; a live panel must keep its own.
+    x = panel(2)
+    first = [ev.unary("neg", x) for _ in range(3)]
+    del first[1]
+    later = [ev.unary("abs", x) for _ in range(3)]
+    live = first + later
+    assert not any(np.shares_memory(a, b) for i, a in enumerate(live) for b in live[i + 1:])
+    for a in first:
+        assert_panel_equal(a, -x)

@@ -101,23 +101,30 @@ class _Factory:
         return self._evaluator._apply(self._info, list(inputs), config)
 
 
-def _sharpe(p: np.ndarray) -> float:
-    if p.size < 2:
+# The daily series are short (a few thousand days), so these metrics cost the calls into NumPy more than
+# the arithmetic: each is written with as few calls as it takes (plain sums rather than mean and std,
+# which are Python-level wrappers).
+def _sharpe(p: np.ndarray, total: float | None = None) -> float:
+    n = p.size
+    if n < 2:
         return 0.0
-    sd = p.std(ddof=1)
-    return float(p.mean() / sd * math.sqrt(TRADING_DAYS)) if sd > 0 else 0.0
+    mean = float(p.sum() if total is None else total) / n
+    d = p - mean
+    sd = math.sqrt(float(np.dot(d, d)) / (n - 1))
+    return mean / sd * math.sqrt(TRADING_DAYS) if sd > 0 else 0.0
 
 
 def column_metrics(p: np.ndarray, traded: np.ndarray) -> dict:
     """Sharpe, returns, turnover, fitness, margin and drawdown of one daily pnl column."""
-    sharpe = _sharpe(p)
-    returns = float(TRADING_DAYS * p.mean() / HALF_BOOK) if p.size else 0.0
-    turnover = float(traded.mean()) if traded.size else 0.0
-    fitness = sharpe * math.sqrt(abs(returns) / max(turnover, MIN_TURNOVER))
+    total = float(p.sum())
+    sharpe = _sharpe(p, total)
+    returns = TRADING_DAYS * total / p.size / HALF_BOOK if p.size else 0.0
     total_traded = float(traded.sum())
-    margin = float(p.sum() / total_traded) if total_traded > 0 else 0.0
+    turnover = total_traded / traded.size if traded.size else 0.0
+    fitness = sharpe * math.sqrt(abs(returns) / max(turnover, MIN_TURNOVER))
+    margin = total / total_traded if total_traded > 0 else 0.0
     cum = np.cumsum(p)
-    drawdown = float(np.max(np.maximum.accumulate(np.maximum(cum, 0.0)) - cum) / HALF_BOOK) if p.size else 0.0
+    drawdown = float(np.max(np.maximum.accumulate(np.maximum(cum, 0.0)) - cum)) / HALF_BOOK if p.size else 0.0
     return {"sharpe": sharpe, "returns": returns, "turnover": turnover, "fitness": fitness,
             "quality_score": fitness, "margin": margin, "drawdown": drawdown}
 
@@ -313,10 +320,10 @@ class LocalEvaluator:
         return rank
 
     def _illiquid_flag(self) -> np.ndarray:
-        """1.0 where an instrument is in the least liquid fifth of its day (by dollar volume)."""
+        """True where an instrument is in the least liquid fifth of its day (by dollar volume)."""
         flag = self._features.get("__illiquid")
         if flag is None:
-            flag = (self._liquidity_rank() < 0.2).astype(np.float64)
+            flag = self._liquidity_rank() < 0.2
             with self._feature_lock:
                 self._features["__illiquid"] = flag
         return flag
@@ -419,24 +426,25 @@ class LocalEvaluator:
         is_pnl_mi = pnl_information(s[mi_col][:n], self._pool_pnl_list(pool_id, mi_col))
 
         # Rule results: coverage of the book, liquidity of its weights, stability of its pnl.
-        coverage = float(np.mean(s["held"][:n] / self._tradable[:n])) if booked.any() else None
-        illiquid_share = float(s["illiquid"][:n].sum() / abs_sum.sum()) if booked.any() else 0.0
+        any_book = bool(booked.any())
+        coverage = float((s["held"][:n] / self._tradable[:n]).sum()) / n if any_book else None
+        illiquid_share = float(s["illiquid"][:n].sum() / abs_sum.sum()) if any_book else 0.0
         years = [gross[i: i + TRADING_DAYS] for i in range(0, n, TRADING_DAYS) if n - i >= TRADING_DAYS // 2]
-        stability = float(np.mean([y.sum() > 0 for y in years])) if years else 0.0
+        stability = sum(1 for y in years if y.sum() > 0) / len(years) if years else 0.0
         rules = [r for r in (getattr(self.era, "column_threshold_rules", None) or []) if isinstance(r, dict)]
         passed = all(per_column.get(f"{r.get('column', 'gross_returns')}_{r.get('stat', 'sharpe')}", 0.0)
                      >= r.get("min", -math.inf) for r in rules)
         held_out = s["gross_returns"][n:-1]
         failure_reason = failure_detail = None
-        if not booked.any():
+        if not any_book:
             failure_reason, failure_detail = "empty_book", "the signal never formed a book in sample"
         return LocalBacktestStats(
             sharpe=primary["sharpe"], fitness=primary["fitness"], returns=primary["returns"],
             drawdown=primary["drawdown"], turnover=primary["turnover"], margin=primary["margin"],
-            long_count=float(s["longs"][:n].mean()), short_count=float(s["shorts"][:n].mean()),
-            delta_exposure=float(np.abs(s["net"][:n]).mean()),
+            long_count=float(s["longs"][:n].sum()) / n, short_count=float(s["shorts"][:n].sum()) / n,
+            delta_exposure=float(np.abs(s["net"][:n]).sum()) / n,
             max_weight=float(s["max_share"][:n].max()),
-            abs_weight_sum_mean=float(abs_sum.mean()),
+            abs_weight_sum_mean=float(abs_sum.sum()) / n,
             quality_score=primary["quality_score"], per_column_stats=per_column,
             correlation=correlation, is_correlation=correlation, is_pnl_mi=is_pnl_mi,
             # An even book holds about a fifth of its weight in the least liquid fifth of the names.
@@ -446,7 +454,7 @@ class LocalEvaluator:
                                                  "passed": coverage is not None and coverage >= 0.3}},
             custom_stats={"positive_year_fraction": {"value": stability, "min": 0.5,
                                                      "passed": stability >= 0.5}},
-            passed=passed and booked.any(), factor_pnl=gross.tolist(),
+            passed=passed and any_book, factor_pnl=gross.tolist(),
             held_out_sharpe=_sharpe(held_out), metaparameters=s["meta"],
             failure_reason=failure_reason, failure_detail=failure_detail)
 
