@@ -324,6 +324,7 @@ class LocalEvaluator:
         flag = self._features.get("__illiquid")
         if flag is None:
             flag = self._liquidity_rank() < 0.2
+            flag.setflags(write=False)  # shared by every thread's backtests
             with self._feature_lock:
                 self._features["__illiquid"] = flag
         return flag
