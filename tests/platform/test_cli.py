@@ -32,20 +32,26 @@ def test_every_command_has_help(capsys, command):
     assert "--data-dir" in capsys.readouterr().out
 
 
-@pytest.mark.skipif(os.geteuid() == 0, reason="root writes through directory permissions")
-def test_unwritable_data_dir_is_one_line(tmp_path, capsys):
+def unwritable(tmp_path):
     locked = tmp_path / "locked"
     locked.mkdir()
     locked.chmod(stat.S_IRUSR | stat.S_IXUSR)
-    assert cli.main(["status", "--data-dir", str(locked / "inner")]) == 1
-    err = capsys.readouterr().err.strip()
-    assert err.startswith("quillmarsh status: data directory") and "\n" not in err
+    return locked / "inner"
 
 
-def test_a_data_dir_that_is_a_file_is_one_line(tmp_path, capsys):
+def a_file(tmp_path):
     blocker = tmp_path / "file"
     blocker.write_text("x")
-    assert cli.main(["status", "--data-dir", str(blocker)]) == 1
+    return blocker
+
+
+@pytest.mark.parametrize("make", [
+    pytest.param(unwritable, marks=pytest.mark.skipif(os.geteuid() == 0,
+                                                      reason="root writes through directory permissions")),
+    a_file,
+])
+def test_a_bad_data_dir_is_one_line(tmp_path, capsys, make):
+    assert cli.main(["status", "--data-dir", str(make(tmp_path))]) == 1
     err = capsys.readouterr().err.strip()
     assert err.startswith("quillmarsh status: data directory") and "\n" not in err
 
