@@ -38,20 +38,17 @@ class GetDict(dict):
         return ("sub", key, default)
 
 
-@pytest.mark.parametrize("obj, expected", [
-    ({"plain": 5}, 5),
-    ({"other": 5}, "dflt"),
-    ({"plain": None}, None),                  # a present None is returned, not replaced
-    (WithProperty(), 1),
-    (GetDict(plain=3), ("sub", "plain", "dflt")),  # a dict subclass's own get() decides
-    (None, "dflt"),
+@pytest.mark.parametrize("obj, key, expected", [
+    ({"plain": 5}, "plain", 5),
+    ({"other": 5}, "plain", "dflt"),
+    ({"plain": None}, "plain", None),                  # a present None is returned, not replaced
+    (WithProperty(), "plain", 1),
+    (GetDict(plain=3), "plain", ("sub", "plain", "dflt")),  # a dict subclass's own get() decides
+    (None, "plain", "dflt"),
+    ({}, "keys", "dflt"),                              # a map's own attributes are not read
 ])
-def test_key_or_attr(obj, expected):
-    assert h.key_or_attr(obj, "plain", "dflt") == expected
-
-
-def test_key_or_attr_does_not_fall_back_to_attributes_of_a_map():
-    assert h.key_or_attr({}, "keys", "dflt") == "dflt"
+def test_key_or_attr(obj, key, expected):
+    assert h.key_or_attr(obj, key, "dflt") == expected
 
 
 def test_callable_attr():

@@ -57,16 +57,6 @@ def test_message_details(code, detail, message):
     assert st._helpers.error_message(code, detail) == message
 
 
-def test_raising_by_code_carries_a_stopped_status_by_default():
-    with pytest.raises(st.SearchError) as info:
-        st._helpers.raise_search_error("DISK_FULL", None, "12")
-    err = info.value
-    assert err.error_code == "DISK_FULL"
-    assert err.recovery_advice == EXPECTED["DISK_FULL"][0]
-    assert str(err) == "Disk space critically low: 12 MB remaining"
-    assert err.status == st.SearchStatus(running=False)
-
-
 def test_raising_by_code_keeps_a_given_status():
     status = st.SearchStatus(running=True, error_code="NO_ACTIVE_SEARCH")
     with pytest.raises(st.SearchError) as info:

@@ -117,11 +117,7 @@ def test_data_dir_from_config_or_default(onboarding, unimportable):
     onboarding._config["data_dir"] = "/x"
     assert st._agent_onboarding_data_dir("d") == "/x"
     unimportable("absent")
-    assert st._agent_onboarding_data_dir("d") == "d" and st._agent_onboarding_data_dir() is None
-    unimportable("broken")
-    with pytest.raises(ModuleNotFoundError) as info:
-        st._agent_onboarding_data_dir("d")
-    assert info.value.name == "qm_dep"
+    assert st._agent_onboarding_data_dir("d") == "d"
 
 
 @pytest.mark.parametrize("value", [None, ""])
@@ -222,13 +218,15 @@ def test_signal_service_url(config, expected, onboarding):
     assert st._resolve_signal_service_url() == expected
 
 
-@pytest.mark.parametrize("function", [st._resolve_signal_service_url, st._submission_auth_obj])
+@pytest.mark.parametrize("function", [st._resolve_signal_service_url, st._submission_auth_obj,
+                                      st._agent_onboarding_data_dir])
 def test_doors_tolerate_only_agent_onboarding_itself_missing(function, clean_globals, unimportable):
     unimportable("absent")
     assert function() is None
     unimportable("broken")
-    with pytest.raises(ModuleNotFoundError):
+    with pytest.raises(ModuleNotFoundError) as info:
         function()
+    assert info.value.name == "qm_dep"
 
 
 def test_submission_auth_object_order(clean_globals, onboarding, monkeypatch):

@@ -1,13 +1,14 @@
 """Fixtures of the engine tests: a runtime on the module, fast intervals, and a clean module state."""
 from __future__ import annotations
 
+import json
 from types import SimpleNamespace
 
 import pytest
 
 import quillmarsh.search_templates as st
-from engine.helpers import ERA_FIELDS, VOCAB, FakeAuth, FakeEraConfig, FakeTracker, Obfuscation
-from evaluation.fakes import FakeBacktester
+from engine.helpers import ERA_FIELDS, VOCAB, FakeAuth, FakeEraConfig, Obfuscation
+from evaluation.fakes import FakeBacktester, RecordingTracker
 
 
 @pytest.fixture(autouse=True)
@@ -44,7 +45,7 @@ def runtime(monkeypatch, seed_dir):
 
     monkeypatch.setattr(onboarding, "_config", {"data_dir": seed_dir, "server_url": None})
     rt = SimpleNamespace(sync_manager=None, valid_universe_id="U1", vocabulary_raw=VOCAB,
-                         search_tracker=FakeTracker(), search_era_config=FakeEraConfig(**ERA_FIELDS),
+                         search_tracker=RecordingTracker(), search_era_config=FakeEraConfig(**ERA_FIELDS),
                          evaluator=FakeBacktester(), auth_proxy=FakeAuth())
     monkeypatch.setattr(st, "_library_runtime", rt, raising=False)
     monkeypatch.setattr(st, "ObfuscationManager", Obfuscation)
@@ -55,8 +56,8 @@ def runtime(monkeypatch, seed_dir):
 def make_handle(seed_dir):
     """Builds a handle directly, as search() would, with the fakes above unless overridden."""
     def make(template, n_jobs=1, **overrides):
-        kwargs = dict(template=template, n_jobs=n_jobs, tracker=FakeTracker(), sync_mgr=None, bt=FakeBacktester(),
-                      obf=Obfuscation('{"functions": [{"name": "cs_rank"}], "features": [{"name": "f1"}]}', 3, "U1"),
+        kwargs = dict(template=template, n_jobs=n_jobs, tracker=RecordingTracker(), sync_mgr=None, bt=FakeBacktester(),
+                      obf=Obfuscation(json.dumps(VOCAB), 3, "U1"),
                       era_cfg=FakeEraConfig(**ERA_FIELDS), auth_mock=FakeAuth(), data_dir=seed_dir)
         kwargs.update(overrides)
         h = st._SearchHandleImpl(**kwargs)

@@ -1,12 +1,11 @@
 """Fakes and helpers of the engine tests."""
 from __future__ import annotations
 
-import threading
+import copy
+import json
 import time
-from types import SimpleNamespace
 
-import quillmarsh.search_templates as st
-from evaluation.fakes import THRESHOLDS, FakeBacktester
+from evaluation.fakes import GRAPH, THRESHOLDS
 
 VOCAB = {"functions": [{"name": "cs_rank"}], "features": [{"name": "f1"}]}
 ERA_FIELDS = dict(era_id=3, max_depth=4, thresholds=THRESHOLDS, max_expression_generation_seconds=5.0,
@@ -18,13 +17,12 @@ ERA_FIELDS = dict(era_id=3, max_depth=4, thresholds=THRESHOLDS, max_expression_g
 
 
 def graph(i=0):
-    """A valid expression graph; ``i`` only names the call site (the vocabulary knows one feature)."""
-    return {"type": "rotation", "node": "cs_rank", "children": [{"type": "feature", "node": "f1"}]}
+    """A fresh valid expression graph; ``i`` only names the call site (the vocabulary knows one feature)."""
+    return copy.deepcopy(GRAPH)
 
 
 class Obfuscation:
     def __init__(self, vocabulary_json, era_id, valid_universe_id):
-        import json
         self.vocab = json.loads(vocabulary_json)
 
     def get_vocabulary(self):
@@ -46,8 +44,6 @@ def join_all(threads, timeout=5.0):
         assert not t.is_alive(), t.name
 
 
-
-
 class FakeAuth:
     def __init__(self, wallet_secret=b"\x07" * 32):
         self.wallet_secret = wallet_secret
@@ -61,29 +57,6 @@ class FakeEraConfig:
         self._data = {}
         for name, value in fields.items():
             setattr(self, name, value)
-
-
-class FakeTracker:
-    """A tracker without a persistent store."""
-
-    def __init__(self):
-        self.evaluations = []
-        self.search_active = []
-        self.lock = threading.Lock()
-
-    def record_signal_evaluation(self, graph, stats, era_id, passed, universe_id, metaparameters, **kwargs):
-        with self.lock:
-            self.evaluations.append(dict(graph=graph, passed=passed, **kwargs))
-            return "eval-%d" % len(self.evaluations)
-
-    def get_search_stats(self):
-        return None
-
-    def enqueue_submission(self, *args):
-        pass
-
-    def set_search_active(self, flag):
-        self.search_active.append(bool(flag))
 
 
 class FakeSyncManager:

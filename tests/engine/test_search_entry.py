@@ -146,39 +146,28 @@ def test_a_failing_heartbeat_does_not_stop_the_start(runtime, monkeypatch, caplo
     assert "Heartbeat injection failed: no pulse" in caplog.messages
 
 
-@pytest.mark.parametrize("errors, progress", [
-    ([ConnectionError("down")], 1.0),
-    ([], 1.0),
+@pytest.mark.parametrize("errors, needs_sync, calls", [
+    ([ConnectionError("down")], True, 2),
+    ([], True, 1),
+    ([], False, 0),
 ])
-def test_sync_progress_reaches_the_handle(runtime, errors, progress):
-    runtime.sync_manager = SyncingManager(errors)
-    h = st.search(idle_template)
-    assert h._sync_progress == progress
-    assert runtime.sync_manager.sync_calls == len(errors) + 1
-
-
-def test_no_sync_needed_gives_full_progress(runtime):
-    runtime.sync_manager = SyncingManager(needs_sync=False)
+def test_sync_progress_reaches_the_handle(runtime, errors, needs_sync, calls):
+    runtime.sync_manager = SyncingManager(errors, needs_sync=needs_sync)
     assert st.search(idle_template)._sync_progress == 1.0
-    assert runtime.sync_manager.sync_calls == 0
+    assert runtime.sync_manager.sync_calls == calls
 
 
-def test_eleven_connection_errors_end_in_sync_error(runtime):
-    runtime.sync_manager = SyncingManager([ConnectionError("down")] * 12)
-    with pytest.raises(SyncError, match="^Data sync failed after multiple retries. Check network and try again.$"):
-        st.search(idle_template)
-    assert runtime.sync_manager.sync_calls == 11
-
-
-@pytest.mark.parametrize("manager", [
-    lambda: SyncingManager(needs_sync=KeyError("era")),
-    lambda: SyncingManager([ValueError("bad data")]),
+@pytest.mark.parametrize("manager, when, calls, cause", [
+    (lambda: SyncingManager([ConnectionError("down")] * 12), "after multiple retries", 11, None),
+    (lambda: SyncingManager(needs_sync=KeyError("era")), "before search startup", 0, KeyError),
+    (lambda: SyncingManager([ValueError("bad data")]), "before search startup", 1, ValueError),
 ])
-def test_any_other_sync_failure_becomes_sync_error_with_its_cause(runtime, manager):
+def test_sync_failures_become_sync_error(runtime, manager, when, calls, cause):
     runtime.sync_manager = manager()
-    with pytest.raises(SyncError, match="^Data sync failed before search startup. Check network and try again.$") as info:
+    with pytest.raises(SyncError, match=f"^Data sync failed {when}. Check network and try again.$") as info:
         st.search(idle_template)
-    assert isinstance(info.value.__cause__, (KeyError, ValueError))
+    assert runtime.sync_manager.sync_calls == calls
+    assert cause is None or isinstance(info.value.__cause__, cause)
     assert st._search_active is False
 
 

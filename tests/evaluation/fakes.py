@@ -1,8 +1,7 @@
 """Fakes for driving SearchContext.evaluate: a backtester with scripted statistics and a recording tracker."""
+import threading
 import time
 from types import SimpleNamespace
-
-
 
 THRESHOLDS = {"sharpe_min": 0.5, "turnover_max": 1.0, "delta_exposure_max": 0.1, "max_weight_max": 0.05,
               "correlation_max": 0.7, "mi_threshold": 0.1}
@@ -52,12 +51,14 @@ class FakeBacktester:
 
 
 class RecordingTracker:
-    """A tracker with no SQL store: records calls; `get_search_stats` as given."""
+    """A tracker with no SQL store, shared by the evaluation and engine tests: records evaluations, enqueued
+    submissions and the search-active flag; `get_search_stats` answers as given. Workers may share it."""
 
     def __init__(self, stats=None, record_error=None):
-        self.records, self.enqueued = [], []
+        self.records, self.enqueued, self.search_active = [], [], []
         self._stats = stats
         self.record_error = record_error
+        self._lock = threading.Lock()
 
     def get_search_stats(self):
         return self._stats
@@ -65,11 +66,13 @@ class RecordingTracker:
     def record_signal_evaluation(self, graph, stats, era_id, passed, universe_id, metaparams, **kwargs):
         if self.record_error:
             raise self.record_error
-        self.records.append(dict(graph=graph, stats=stats, era_id=era_id, passed=passed, universe_id=universe_id,
-                                 metaparams=metaparams, **kwargs))
-        return f"eval-{len(self.records)}"
+        with self._lock:
+            self.records.append(dict(graph=graph, stats=stats, era_id=era_id, passed=passed,
+                                     universe_id=universe_id, metaparams=metaparams, **kwargs))
+            return f"eval-{len(self.records)}"
 
     def enqueue_submission(self, *args):
         self.enqueued.append(args)
 
-
+    def set_search_active(self, flag):
+        self.search_active.append(bool(flag))

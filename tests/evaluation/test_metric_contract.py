@@ -41,14 +41,6 @@ def record_type(monkeypatch):
     return RecordStats
 
 
-def test_order_and_sentinel():
-    assert st._REQUIRED_BACKTEST_METRICS == ("sharpe", "fitness", "returns", "drawdown", "turnover", "margin",
-                                             "long_count", "short_count", "delta_exposure", "max_weight")
-    assert st._MISSING_BACKTEST_METRIC is st._MISSING_BACKTEST_METRIC
-    assert st._MISSING_BACKTEST_METRIC not in (None, 0, False)
-    assert st._invalid_backtest_metric_reason("margin") == "invalid_backtest_metric_margin"
-
-
 def test_an_empty_object_fails_on_sharpe_and_reads_nothing_later():
     stats = Counting()
     assert tuple(st._collect_required_backtest_stats(stats)) == (None, "invalid_backtest_metric_sharpe")
@@ -135,9 +127,7 @@ def test_normalize_factor_pnl(value, expected):
     assert out is not value
 
 
-def test_normalize_factor_pnl_copies_a_list_and_per_column_copies_a_map():
-    series = [1.0]
-    assert st._normalize_factor_pnl(series) is not series
+def test_per_column_stats_are_copied_and_only_a_map_is_kept():
     table = {"a": 1}
     assert st._normalize_per_column_stats(table) == table and st._normalize_per_column_stats(table) is not table
     assert st._normalize_per_column_stats([1]) == {}

@@ -14,40 +14,28 @@ def judge(era=None, thresholds=THRESHOLDS, **attrs):
     return st._helpers.derive_rejection_reason(SimpleNamespace(**attrs), thresholds, era)
 
 
-def test_defaults_with_passed_give_no_reason():
-    assert judge() is None
-
-
-@pytest.mark.parametrize("attrs, reason", [
-    ({"sharpe": -0.1}, "gross_returns_sharpe_below_min"),
-    ({"sharpe": 0.0}, None),                            # at the minimum is not below it
-    ({"sharpe": "bad"}, None),
-    ({"sharpe": float("nan"), "turnover": float("nan")}, None),
-    ({"turnover": 1.5}, "turnover_exceeded"),
-    ({"turnover": True}, None),                         # True compares as 1, not above 1.0
-    ({"delta_exposure": 0.2}, "delta_exposure_exceeded"),
-    ({"max_weight": 0.06}, "max_weight_exceeded"),
-    ({"sharpe": -1, "turnover": 9}, "gross_returns_sharpe_below_min"),
-    ({"turnover": 9, "max_weight": 9}, "turnover_exceeded"),
+@pytest.mark.parametrize("attrs, reason, changed", [
+    ({}, None, {}),                                     # the defaults with passed give no reason
+    ({"sharpe": -0.1}, "gross_returns_sharpe_below_min", {}),
+    ({"sharpe": 0.0}, None, {}),                        # at the minimum is not below it
+    ({"sharpe": 0.5}, None, {"sharpe_min": 0.5}),
+    ({"sharpe": "bad"}, None, {}),
+    ({"sharpe": float("nan"), "turnover": float("nan")}, None, {}),
+    ({"turnover": 1.5}, "turnover_exceeded", {}),
+    ({"turnover": True}, None, {}),                     # True compares as 1, not above 1.0
+    ({"turnover": True}, "turnover_exceeded", {"turnover_max": 0.5}),
+    ({"delta_exposure": 0.2}, "delta_exposure_exceeded", {}),
+    ({"max_weight": 0.06}, "max_weight_exceeded", {}),
+    ({"sharpe": -1, "turnover": 9}, "gross_returns_sharpe_below_min", {}),
+    ({"turnover": 9, "max_weight": 9}, "turnover_exceeded", {}),
+    # the weight sum rejects at or below its minimum, and only when a minimum is set
+    ({"abs_weight_sum_mean": 0.5}, "abs_weight_sum_mean_below_min", {"abs_weight_sum_mean_min": 0.5}),
+    ({"abs_weight_sum_mean": 0.6}, None, {"abs_weight_sum_mean_min": 0.5}),
+    ({"abs_weight_sum_mean": 0.0}, None, {}),
+    ({"abs_weight_sum_mean": -1e300}, None, {}),
 ])
-def test_metric_thresholds_in_order(attrs, reason):
-    assert judge(**attrs) == reason
-
-
-def test_turnover_of_true_compares_as_one():
-    assert judge(thresholds=dict(THRESHOLDS, turnover_max=0.5), turnover=True) == "turnover_exceeded"
-
-
-@pytest.mark.parametrize("value, minimum, reason", [
-    (0.5, 0.5, "abs_weight_sum_mean_below_min"), (0.6, 0.5, None), (0.0, None, None), (-1e300, None, None),
-])
-def test_weight_sum_rejects_at_or_below_its_minimum(value, minimum, reason):
-    thresholds = dict(THRESHOLDS) if minimum is None else dict(THRESHOLDS, abs_weight_sum_mean_min=minimum)
-    assert judge(thresholds=thresholds, abs_weight_sum_mean=value) == reason
-
-
-def test_sharpe_at_its_minimum_is_kept():
-    assert judge(thresholds=dict(THRESHOLDS, sharpe_min=0.5), sharpe=0.5) is None
+def test_metric_thresholds_in_order(attrs, reason, changed):
+    assert judge(thresholds=dict(THRESHOLDS, **changed), **attrs) == reason
 
 
 @pytest.mark.parametrize("missing", ["sharpe_min", "turnover_max", "delta_exposure_max", "max_weight_max"])

@@ -19,11 +19,8 @@ def test_constructor_stores_and_derives_fields(make_context):
     assert ctx._tracker_write_lock is lock and ctx._submission_wakeup is wakeup
     assert ctx._submission_owner == "owner-1"
     assert ctx._thresholds["sharpe_min"] == 0.5
-
-
-def test_a_context_without_a_lock_makes_its_own_reentrant_one(make_context):
-    ctx = make_context()
-    assert type(ctx._tracker_write_lock) is type(threading.RLock())
+    # without a lock given, a context makes its own reentrant one
+    assert type(make_context()._tracker_write_lock) is type(threading.RLock())
 
 
 @pytest.mark.parametrize("era, era_id", [

@@ -32,20 +32,20 @@ def test_every_command_has_help(capsys, command):
     assert "--data-dir" in capsys.readouterr().out
 
 
-@pytest.mark.skipif(os.geteuid() == 0, reason="root writes through directory permissions")
-def test_unwritable_data_dir_is_one_line(tmp_path, capsys):
-    locked = tmp_path / "locked"
-    locked.mkdir()
-    locked.chmod(stat.S_IRUSR | stat.S_IXUSR)
-    assert cli.main(["status", "--data-dir", str(locked / "inner")]) == 1
-    err = capsys.readouterr().err.strip()
-    assert err.startswith("quillmarsh status: data directory") and "\n" not in err
-
-
-def test_a_data_dir_that_is_a_file_is_one_line(tmp_path, capsys):
-    blocker = tmp_path / "file"
-    blocker.write_text("x")
-    assert cli.main(["status", "--data-dir", str(blocker)]) == 1
+@pytest.mark.parametrize("kind", [
+    pytest.param("unwritable", marks=pytest.mark.skipif(os.geteuid() == 0,
+                                                        reason="root writes through directory permissions")),
+    "a file",
+])
+def test_a_bad_data_dir_is_one_line(tmp_path, capsys, kind):
+    target = tmp_path / "d"
+    if kind == "a file":
+        target.write_text("x")
+    else:
+        target.mkdir()
+        target.chmod(stat.S_IRUSR | stat.S_IXUSR)
+        target = target / "inner"
+    assert cli.main(["status", "--data-dir", str(target)]) == 1
     err = capsys.readouterr().err.strip()
     assert err.startswith("quillmarsh status: data directory") and "\n" not in err
 

@@ -77,13 +77,7 @@ def test_required_keys(payload, missing):
 
 
 def test_required_keys_present_passes():
-    assert st._REQUIRED_ROW_PAYLOAD_KEYS == ("eval_id", "submission_type", "era_id")
     st._require_payload_typed_keys({"eval_id": 1, "submission_type": "signal", "era_id": 2}, "tracker_item", None)
-
-
-def test_receipt_record():
-    r = st._ReceiptRecord(submission_id="s-1")
-    assert r.submission_id == "s-1" and r == st._ReceiptRecord("s-1")
 
 
 @pytest.fixture
@@ -120,21 +114,17 @@ def test_strategy_without_signal_pool_is_refused(conn):
 
 
 class RecordingConn:
-    """A connection that answers like Postgres and records what it was asked."""
+    """A connection that answers like Postgres with the given columns and records what it was asked."""
 
     dialect = "postgres"
 
-    def __init__(self):
-        self.calls = []
+    def __init__(self, columns=("queue_id", "in_flight_owner")):
+        self.calls, self.columns = [], columns
 
     def execute(self, sql, params=()):
         self.calls.append((sql, params))
-
-        class Cursor:
-            def fetchall(self):
-                return [("queue_id",), ("in_flight_owner",)] if "information_schema" in sql else []
-
-        return Cursor()
+        rows = [(c,) for c in self.columns] if "information_schema" in sql else []
+        return type("Cursor", (), {"fetchall": lambda cursor: rows})()
 
     def commit(self):
         self.calls.append(("COMMIT", ()))
@@ -183,17 +173,7 @@ def test_claim_columns_are_added_once_and_old_rows_read_unclaimed(conn, table, f
 
 
 def test_claim_columns_with_both_present_still_commit():
-    class BothPresent(RecordingConn):
-        def execute(self, sql, params=()):
-            self.calls.append((sql, params))
-
-            class Cursor:
-                def fetchall(self):
-                    return [("in_flight_owner",), ("in_flight_at",)]
-
-            return Cursor()
-
-    conn = BothPresent()
+    conn = RecordingConn(columns=("in_flight_owner", "in_flight_at"))
     handle = FakeHandle(conn)
     assert st._helpers.ensure_claim_columns(handle, "submission_queue") is True
     assert not any(sql.startswith("ALTER") for sql, _ in conn.calls)
