@@ -10,6 +10,7 @@ from __future__ import annotations
 
 import math
 import os
+import queue
 import random
 import statistics
 import sys
@@ -203,8 +204,22 @@ def run_fast(evaluator, graphs):
 
 
 def run_two(evaluator, graphs):
-    """The graphs split between two threads, evaluated at once."""
-    threads = [threading.Thread(target=run_fast, args=(evaluator, half)) for half in (graphs[0::2], graphs[1::2])]
+    """The graphs evaluated by two threads at once, each taking the next one as it finishes its last (as
+    a search's workers do), so that neither waits idle on a share that happened to be cheaper."""
+    todo = queue.SimpleQueue()
+    for g in graphs:
+        todo.put(g)
+
+    def work():
+        while True:
+            try:
+                g = todo.get_nowait()
+            except queue.Empty:
+                return
+            evaluator.evaluate_expression(g)
+            evaluator.run_backtest(g)
+
+    threads = [threading.Thread(target=work) for _ in range(2)]
     for t in threads:
         t.start()
     for t in threads:
