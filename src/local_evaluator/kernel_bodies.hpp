@@ -120,16 +120,16 @@ using lanes::v4d;
 
 void ts_sum(const double* x, double* out, size_t T, size_t N, int w) {
   const double mp = min_periods(w, false);
-  Moments<false>::run(x, out, T, N, w, [mp](v4d v, v4d s1, v4d, v4d c, v4d k) QM_LAMBDA {
-    return lanes::select(lanes::valid(v) & (c >= mp), s1 + c * k, lanes::splat(kNaN));
+  Moments<false>::run(x, out, T, N, w, [mp](v4d v, v4d s1, v4d, v4d c, v4d) QM_LAMBDA {
+    return lanes::select(lanes::valid(v) & (c >= mp), s1, lanes::splat(kNaN));  // sums are not shifted
   });
 }
 
 void ts_mean(const double* x, double* out, size_t T, size_t N, int w) {
   const double mp = min_periods(w, false);
-  Moments<false>::run(x, out, T, N, w, [mp](v4d v, v4d s1, v4d, v4d c, v4d k) QM_LAMBDA {
+  Moments<false>::run(x, out, T, N, w, [mp](v4d v, v4d s1, v4d, v4d c, v4d) QM_LAMBDA {
     using namespace lanes;
-    const v4d mean = k + s1 / select(c > 0.0, c, splat(1.0));
+    const v4d mean = s1 / select(c > 0.0, c, splat(1.0));
     return select(valid(v) & (c >= mp), mean, splat(kNaN));
   });
 }

@@ -11,7 +11,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <numeric>
 #include <vector>
 #if defined(__x86_64__) || defined(__SSE2__)
 #include <immintrin.h>

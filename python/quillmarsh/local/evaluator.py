@@ -428,7 +428,8 @@ class LocalEvaluator:
 
         # Rule results: coverage of the book, liquidity of its weights, stability of its pnl.
         any_book = bool(booked.any())
-        coverage = float((s["held"][:n] / self._tradable[:n]).sum()) / n if any_book else None
+        days = abs_sum.size
+        coverage = float((s["held"][:n] / self._tradable[:n]).sum()) / days if any_book else None
         illiquid_share = float(s["illiquid"][:n].sum() / abs_sum.sum()) if any_book else 0.0
         years = [gross[i: i + TRADING_DAYS] for i in range(0, n, TRADING_DAYS) if n - i >= TRADING_DAYS // 2]
         stability = sum(1 for y in years if y.sum() > 0) / len(years) if years else 0.0
@@ -442,10 +443,10 @@ class LocalEvaluator:
         return LocalBacktestStats(
             sharpe=primary["sharpe"], fitness=primary["fitness"], returns=primary["returns"],
             drawdown=primary["drawdown"], turnover=primary["turnover"], margin=primary["margin"],
-            long_count=float(s["longs"][:n].sum()) / n, short_count=float(s["shorts"][:n].sum()) / n,
-            delta_exposure=float(np.abs(s["net"][:n]).sum()) / n,
+            long_count=float(s["longs"][:n].sum()) / days, short_count=float(s["shorts"][:n].sum()) / days,
+            delta_exposure=float(np.abs(s["net"][:n]).sum()) / days,
             max_weight=float(s["max_share"][:n].max()),
-            abs_weight_sum_mean=float(abs_sum.sum()) / n,
+            abs_weight_sum_mean=float(abs_sum.sum()) / days,
             quality_score=primary["quality_score"], per_column_stats=per_column,
             correlation=correlation, is_correlation=correlation, is_pnl_mi=is_pnl_mi,
             # An even book holds about a fifth of its weight in the least liquid fifth of the names.
