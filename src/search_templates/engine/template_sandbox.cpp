@@ -11,6 +11,8 @@
 #include <atomic>
 #include <cstring>
 #include <mutex>
+#include <string_view>
+#include <unordered_map>
 #include <unordered_set>
 
 namespace quillmarsh::st {
@@ -103,9 +105,13 @@ const GuardedEvent* guarded_event(const char* event) {
     // Every guarded name starts with one of these letters: most events are told apart by the first.
     const char first = event[0];
     if (first != 'o' && first != 's' && first != 'c') return nullptr;
-    for (const GuardedEvent& g : GUARDED_EVENTS)
-        if (std::strcmp(g.event, event) == 0) return &g;
-    return nullptr;
+    static const auto* by_name = [] {
+        auto* table = new std::unordered_map<std::string_view, const GuardedEvent*>();
+        for (const GuardedEvent& g : GUARDED_EVENTS) table->emplace(g.event, &g);
+        return table;
+    }();
+    auto it = by_name->find(std::string_view(event));
+    return it == by_name->end() ? nullptr : it->second;
 }
 
 // Where a frame's code comes from, by its module's name.
