@@ -3,14 +3,19 @@
 ``register()`` and ``login(private_key)`` set up the account and runtime; the search API (``search``,
 ``status``, ``random_weighted``, ...) is that of ``quillmarsh.search_templates``, whose public names are
 available here too. The extension is imported only when one of its names is used, so the package itself
-imports even where the extension cannot be loaded.
+imports even where the extension cannot be loaded. Searches still running when the interpreter exits are
+stopped first, as ``stop()`` does (``quillmarsh._exit_stop``).
 """
 
 from __future__ import annotations
 
 import importlib
 
+from quillmarsh import _exit_stop
+
 __all__ = ["register", "login", "logout"]
+
+_exit_stop.register()
 
 
 def register() -> dict:
