@@ -1,5 +1,5 @@
-"""The template sandbox: every door out of the process refused to a marked thread and to the threads it
-starts, and only to them."""
+"""The template sandbox: three entry points refused to a marked thread, and only to it; once hardened,
+every door out of the process refused to a marked thread and to the threads it starts, and only to them."""
 import _thread
 import builtins
 import ctypes
@@ -115,7 +115,37 @@ def test_a_replaced_urlopen_loses_to_the_hook_at_the_next_entry(monkeypatch, tmp
     assert builtins.open is st._sandboxed_open and sqlite3.connect is st._sandboxed_sqlite_connect
 
 
-# ---- every door, for the template, for the threads it starts, and for everybody else ---------------
+def test_by_default_only_the_three_entry_points_are_guarded(tmp_path):
+    # A process of its own: hardening, once asked for, stays for the life of the process.
+    script = f"""
+import os, socket, threading
+import quillmarsh.search_templates as st
+assert not st._template_sandbox_hardened()
+seen = []
+with st._template_sandbox():
+    os.close(os.open(os.devnull, os.O_RDONLY))
+    with socket.socket() as sock:
+        sock.bind(("127.0.0.1", 0))
+    t = threading.Thread(target=lambda: seen.append(open({str(tmp_path / "f.txt")!r}, "w").close()))
+    t.start(); t.join(10)
+    try:
+        open(os.devnull)
+    except st.TemplateSandboxViolation:
+        seen.append("refused")
+print(seen)
+"""
+    result = subprocess.run([sys.executable, "-c", script], capture_output=True, text=True, timeout=60)
+    assert result.returncode == 0, result.stderr
+    assert result.stdout.strip() == "[None, 'refused']"
+
+
+# ---- hardened: every door, for the template, for the threads it starts, and for everybody else ---------
+
+@pytest.fixture
+def hardened():
+    import quillmarsh
+    quillmarsh.harden_template_sandbox()
+    assert st._template_sandbox_hardened()
 
 def _spawn_true():
     pid = os.posix_spawn("/bin/true", ["true"], dict(os.environ))
@@ -205,7 +235,7 @@ def listener():
 
 
 def test_a_template_is_refused_every_door_while_other_threads_pass_at_the_same_moment(make_handle, tmp_path,
-                                                                                      listener):
+                                                                                      listener, hardened):
     for caller in ["generator", *STARTERS]:
         prepare(tmp_path / "inside" / caller)
     outcomes, inside, outside_done = {}, threading.Event(), threading.Event()
@@ -242,7 +272,7 @@ def test_a_template_is_refused_every_door_while_other_threads_pass_at_the_same_m
 
 
 @pytest.mark.parametrize("starter", STARTERS)
-def test_a_thread_started_inside_stays_inside_until_it_ends(starter):
+def test_a_thread_started_inside_stays_inside_until_it_ends(starter, hardened):
     parent_left, seen = threading.Event(), []
 
     def child():
@@ -276,7 +306,7 @@ PACKAGE_BODIES = {
 
 @pytest.mark.parametrize("body", PACKAGE_BODIES)
 def test_an_import_inside_reads_its_files_and_caches_bytecode_but_writes_nothing_else(tmp_path, monkeypatch,
-                                                                                       body):
+                                                                                       body, hardened):
     source, expected = PACKAGE_BODIES[body]
     name = "sandbox_pkg_" + body.replace(" ", "_")
     package = tmp_path / name
@@ -300,7 +330,7 @@ def test_an_import_inside_reads_its_files_and_caches_bytecode_but_writes_nothing
     assert not list(package.glob("*.out"))
 
 
-def test_tracebacks_and_warnings_show_source_lines_inside():
+def test_tracebacks_and_warnings_show_source_lines_inside(hardened):
     linecache.clearcache()
     shown = []
     with st._template_sandbox(), warnings.catch_warnings():

@@ -260,6 +260,8 @@ py::object make_thread_start_wrapper(py::object original) {
 
 bool g_audit_hook_added = false;
 bool g_thread_start_doors_found = false;
+// The hardened sandbox is asked for by the host; without it only the three hooked entry points are guarded.
+bool g_guard_requested = false;
 
 }  // namespace
 
@@ -319,9 +321,16 @@ void install_template_sandbox_guard() {
     }
 }
 
+void harden_template_sandbox() {
+    g_guard_requested = true;
+    install_template_sandbox_guard();
+}
+
+bool template_sandbox_hardened() { return g_guard_requested; }
+
 TemplateSandboxScope::TemplateSandboxScope() {
     install_template_sandbox_hooks();
-    install_template_sandbox_guard();
+    if (g_guard_requested) install_template_sandbox_guard();
     thread_id_ = current_thread_id();
     mark_current_thread();
 }
@@ -362,12 +371,14 @@ void init_template_sandbox(py::module_& m) {
     m.def("_raise_template_sandbox_violation",
           [](const std::string& operation) { raise_template_sandbox_violation(operation); }, py::arg("operation"));
     m.def("_install_template_sandbox_hooks", &install_template_sandbox_hooks);
+    m.def("_harden_template_sandbox", &harden_template_sandbox);
+    m.def("_template_sandbox_hardened", &template_sandbox_hardened);
 
     // The context manager of `_template_sandbox()`: marks the thread on entry, unmarks it on any exit.
     py::class_<SandboxContext>(m, "_TemplateSandboxContext")
         .def("__enter__", [](SandboxContext&) {
             install_template_sandbox_hooks();
-            install_template_sandbox_guard();
+            if (g_guard_requested) install_template_sandbox_guard();
             mark_current_thread();
         })
         .def("__exit__", [](SandboxContext&, py::args) {

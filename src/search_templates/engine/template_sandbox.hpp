@@ -21,11 +21,15 @@ void init_template_sandbox(py::module_& m);
 bool template_sandbox_active();
 [[noreturn]] void raise_template_sandbox_violation(const std::string& operation);
 void install_template_sandbox_hooks();
-// The second line behind the hooks, installed at the first entry and kept for the life of the process:
+// The second line behind the hooks, for a host that asks for it (`_harden_template_sandbox()`): installed at
+// once and at every later entry, and kept for the life of the process:
 // an audit hook that refuses a marked thread every other way of opening or changing files, of reaching
 // the network, of starting or signalling processes, of loading native code and of opening SQLite; and
 // thread-starting functions that mark a thread started from a marked thread for as long as it runs.
 void install_template_sandbox_guard();
+// Asks for the second line from now on, for the life of the process; by default only the three hooks guard.
+void harden_template_sandbox();
+bool template_sandbox_hardened();
 
 // The calling thread is marked for the life of this object: the worker's form of `_template_sandbox()`.
 class TemplateSandboxScope {
