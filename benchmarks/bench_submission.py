@@ -77,16 +77,20 @@ class Receipt:
 
 
 def quiet_handle(data_dir):
-    h = st._SearchHandleImpl(template=idle, n_jobs=1, tracker=SearchTracker(data_dir), sync_mgr=None,
-                             bt=Backtester(), obf=Obfuscation(), era_cfg=EraConfig(**ERA_FIELDS), auth_mock=Auth(),
-                             data_dir=data_dir)
-    h._stop_event.set()
-    for t in list(h._worker_threads) + [h._supervisor_thread, h._era_thread, h._submission_thread,
-                                        h._polling_thread]:
-        if t is not None:
-            t.join(5.0)
-    h._stop_event.clear()
-    return h
+    """A handle on ``data_dir`` whose own threads are made but never started: only the benchmark drives it."""
+    real_start = threading.Thread.start
+    names = ("supervisor", "era_thread", "submission_thread", "polling_thread")
+
+    def start(thread):
+        if thread.name not in names and not thread.name.startswith("worker_"):
+            real_start(thread)
+    threading.Thread.start = start
+    try:
+        return st._SearchHandleImpl(template=idle, n_jobs=0, tracker=SearchTracker(data_dir), sync_mgr=None,
+                                    bt=Backtester(), obf=Obfuscation(), era_cfg=EraConfig(**ERA_FIELDS),
+                                    auth_mock=Auth(), data_dir=data_dir)
+    finally:
+        threading.Thread.start = real_start
 
 
 def close(h):
