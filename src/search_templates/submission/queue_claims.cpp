@@ -87,8 +87,8 @@ ClaimedRow claim_one_row(SearchHandle& h, const ClaimSql& sql, bool retry) {
         execute(conn, "COMMIT");
         return {row, true};
     } catch (...) {
+        rollback_quietly(conn, sql.rollback_message);  // whatever the error, the transaction ends here
         py::object exc = caught_general_exception();
-        rollback_quietly(conn, sql.rollback_message);
         h.record_background_failure(py::str("submission"), py::str(sql.failure_operation), exc, true);
         return {py::none(), false};
     }
