@@ -54,7 +54,7 @@ def test_a_key_reused_with_another_body_is_refused(service):
 
 
 def test_a_repeat_while_the_first_is_in_progress_gets_409(start):
-    slow = start(faults=Faults(latency_seconds=1.0))
+    slow = start(faults=Faults(latency_seconds=2.0))
     body = submission(rot("cs_rank", feature("alt_5")), idempotency_key="concurrent-1")
     with concurrent.futures.ThreadPoolExecutor(2) as pool:
         first = pool.submit(lambda: client_of(slow).submit_signal(**body))

@@ -76,17 +76,23 @@ def summary(listing: dict, best: int = 5, since: float = 0.0) -> dict:
     accepted = [s for s in subs if s["status"] in ACCEPTED_STATUSES]
     accepted.sort(key=lambda s: -(s["is_stats"].get("sharpe") or 0.0))
     reasons: dict = {}
+    waiting = sum(1 for s in subs if s["status"] not in _TERMINAL)
     for s in subs:
+        if s["status"] not in _TERMINAL:
+            continue
         if s["status"] not in ACCEPTED_STATUSES:
             key = s["rejection_reason"] or s["status"]
             reasons[key] = reasons.get(key, 0) + 1
-    return {"sent": len(subs), "accepted": len(accepted), "refused": reasons, "best": accepted[:best]}
+    return {"sent": len(subs), "accepted": len(accepted), "refused": reasons, "waiting": waiting,
+            "best": accepted[:best]}
 
 
 def render(s: dict) -> str:
     lines = [f"{s['sent']} signals sent to the signal service; {s['accepted']} accepted out of sample"]
     for reason, n in sorted((s.get("not_taken") or {}).items()):
         lines.append(f"not taken by the service ({n}): {reason}")
+    if s.get("waiting"):
+        lines.append(f"still being judged when the demo ended: {s['waiting']}")
     if s["refused"]:
         lines.append("refused: " + ", ".join(f"{k} {n}" for k, n in sorted(s["refused"].items(), key=lambda kv: -kv[1])))
     if s["best"]:
