@@ -168,6 +168,9 @@ BAD_BODIES = [
     (_with(graph=rot("cs_rank", feature("ret_5")) | {"colour": 1}), 422, "unexpected key"),
     (_with(graph="cs_rank(ret_5)"), 422, "a node must be a map"),
     (_with(idempotency_key="body-key"), 400, "differ"),
+    (_with(is_pnl_mi=10 ** 400), 422, "is_pnl_mi must be a finite scalar number"),
+    (_with().replace(b'"search_state"', b"").replace(b"{", b'{"search_state": ' + b"[" * 50000 + b"]" * 50000 + b", ", 1),
+     400, "nested too deeply"),
 ]
 
 
