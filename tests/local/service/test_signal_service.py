@@ -139,6 +139,7 @@ BAD_BODIES = [
     (b"", 400, "empty"),
     (b"{not json", 400, "not valid JSON"),
     (b"[1, 2]", 400, "JSON object"),
+    (b" " * (1 << 20) + b"{}", 400, "larger than"),
     (_with().replace(b'"sharpe": 1.5', b'"sharpe": NaN'), 400, "non-finite"),
     (_with().replace(b'"is_pnl_mi": 0.4', b'"is_pnl_mi": Infinity'), 400, "non-finite"),
     (_with().replace(b'"sharpe": 1.5', b'"sharpe": 1e999'), 422, "is_stats.sharpe is not a finite number"),

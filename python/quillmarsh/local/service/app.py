@@ -19,7 +19,7 @@ from fastapi.exceptions import RequestValidationError
 from fastapi.responses import JSONResponse
 from starlette.exceptions import HTTPException as StarletteHTTPException
 
-from .contract import ContractError
+from .contract import MAX_BODY_BYTES, ContractError
 
 logger = logging.getLogger(__name__)
 
@@ -74,6 +74,9 @@ def create_app(service) -> FastAPI:
     @app.post("/v1/signals", status_code=202)
     async def submit(request: Request):
         account = service.authenticate(request.headers.get("authorization"))
+        declared = request.headers.get("content-length", "")
+        if declared.isdigit() and int(declared) > MAX_BODY_BYTES:  # refused before it is read
+            raise ServiceError(400, f"request body is larger than {MAX_BODY_BYTES} bytes")
         raw = await request.body()
         status_code, body, replayed = await service.submit(account, raw, request.headers.get("idempotency-key"))
         return _json(status_code, body, {REPLAY_HEADER: "true"} if replayed else None)
