@@ -9,7 +9,6 @@ Every refusal is a JSON object with an ``error`` text. Requests carry ``Authoriz
 """
 from __future__ import annotations
 
-import asyncio
 import json
 import logging
 import random
@@ -74,10 +73,7 @@ def create_app(service) -> FastAPI:
     @app.post("/v1/signals", status_code=202)
     async def submit(request: Request):
         account = service.authenticate(request.headers.get("authorization"))
-        declared = request.headers.get("content-length", "")
-        if declared.isdigit() and int(declared) > MAX_BODY_BYTES:  # refused before it is read
-            raise ServiceError(400, f"request body is larger than {MAX_BODY_BYTES} bytes")
-        raw = await request.body()
+        raw = await _read_body(request)
         status_code, body, replayed = await service.submit(account, raw, request.headers.get("idempotency-key"))
         return _json(status_code, body, {REPLAY_HEADER: "true"} if replayed else None)
 
@@ -95,6 +91,19 @@ def create_app(service) -> FastAPI:
         return _json(200, service.list_body(account, status, limit))
 
     return FaultInjector(app, service.config.faults)
+
+
+async def _read_body(request: Request) -> bytes:
+    """The body, read to its end so that the client always gets the answer; past the size limit the rest
+    is read and dropped, and the request refused."""
+    chunks, size = [], 0
+    async for chunk in request.stream():
+        size += len(chunk)
+        if size <= MAX_BODY_BYTES:
+            chunks.append(chunk)
+    if size > MAX_BODY_BYTES:
+        raise ServiceError(400, f"request body is larger than {MAX_BODY_BYTES} bytes")
+    return b"".join(chunks)
 
 
 class FaultInjector:
