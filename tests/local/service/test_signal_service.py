@@ -241,6 +241,23 @@ def test_a_signal_below_the_out_of_sample_thresholds_is_rejected(start, override
     assert judged["payment"] is None and judged["is_stats"]["sharpe"] < 50.0
 
 
+def test_a_signal_that_never_forms_a_book_is_rejected(service):
+    client = client_of(service)
+    no_stock_that_dear = {"type": "filtration", "node": "keep_above_price",
+                          "children": [feature("ret_5"), {"type": "float", "node": 1000.0}]}
+    judged = wait_terminal(client, client.submit_signal(**submission(no_stock_that_dear)).submission_id)
+    assert (judged["status"], judged["rejection_reason"]) == ("is_rejected", "empty_book")
+
+
+def test_the_quota_window_outlives_a_restart(start, tmp_path):
+    first = start(tmp_path, quota_per_hour=2)
+    for name in ("alt_1", "alt_2"):
+        assert client_of(first).submit_signal(**submission(rot("cs_rank", feature(name)))).status_code == 202
+    first.stop()
+    again = client_of(start(tmp_path, quota_per_hour=2)).submit_signal(**submission(rot("cs_rank", feature("alt_3"))))
+    assert again.status_code == 403 and again.body["ban_expiry"] > time.time() + 3500
+
+
 def _get(svc, path):
     import urllib.request
     request = urllib.request.Request(svc.url + path, headers={"Authorization": "Bearer " + auth_of(svc.data_dir).get_token()})
