@@ -39,6 +39,25 @@ def _json(status_code: int, body, headers=None) -> JSONResponse:
     return JSONResponse(body, status_code=status_code, headers=headers)
 
 
+_NUMBER = {"type": "number"}
+# The body is read and checked by the service itself (so that every refusal says what is wrong, in the
+# same shape); this schema only documents it on the OpenAPI page.
+_SUBMISSION_DOC = {
+    "parameters": [{"name": "Idempotency-Key", "in": "header", "required": False, "schema": {"type": "string"}}],
+    "requestBody": {"required": True, "content": {"application/json": {"schema": {
+        "type": "object",
+        "required": ["graph", "universe_id", "signal_pool_id", "is_stats", "is_pnl_mi", "expression_elapsed_seconds"],
+        "properties": {
+            "graph": {"type": "object", "description": "expression graph: type, node, children"},
+            "universe_id": {"type": "string"}, "signal_pool_id": {"type": "string"},
+            "is_stats": {"type": "object", "additionalProperties": _NUMBER},
+            "is_pnl_mi": _NUMBER, "expression_elapsed_seconds": {"type": "number", "exclusiveMinimum": 0},
+            "metaparameters": {"type": ["object", "null"]}, "search_state": {},
+            "idempotency_key": {"type": ["string", "null"]},
+            "referenced_signal_ids": {"type": "array", "items": {"type": "string"}}}}}}},
+}
+
+
 def create_app(service) -> FastAPI:
     """The application over a ``SignalService`` (store, accounts, contract, quotas, reviewer)."""
     app = FastAPI(title="quillmarsh local signal service", version="1",
@@ -70,7 +89,8 @@ def create_app(service) -> FastAPI:
     async def health():
         return {"status": "ok", "submissions_waiting": service.waiting_count()}
 
-    @app.post("/v1/signals", status_code=202)
+    @app.post("/v1/signals", status_code=202, openapi_extra=_SUBMISSION_DOC,
+              summary="Submit a signal; the first answer to an idempotency key is replayed for every repeat")
     async def submit(request: Request):
         account = service.authenticate(request.headers.get("authorization"))
         raw = await _read_body(request)
