@@ -4,6 +4,7 @@
     quillmarsh status  [--data-dir D]
     quillmarsh db-info [--data-dir D]
     quillmarsh analyze [--data-dir D]
+    quillmarsh serve --data-dir D [--host 127.0.0.1] [--port N] [...]
 """
 from __future__ import annotations
 
@@ -66,6 +67,12 @@ def _parser() -> argparse.ArgumentParser:
     demo.add_argument("--days", type=_at_least(100), default=1260, help="days of the generated market (default: 1260)")
     demo.add_argument("--seed", type=int, default=7, help="seed of the generated market (default: 7)")
     demo.add_argument("--plot", help="where to write the picture of the best signals (default: in the data directory)")
+
+    from quillmarsh.local.service.runner import add_serve_arguments
+    serve = sub.add_parser("serve", help="run the local signal service in the foreground",
+                           description="Run the local signal service on the platform's account and market until "
+                                       "Ctrl-C or SIGTERM; it prints the URL it listens on.")
+    add_serve_arguments(serve)
 
     for name, text in (("status", "the platform's era, universe and store counts"),
                        ("db-info", "the tracking store's tables, sizes and counts"),
@@ -231,6 +238,9 @@ def run_demo(args, out=None) -> dict:
     conn = _open_store(local.data_dir)
     found = lambda: conn.execute(  # noqa: E731
         "SELECT COUNT(*) FROM signal_evaluations WHERE passed = 1 AND created_at >= ?", (started,)).fetchone()[0]
+    from quillmarsh.local.service import start_demo_service
+
+    service = start_demo_service(local.data_dir, args.instruments, args.days, args.seed, out)
     handle = st.search(st.random_weighted, n_jobs=args.jobs)
     try:
         status = _watch(handle, args.minutes * 60.0, found, out)
@@ -239,7 +249,9 @@ def run_demo(args, out=None) -> dict:
     if status.error_code:
         print(f"The search stopped: {status.error_code}: {status.recovery_advice}", file=out)
     plot_path = Path(args.plot) if args.plot else local.data_dir / "best_signals.png"
-    return summarise(conn, started, local.evaluator, plot_path, out)
+    result = summarise(conn, started, local.evaluator, plot_path, out)
+    result["service"] = service.finish(out, started)
+    return result
 
 
 def _runtime(data_dir):
@@ -309,7 +321,14 @@ def render_report(report: dict, limit: int = 15) -> str:
     return "\n\n".join(parts)
 
 
-COMMANDS = {"demo": run_demo, "status": run_status, "db-info": run_db_info, "analyze": run_analyze}
+def run_serve(args, out=None) -> None:
+    from quillmarsh.local.service import serve_from_args
+
+    serve_from_args(args, out=out)
+
+
+COMMANDS = {"demo": run_demo, "status": run_status, "db-info": run_db_info, "analyze": run_analyze,
+            "serve": run_serve}
 
 
 def main(argv=None) -> int:
