@@ -288,6 +288,8 @@ def _add_view_commands(sub, data_dir_help: str) -> None:
     signals.add_argument("--limit", type=_at_least(1), help="at most this many")
     signals.add_argument("--since", type=_since, help="evaluated since: 90m, 2h, 3d, an ISO date or time")
     signals.add_argument("--format", choices=FORMATS, default="table", help="table (default), csv or json")
+    signals.add_argument("--all-evaluations", action="store_true",
+                         help="every passing evaluation, also of an expression that passed before")
 
     report = sub.add_parser("report", help="a picture of the best signals in and out of sample",
                             description="Draw the cumulative pnl of the best signals in sample and out of sample "
@@ -365,7 +367,8 @@ def run_signals(args, out=None) -> None:
     out = out or sys.stdout
     conn = _read_store(_data_dir_of(args))
     try:
-        signals = load_signals(conn, statuses=args.status, limit=args.limit, since=args.since)
+        signals = load_signals(conn, statuses=args.status, limit=args.limit, since=args.since,
+                               distinct=not args.all_evaluations)
     finally:
         conn.close()
     write_signals(signals, args.format, out)

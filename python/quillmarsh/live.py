@@ -120,16 +120,7 @@ class StoreCounter:
 
     def best(self, limit: int = BEST_SIGNALS) -> list[dict]:
         """The best distinct expressions since ``since``: sharpe, fitness, status, expression."""
-        seen: set[str] = set()
-        out = []
-        for s in load_signals(self.conn, since=self.since):
-            if s.expression in seen:
-                continue
-            seen.add(s.expression)
-            out.append(_best_entry(s))
-            if len(out) >= limit:
-                break
-        return out
+        return [_best_entry(s) for s in load_signals(self.conn, since=self.since, limit=limit)]
 
 
 def _best_entry(s: Signal) -> dict:
@@ -310,11 +301,13 @@ def plain_line(snap: Snapshot) -> str:
     """One line of the view for logs: no colours, no cursor movement, fields in a fixed order."""
     stamp = time.strftime("%H:%M:%S", time.localtime(snap.at))
     state = "running" if snap.running else "unknown" if snap.running is None else "stopped"
+    # after an orderly stop the threads have ended as they should
+    threads = "stopped" if snap.running is False and not snap.error_code else _threads_text(snap.threads)
     text = (f"{stamp} {state} elapsed {_clock_text(snap.elapsed)}  evaluated {snap.evaluated}  "
             f"{snap.rate:.1f} eval/s  passed {snap.passed} ({100.0 * snap.pass_share:.1f}%)  "
             f"sent {snap.sent}  accepted {snap.accepted}  rejected {snap.rejected}  pending {snap.pending}  "
             f"queued {snap.queued}  retrying {snap.retrying}  errors {len(snap.errors)}  "
-            f"threads {_threads_text(snap.threads)}")
+            f"threads {threads}")
     if snap.error_code:
         text += f"  FATAL {snap.error_code}"
     return text
@@ -348,9 +341,11 @@ def render(snap: Snapshot) -> Any:
                  Text.assemble(("errors ", "dim"), (str(len(snap.errors)), "bold red" if snap.errors else "")),
                  Text.assemble(("crashes ", "dim"), (str(snap.crash_count), "")))
     threads = Text("threads ", style="dim")
-    if not snap.threads:
+    if snap.running is False and not snap.error_code:
+        threads.append("stopped", style="yellow")
+    elif not snap.threads:
         threads.append("unknown (the search publishes no state)", style="yellow")
-    for name, state in snap.threads.items():
+    for name, state in snap.threads.items() if snap.running is not False or snap.error_code else ():
         threads.append(f"{name} ", style="")
         threads.append(state + "  ", style="green" if state == "ok" else "bold red")
     parts: list[Any] = [grid, threads]

@@ -8,6 +8,7 @@ suffix of the path: .png or .svg.
 from __future__ import annotations
 
 import json
+import math
 import re
 import sqlite3
 from collections.abc import Sequence
@@ -35,15 +36,7 @@ def rejection_counts(conn: sqlite3.Connection, since: float | None = None) -> li
 
 def best_distinct(conn: sqlite3.Connection, limit: int, since: float | None = None) -> list[Signal]:
     """The best signals with one entry per expression."""
-    seen: set[str] = set()
-    out: list[Signal] = []
-    for s in load_signals(conn, since=since):
-        if s.expression not in seen and isinstance(s.graph, dict):
-            seen.add(s.expression)
-            out.append(s)
-            if len(out) >= limit:
-                break
-    return out
+    return [s for s in load_signals(conn, since=since) if isinstance(s.graph, dict)][:limit]
 
 
 def local_evaluator_for(data_dir: str | Path) -> Any:
@@ -82,6 +75,18 @@ def pnl_curves(evaluator: Any, signal: Signal) -> tuple[Any, Any]:
     return pnl[:n], pnl[n:]
 
 
+def _fmt(value: float | None) -> str:
+    return "-" if value is None or not math.isfinite(value) else f"{value:.2f}"
+
+
+def _sharpe(pnl: Any) -> float:
+    """Annualised Sharpe ratio of a daily pnl series, 0 for a flat one."""
+    if len(pnl) < 2:
+        return 0.0
+    sd = float(pnl.std(ddof=1))
+    return float(pnl.mean()) / sd * math.sqrt(252.0) if sd > 0 else 0.0
+
+
 def _label(rank: int, s: Signal, limit: int = 70) -> str:
     expression = s.expression if len(s.expression) <= limit else s.expression[: limit - 1] + "…"
     return f"#{rank} {expression}"
@@ -98,30 +103,32 @@ def draw_report(path: str | Path, signals: Sequence[Signal], curves: Sequence[tu
     path = Path(path)
     if path.suffix.lower() not in PICTURE_SUFFIXES:
         raise ValueError(f"the picture must be .png or .svg, got {path.name!r}")
-    fig = plt.figure(figsize=(13, 8.5))
-    grid = fig.add_gridspec(2, 2, height_ratios=(3, 2))
+    fig = plt.figure(figsize=(13, 10))
+    grid = fig.add_gridspec(3, 2, height_ratios=(3, 0.2 + 0.22 * max(1, len(signals)), 2))
     ax_in, ax_out = fig.add_subplot(grid[0, 0]), fig.add_subplot(grid[0, 1])
-    ax_rej = fig.add_subplot(grid[1, :])
+    ax_legend, ax_rej = fig.add_subplot(grid[1, :]), fig.add_subplot(grid[2, :])
     ax_out.sharey(ax_in)
+    handles, labels = [], []
     for rank, (s, (pnl_in, pnl_out)) in enumerate(zip(signals, curves), 1):
-        line, = ax_in.plot(np.cumsum(pnl_in), linewidth=1.2,
-                           label=f"{_label(rank, s)}  (sharpe {s.sharpe if s.sharpe is not None else float('nan'):.2f})")
-        os_text = "" if s.os_sharpe is None else f", service {s.os_sharpe:.2f}"
+        line, = ax_in.plot(np.cumsum(pnl_in), linewidth=1.2)
         start = len(pnl_in)
         ax_out.plot(np.arange(start, start + len(pnl_out)), np.cumsum(pnl_out), color=line.get_color(),
-                    linewidth=1.2, label=f"#{rank} {s.status}{os_text}")
+                    linewidth=1.2)
+        service = "" if s.os_sharpe is None else f", service's sharpe {s.os_sharpe:.2f}"
+        handles.append(line)
+        labels.append(f"{_label(rank, s, 90)}   sharpe in sample {_fmt(s.sharpe)}, held out "
+                      f"{_fmt(_sharpe(pnl_out))}; {s.submission_status or s.status}{service}")
     ax_in.set_title("in sample: cumulative pnl")
     ax_out.set_title("out of sample (days the search never saw): cumulative pnl")
     for ax in (ax_in, ax_out):
         ax.set_xlabel("trading day")
         ax.grid(alpha=0.3)
-    ax_in.set_ylabel("cumulative pnl (book = 1)")
-    if signals:
-        ax_in.legend(fontsize=7, loc="upper left")
-        ax_out.legend(fontsize=7, loc="upper left")
-    else:
-        for ax in (ax_in, ax_out):
+        if not signals:
             ax.text(0.5, 0.5, "no signal passed", ha="center", va="center", transform=ax.transAxes)
+    ax_in.set_ylabel("cumulative pnl (book = 1)")
+    ax_legend.axis("off")
+    if signals:
+        ax_legend.legend(handles, labels, loc="center", fontsize=8, frameon=False)
     if rejections:
         reasons = [r for r, _ in rejections][::-1]
         counts = [n for _, n in rejections][::-1]
@@ -130,6 +137,7 @@ def draw_report(path: str | Path, signals: Sequence[Signal], curves: Sequence[tu
         for bar, n in zip(bars, counts):
             ax_rej.text(bar.get_width(), bar.get_y() + bar.get_height() / 2, f" {n} ({100.0 * n / total:.1f}%)",
                         va="center", fontsize=8)
+        ax_rej.set_xlim(0, max(counts) * 1.18)
         ax_rej.set_xlabel("rejected evaluations")
         ax_rej.tick_params(axis="y", labelsize=8)
     else:

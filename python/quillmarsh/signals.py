@@ -151,12 +151,18 @@ def _first_number(stats: Mapping, *keys: str) -> float | None:
     return None
 
 
+# How far a signal has gone: of several passing evaluations of one expression, the furthest stands for it.
+_PROGRESS = {UNSENT: 0, QUEUED: 1, RETRYING: 2, PENDING: 3, REJECTED: 4, ACCEPTED: 4}
+
+
 def load_signals(conn: sqlite3.Connection, *, statuses: Iterable[str] | None = None, limit: int | None = None,
-                 since: float | None = None) -> list[Signal]:
+                 since: float | None = None, distinct: bool = True) -> list[Signal]:
     """The passing signal evaluations of the store, best first (in-sample Sharpe, then fitness).
 
-    ``statuses`` keeps the signals whose group (``STATUS_GROUPS``) or raw service status is among them;
-    ``since`` keeps those evaluated at or after that wall-clock time; ``limit`` keeps the first ones.
+    With ``distinct``, an expression that passed more than once is listed once, by the evaluation whose
+    submission has gone furthest. ``statuses`` then keeps the signals whose group (``STATUS_GROUPS``) or raw
+    service status is among them; ``since`` keeps those evaluated at or after that wall-clock time;
+    ``limit`` keeps the first ones.
     """
     tables = {row[0] for row in conn.execute("SELECT name FROM sqlite_master WHERE type='table'")}
     if "signal_evaluations" not in tables:
@@ -190,21 +196,19 @@ def load_signals(conn: sqlite3.Connection, *, statuses: Iterable[str] | None = N
     order = [f"e.{c} IS NULL, e.{c} DESC" for c in ("sharpe", "quality_score") if c in ev_cols]
     sql += " ORDER BY " + ", ".join(order + ["e.created_at", "e.eval_id"])
     keep = None if statuses is None else set(statuses)
-    out: list[Signal] = []
+    found: list[Signal] = []
     for row in conn.execute(sql, params):
         (eval_id, graph_json, created_at, sharpe, fitness, returns, turnover, drawdown, mi, pool_id, meta_json,
          in_queue, retry_count, *status_values) = row
         st = dict(zip(sorted(wanted), status_values))
         service_status = st["status"]
         group = status_group(service_status, bool(in_queue), retry_count is not None)
-        if keep is not None and group not in keep and service_status not in keep:
-            continue
         try:
             graph = json.loads(graph_json) if graph_json else None
         except ValueError:
             graph = graph_json
         os_stats = _json_map(st["is_stats_json"])
-        out.append(Signal(
+        found.append(Signal(
             eval_id=str(eval_id), expression=format_expression(graph), created_at=float(created_at),
             sharpe=_float(sharpe), fitness=_float(fitness), returns=_float(returns), turnover=_float(turnover),
             drawdown=_float(drawdown), is_pnl_mi=_float(mi), pool_id=pool_id, status=group,
@@ -216,9 +220,16 @@ def load_signals(conn: sqlite3.Connection, *, statuses: Iterable[str] | None = N
             os_correlation=_float(st["is_correlation"]), rejection_reason=st["rejection_reason"],
             retry_count=None if retry_count is None else int(retry_count), graph=graph,
             metaparameters=_json_map(meta_json) or None))
-        if limit is not None and len(out) >= limit:
-            break
-    return out
+    if distinct:
+        first: dict[str, int] = {}
+        for i, signal in enumerate(found):
+            j = first.setdefault(signal.expression, i)
+            if j != i and _PROGRESS[signal.status] > _PROGRESS[found[j].status]:
+                found[j] = signal
+        kept = set(first.values())
+        found = [s for i, s in enumerate(found) if i in kept]
+    out = [s for s in found if keep is None or s.status in keep or s.submission_status in keep]
+    return out if limit is None else out[:limit]
 
 
 # ----- arguments ----------------------------------------------------------------------------------------
@@ -300,7 +311,8 @@ def table_rows(signals: Sequence[Signal]) -> list[list[str]]:
     return rows
 
 
-def plain_table(rows: Sequence[Sequence[str]], headers: Sequence[str]) -> str:
+def plain_table(rows: Sequence[Sequence[Any]], headers: Sequence[str]) -> str:
+    rows = [[str(c) for c in r] for r in rows]
     widths = [max([len(h)] + [len(r[i]) for r in rows]) for i, h in enumerate(headers)]
 
     def line(cells: Sequence[str]) -> str:

@@ -48,13 +48,15 @@ class Tty(io.StringIO):
 
 def test_through_a_pipe_the_view_is_plain_lines_until_the_search_stops():
     out = io.StringIO()
-    source = Scripted([snapshot(), snapshot(evaluated=400), snapshot(running=False, evaluated=600,
-                                                                    threads={"workers": "1/2 alive"})])
+    source = Scripted([snapshot(), snapshot(evaluated=400),
+                       snapshot(running=False, evaluated=600, threads={"workers": "1/2 alive"},
+                                error_code="INFRASTRUCTURE_FAILURE")])
     last = live.follow(source, out, interval=0.01, plain_interval=0.0, sleep=lambda s: None)
     lines = out.getvalue().splitlines()
     assert last.running is False and "\x1b" not in out.getvalue()
     assert [PLAIN.match(line).group(2) for line in lines] == ["200", "400", "600"]
-    assert PLAIN.match(lines[0]).group(13) == "ok" and lines[-1].endswith("threads workers 1/2 alive")
+    assert PLAIN.match(lines[0]).group(13) == "ok"
+    assert lines[-1].endswith("threads workers 1/2 alive  FATAL INFRASTRUCTURE_FAILURE")
 
 
 def test_plain_lines_are_spaced_by_their_interval():
@@ -78,21 +80,24 @@ def test_plain_lines_are_spaced_by_their_interval():
 def test_on_a_terminal_the_view_is_drawn_with_the_best_signals_and_problems():
     out = Tty()
     source = Scripted([snapshot(errors=["submission send failed (ConnectionError): refused"],
-                                threads={"workers": "ok", "polling": "degraded"}, running=False)])
+                                threads={"workers": "ok", "polling": "degraded"}, running=False,
+                                error_code="INFRASTRUCTURE_FAILURE", recovery_advice="register()")])
     live.follow(source, out, seconds=5, sleep=lambda s: None)
     text = out.getvalue()
     assert "\x1b[" in text  # drawn by rich, not printed as a line
-    for fragment in ("best signals so far", "cs_rank(f_1)", "polling", "degraded", "submission send failed"):
+    for fragment in ("best signals so far", "cs_rank(f_1)", "polling", "degraded", "submission send failed",
+                     "FATAL INFRASTRUCTURE_FAILURE: register()"):
         assert fragment in text
 
 
-@pytest.mark.parametrize("threads, expected", [
-    ({}, "unknown"),
-    ({"workers": "ok", "era": "ok"}, "ok"),
-    ({"workers": "1/2 alive", "era": "ok", "polling": "degraded"}, "workers 1/2 alive, polling degraded"),
+@pytest.mark.parametrize("threads, running, expected", [
+    ({}, None, "unknown"),
+    ({"workers": "ok", "era": "ok"}, True, "ok"),
+    ({"workers": "1/2 alive", "era": "ok", "polling": "degraded"}, True, "workers 1/2 alive, polling degraded"),
+    ({"workers": "0/2 alive", "era": "dead"}, False, "stopped"),  # after an orderly stop
 ])
-def test_plain_line_names_only_the_threads_in_trouble(threads, expected):
-    assert live.plain_line(snapshot(threads=threads)).endswith("threads " + expected)
+def test_plain_line_names_only_the_threads_in_trouble(threads, running, expected):
+    assert live.plain_line(snapshot(threads=threads, running=running)).endswith("threads " + expected)
 
 
 def alive(flag=True):

@@ -16,9 +16,10 @@ def run(capsys, *argv):
     return captured.out
 
 
-def passing_count(data_dir):
+def passing_count(data_dir, distinct=True):
+    what = "DISTINCT graph_json" if distinct else "*"
     with sqlite3.connect(data_dir / "search_tracking.db") as db:
-        return db.execute("SELECT COUNT(*) FROM signal_evaluations WHERE passed = 1").fetchone()[0]
+        return db.execute(f"SELECT COUNT({what}) FROM signal_evaluations WHERE passed = 1").fetchone()[0]
 
 
 def test_json_holds_every_signal_best_first_with_its_verdict(searched_dir, capsys):
@@ -40,6 +41,30 @@ def test_json_holds_every_signal_best_first_with_its_verdict(searched_dir, capsy
     assert {r["status"] for r in records} - {"accepted", "rejected", "pending", "retrying"} == {"queued"}
     # the expression is the graph in functional form
     assert all(r["expression"] == signals.format_expression(r["graph"]) for r in records)
+
+
+def test_an_expression_that_passed_twice_is_listed_once_by_its_furthest_submission(searched_dir, capsys,
+                                                                                   tmp_path):
+    data_dir, ids = searched_dir
+    copy = tmp_path / "copy"
+    copy.mkdir()
+    with sqlite3.connect(data_dir / "search_tracking.db") as src, \
+            sqlite3.connect(copy / "search_tracking.db") as dst:
+        src.backup(dst)
+        # the accepted expression passes again and waits in the queue
+        dst.execute("INSERT INTO signal_evaluations SELECT 'again', era_id, universe_id, pool_id, graph_json, "
+                    "function_names, feature_names, metaparameters_json, passed, rejection_reason, sharpe, returns, "
+                    "turnover, drawdown, delta_exposure, max_weight, quality_score, correlation, abs_weight_sum_mean, "
+                    "stats_json, per_column_stats_json, expression_elapsed_seconds, is_correlation, is_pnl_mi, "
+                    "agent_is_pnl_mi, is_weights_mi, failure_reason, failure_detail, submitted, created_at + 1 "
+                    "FROM signal_evaluations WHERE eval_id = ?", (ids["found"],))
+        dst.execute("INSERT INTO submission_queue (eval_id, eval_type, payload_json, era_id, created_at) "
+                    "VALUES ('again', 'signal', '{}', 1, 0)")
+    distinct = json.loads(run(capsys, "--data-dir", str(copy), "--format", "json"))
+    every = json.loads(run(capsys, "--data-dir", str(copy), "--format", "json", "--all-evaluations"))
+    assert len(every) == passing_count(copy, distinct=False) > len(distinct) == passing_count(copy)
+    assert [r["status"] for r in distinct if r["eval_id"] in (ids["found"], "again")] == ["accepted"]
+    assert {r["eval_id"]: r["status"] for r in every}["again"] == "queued"
 
 
 def test_csv_has_the_json_columns_and_values(searched_dir, capsys):
