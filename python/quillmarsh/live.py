@@ -29,6 +29,7 @@ LIVE_STATUS_FILE_NAME = "live_status.json"
 PUBLISHED_FRESH_SECONDS = 15.0   # a published snapshot older than this belongs to a search that has gone
 RATE_WINDOW_SECONDS = 10.0       # the rate is measured over the samples of this window
 BEST_SIGNALS = 5
+BEST_REFRESH_SECONDS = 3.0       # the best signals are re-read this often (a wider scan than the counts)
 
 
 @dataclasses.dataclass
@@ -84,6 +85,7 @@ class StoreCounter:
         self.baseline_rowid = self.max_rowid(conn) if baseline_rowid is None else int(baseline_rowid)
         self.since = since
         self._tables = {row[0] for row in conn.execute("SELECT name FROM sqlite_master WHERE type='table'")}
+        self._best: tuple[float, list[dict]] | None = None
 
     @staticmethod
     def max_rowid(conn: sqlite3.Connection) -> int:
@@ -120,7 +122,12 @@ class StoreCounter:
 
     def best(self, limit: int = BEST_SIGNALS) -> list[dict]:
         """The best distinct expressions since ``since``: sharpe, fitness, status, expression."""
-        return [_best_entry(s) for s in load_signals(self.conn, since=self.since, limit=limit)]
+        now = time.monotonic()
+        if self._best is None or now - self._best[0] >= BEST_REFRESH_SECONDS:
+            found = load_signals(self.conn, since=self.since, limit=limit,
+                                 after_rowid=self.baseline_rowid if self.since is not None else None)
+            self._best = (now, [_best_entry(s) for s in found])
+        return self._best[1]
 
 
 def _best_entry(s: Signal) -> dict:

@@ -156,13 +156,15 @@ _PROGRESS = {UNSENT: 0, QUEUED: 1, RETRYING: 2, PENDING: 3, REJECTED: 4, ACCEPTE
 
 
 def load_signals(conn: sqlite3.Connection, *, statuses: Iterable[str] | None = None, limit: int | None = None,
-                 since: float | None = None, distinct: bool = True) -> list[Signal]:
+                 since: float | None = None, distinct: bool = True,
+                 after_rowid: int | None = None) -> list[Signal]:
     """The passing signal evaluations of the store, best first (in-sample Sharpe, then fitness).
 
     With ``distinct``, an expression that passed more than once is listed once, by the evaluation whose
     submission has gone furthest. ``statuses`` then keeps the signals whose group (``STATUS_GROUPS``) or raw
     service status is among them; ``since`` keeps those evaluated at or after that wall-clock time;
-    ``limit`` keeps the first ones.
+    ``limit`` keeps the first ones. ``after_rowid`` reads only the evaluations stored after that row, so
+    that a view of a running search does not scan what was there before it.
     """
     tables = {row[0] for row in conn.execute("SELECT name FROM sqlite_master WHERE type='table'")}
     if "signal_evaluations" not in tables:
@@ -174,15 +176,24 @@ def load_signals(conn: sqlite3.Connection, *, statuses: Iterable[str] | None = N
     if {"eval_id", "status_id"} <= status_cols:
         picked = ", ".join(f"s.{c}" if c in status_cols else f"NULL AS {c}" for c in sorted(wanted))
         status_join = (f"LEFT JOIN (SELECT {picked}, s.eval_id AS s_eval_id FROM submission_status s "
-                       "WHERE s.status_id = (SELECT MAX(status_id) FROM submission_status t "
-                       "WHERE t.eval_id = s.eval_id)) st ON st.s_eval_id = e.eval_id")
+                       "JOIN (SELECT MAX(status_id) AS last_id FROM submission_status GROUP BY eval_id) last "
+                       "ON s.status_id = last.last_id) st ON st.s_eval_id = e.eval_id")
         status_select = ", ".join(f"st.{c}" for c in sorted(wanted))
     else:
         status_join, status_select = "", ", ".join("NULL" for _ in wanted)
-    queued = ("EXISTS (SELECT 1 FROM submission_queue q WHERE q.eval_id = e.eval_id)"
-              if "submission_queue" in tables else "0")
-    retry = ("(SELECT MAX(retry_count) FROM submission_retry r WHERE r.eval_id = e.eval_id)"
-             if "submission_retry" in tables else "NULL")
+    # Grouped once and joined, rather than a lookup per row: the queue tables have no index on eval_id.
+    if "submission_queue" in tables:
+        queued = "q.queued"
+        status_join += (" LEFT JOIN (SELECT eval_id AS q_eval_id, 1 AS queued FROM submission_queue "
+                        "GROUP BY eval_id) q ON q.q_eval_id = e.eval_id")
+    else:
+        queued = "0"
+    if "submission_retry" in tables:
+        retry = "r.retry_count"
+        status_join += (" LEFT JOIN (SELECT eval_id AS r_eval_id, MAX(retry_count) AS retry_count "
+                        "FROM submission_retry GROUP BY eval_id) r ON r.r_eval_id = e.eval_id")
+    else:
+        retry = "NULL"
     ev_cols = _columns(conn, "signal_evaluations")
     metric_cols = ("sharpe", "quality_score", "returns", "turnover", "drawdown", "is_pnl_mi", "pool_id",
                    "metaparameters_json")
@@ -193,6 +204,9 @@ def load_signals(conn: sqlite3.Connection, *, statuses: Iterable[str] | None = N
     if since is not None:
         sql += " AND e.created_at >= ?"
         params.append(float(since))
+    if after_rowid is not None:
+        sql += " AND e.rowid > ?"
+        params.append(int(after_rowid))
     order = [f"e.{c} IS NULL, e.{c} DESC" for c in ("sharpe", "quality_score") if c in ev_cols]
     sql += " ORDER BY " + ", ".join(order + ["e.created_at", "e.eval_id"])
     keep = None if statuses is None else set(statuses)
