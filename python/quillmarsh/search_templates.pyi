@@ -85,6 +85,17 @@ class VocabSchemaError(ValueError):
 class SearchContext:
     """
     Context passed to template functions.
+    
+    A template is called with one per worker thread and reads what to build from it;
+    ctx.evaluate(graph) judges an expression it built.
+    
+    Attributes (read-only):
+        vocabulary (dict): a copy of the vocabulary: lists "functions" and "features".
+        universe_id (str): the universe the expressions are evaluated in.
+        metaparameters (dict): the metaparameters of the signal pool.
+        max_depth (int): the largest expression depth allowed.
+        analytics: the statistics of earlier evaluations, as of construction or the last
+            refresh_analytics().
     """
     _analytics: typing.Any
     _analytics_engine: typing.Any
@@ -170,6 +181,18 @@ class SearchContext:
     def analytics(self) -> typing.Any:
         ...
 class RowSchemaError(ValueError):
+    """
+    A stored submission row whose payload lacks what identifies it (eval_id, submission_type, era_id).
+    
+    Args:
+        source_kind: the table of the row ("submission_queue", "submission_retry") or "tracker_item".
+        missing: the keys that are missing (default: none).
+        row_id: the id of the row, or None.
+        message: the text to use instead of the standard one, or None.
+    
+    Attributes:
+        source_kind, missing, row_id: as given.
+    """
     @staticmethod
     def __init__(*args, **kwargs):
         ...

@@ -23,7 +23,17 @@ void read_only(py::class_<SearchContext>& cls, const char* name, Getter getter) 
 }
 
 void bind_search_context(py::module_& m) {
-    py::class_<SearchContext> cls(m, "SearchContext", py::dynamic_attr(), "Context passed to template functions.");
+    py::class_<SearchContext> cls(m, "SearchContext", py::dynamic_attr(), 
+                                  "Context passed to template functions.\n\n"
+                                  "A template is called with one per worker thread and reads what to build from it;\n"
+                                  "ctx.evaluate(graph) judges an expression it built.\n\n"
+                                  "Attributes (read-only):\n"
+                                  "    vocabulary (dict): a copy of the vocabulary: lists \"functions\" and \"features\".\n"
+                                  "    universe_id (str): the universe the expressions are evaluated in.\n"
+                                  "    metaparameters (dict): the metaparameters of the signal pool.\n"
+                                  "    max_depth (int): the largest expression depth allowed.\n"
+                                  "    analytics: the statistics of earlier evaluations, as of construction or the last\n"
+                                  "        refresh_analytics().");
     cls.def(py::init<py::object, py::object, py::object, py::object, py::object, py::object, py::object, py::object,
                      py::object, py::object, py::object, py::object, py::object, py::object, py::object, py::object>(),
             py::arg("vocab"), py::arg("universe"), py::arg("metaparams"), py::arg("depth"), py::arg("tracker"),
