@@ -14,15 +14,19 @@ from __future__ import annotations
 import collections
 import dataclasses
 import json
+import logging
 import os
 import sqlite3
+import threading
 import time
 from pathlib import Path
 from typing import IO, Any, Callable, Protocol
 
-from quillmarsh.signals import Signal, load_signals, status_group
+from quillmarsh.signals import Signal, load_signals, open_store, status_group
 
-__all__ = ["Snapshot", "HandleSource", "DirectorySource", "StoreCounter", "follow", "plain_line", "render",
+logger = logging.getLogger(__name__)
+
+__all__ = ["Snapshot", "HandleSource", "publish", "DirectorySource", "StoreCounter", "follow", "plain_line", "render",
            "LIVE_STATUS_FILE_NAME", "read_published"]
 
 LIVE_STATUS_FILE_NAME = "live_status.json"
@@ -225,6 +229,40 @@ class HandleSource:
             tmp.unlink(missing_ok=True)  # a view that cannot publish still shows
 
 
+def publish(handle: Any, data_dir: str | Path | None = None, interval: float = 1.0) -> threading.Thread:
+    """Publish the state of ``handle`` for ``quillmarsh watch`` every ``interval`` seconds, from a daemon
+    thread, until the search stops; returns the thread. For a search started from your own code:
+
+        handle = quillmarsh.search(template)
+        quillmarsh.live.publish(handle)      # then `quillmarsh watch` in another terminal
+
+    ``data_dir`` defaults to the configured data directory.
+    """
+    if data_dir is None:
+        from quillmarsh import agent_onboarding
+        data_dir = agent_onboarding._config.get("data_dir")
+        if not data_dir:
+            raise ValueError("no data directory: pass data_dir or configure one before the search")
+    target = Path(data_dir).expanduser()
+    if not interval > 0:
+        raise ValueError(f"interval must be positive, got {interval!r}")
+
+    def run() -> None:
+        conn = open_store(target)
+        try:
+            source = HandleSource(handle, conn, publish_dir=target)
+            while source.snapshot().running:
+                time.sleep(interval)
+        except Exception as exc:  # a view never takes the search down
+            logger.warning("publishing the search state stopped: %s", exc)
+        finally:
+            conn.close()
+
+    thread = threading.Thread(target=run, name="live_status_publisher", daemon=True)
+    thread.start()
+    return thread
+
+
 def read_published(data_dir: str | Path, now: float | None = None) -> dict | None:
     """The snapshot a search in this data directory published, if it is fresh; else None."""
     path = Path(data_dir) / LIVE_STATUS_FILE_NAME
@@ -383,17 +421,17 @@ def render(snap: Snapshot) -> Any:
 
 def follow(source: Source, out: IO[str], *, seconds: float | None = None, interval: float = 1.0,
            plain_interval: float = 5.0, stop_when_stopped: bool = True,
-           sleep: Callable[[float], None] = time.sleep) -> Snapshot:
+           sleep: Callable[[float], None] = time.sleep, clock: Callable[[], float] = time.monotonic) -> Snapshot:
     """Show ``source`` until ``seconds`` have passed (None: until interrupted) or, with
     ``stop_when_stopped``, until the search stops; returns the last snapshot.
 
     On a terminal the view is redrawn in place every ``interval`` seconds; otherwise a plain line is printed
     every ``plain_interval`` seconds and once more at the end.
     """
-    deadline = None if seconds is None else time.monotonic() + seconds
+    deadline = None if seconds is None else clock() + seconds
 
     def remaining() -> float:
-        return float("inf") if deadline is None else deadline - time.monotonic()
+        return float("inf") if deadline is None else deadline - clock()
 
     def done(snap: Snapshot) -> bool:
         return remaining() <= 0 or (stop_when_stopped and snap.running is False)
@@ -411,10 +449,10 @@ def follow(source: Source, out: IO[str], *, seconds: float | None = None, interv
         return snap
     next_line = 0.0
     while not done(snap):
-        if time.monotonic() >= next_line:
+        if clock() >= next_line:
             print(plain_line(snap), file=out, flush=True)
-            next_line = time.monotonic() + plain_interval
-        sleep(max(0.0, min(interval, remaining(), next_line - time.monotonic())))
+            next_line = clock() + plain_interval
+        sleep(max(0.0, min(interval, remaining(), next_line - clock())))
         snap = source.snapshot()
     print(plain_line(snap), file=out, flush=True)
     return snap

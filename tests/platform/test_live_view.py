@@ -67,14 +67,24 @@ def test_plain_lines_are_spaced_by_their_interval():
     def sleep(seconds):
         clock[0] += seconds
 
-    original = time.monotonic
-    live.time.monotonic = lambda: clock[0]
-    try:
-        live.follow(source, out, interval=1.0, plain_interval=5.0, sleep=sleep)
-    finally:
-        live.time.monotonic = original
+    live.follow(source, out, interval=1.0, plain_interval=5.0, sleep=sleep, clock=lambda: clock[0])
     # 30 one-second refreshes give a line at 0, 5, ..., 25 s, and the closing one
     assert len(out.getvalue().splitlines()) == 7
+
+
+def test_a_fatal_error_ends_the_view_with_its_code(tracker):
+    import quillmarsh.search_templates as st
+
+    def status():
+        raise st.SearchError("DATABASE_ERROR", "Run get_db_info()", "Database write failed after retry: full",
+                             st.SearchStatus(running=False, n_jobs=2, error_code="DATABASE_ERROR",
+                                             recovery_advice="Run get_db_info()"))
+
+    out = io.StringIO()
+    last = live.follow(live.HandleSource(SimpleNamespace(status=status), tracker._conn), out, seconds=30,
+                       sleep=lambda s: None)
+    assert (last.running, last.error_code, last.recovery_advice) == (False, "DATABASE_ERROR", "Run get_db_info()")
+    assert out.getvalue().splitlines()[-1].endswith("FATAL DATABASE_ERROR")
 
 
 def test_on_a_terminal_the_view_is_drawn_with_the_best_signals_and_problems():
@@ -200,3 +210,20 @@ def test_a_search_publishes_its_snapshot_for_watchers(tmp_path, tracker):
     source.snapshot()
     assert live.read_published(out_dir)["running"] is False
     assert live.read_published(out_dir, now=time.time() + live.PUBLISHED_FRESH_SECONDS + 1) is None
+
+
+def test_publish_follows_a_search_of_its_own_until_it_stops(tmp_path, tracker):
+    stopped = threading.Event()
+    calls = []
+
+    def status():
+        calls.append(1)
+        if len(calls) >= 3:
+            stopped.set()
+        return SimpleNamespace(running=not stopped.is_set(), elapsed_seconds=1.0, errors=[], crash_count=0, era="1",
+                               n_jobs=1, memory_usage_mb=1.0, error_code=None, recovery_advice=None)
+
+    thread = live.publish(SimpleNamespace(status=status), tracker._data_dir, interval=0.01)
+    thread.join(timeout=30)
+    assert not thread.is_alive() and len(calls) == 3
+    assert live.read_published(tracker._data_dir)["running"] is False
