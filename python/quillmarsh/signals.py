@@ -169,37 +169,31 @@ def load_signals(conn: sqlite3.Connection, *, statuses: Iterable[str] | None = N
     tables = {row[0] for row in conn.execute("SELECT name FROM sqlite_master WHERE type='table'")}
     if "signal_evaluations" not in tables:
         return []
-    status_cols = _columns(conn, "submission_status") if "submission_status" in tables else set()
-    wanted = {"status", "submission_id", "submitted_at", "finalized_at", "is_stats_json", "is_correlation",
-              "rejection_reason"}
-    # The newest status row of each evaluation: a signal re-sent after a lost answer has more than one.
-    if {"eval_id", "status_id"} <= status_cols:
-        picked = ", ".join(f"s.{c}" if c in status_cols else f"NULL AS {c}" for c in sorted(wanted))
-        status_join = (f"LEFT JOIN (SELECT {picked}, s.eval_id AS s_eval_id FROM submission_status s "
-                       "JOIN (SELECT MAX(status_id) AS last_id FROM submission_status GROUP BY eval_id) last "
-                       "ON s.status_id = last.last_id) st ON st.s_eval_id = e.eval_id")
-        status_select = ", ".join(f"st.{c}" for c in sorted(wanted))
-    else:
-        status_join, status_select = "", ", ".join("NULL" for _ in wanted)
-    # Grouped once and joined, rather than a lookup per row: the queue tables have no index on eval_id.
+    # Where each evaluation's submission stands, read once per table and merged here: the submission tables
+    # are small beside the evaluations, and have no index on eval_id to join through.
+    wanted = ("status", "submission_id", "submitted_at", "finalized_at", "is_stats_json", "is_correlation",
+              "rejection_reason")
+    answers: dict[str, dict] = {}
+    if "submission_status" in tables:
+        status_cols = _columns(conn, "submission_status")
+        if {"eval_id", "status_id"} <= status_cols:
+            picked = ", ".join(c if c in status_cols else "NULL" for c in wanted)
+            for eval_id, *values in conn.execute(
+                    f"SELECT eval_id, {picked} FROM submission_status ORDER BY status_id"):
+                answers[str(eval_id)] = dict(zip(wanted, values))  # the newest row of a re-sent signal wins
+    queued: set[str] = set()
     if "submission_queue" in tables:
-        queued = "q.queued"
-        status_join += (" LEFT JOIN (SELECT eval_id AS q_eval_id, 1 AS queued FROM submission_queue "
-                        "GROUP BY eval_id) q ON q.q_eval_id = e.eval_id")
-    else:
-        queued = "0"
+        queued = {str(e) for (e,) in conn.execute("SELECT DISTINCT eval_id FROM submission_queue")}
+    retries: dict[str, int] = {}
     if "submission_retry" in tables:
-        retry = "r.retry_count"
-        status_join += (" LEFT JOIN (SELECT eval_id AS r_eval_id, MAX(retry_count) AS retry_count "
-                        "FROM submission_retry GROUP BY eval_id) r ON r.r_eval_id = e.eval_id")
-    else:
-        retry = "NULL"
+        retries = {str(e): int(n or 0) for e, n in conn.execute(
+            "SELECT eval_id, MAX(retry_count) FROM submission_retry GROUP BY eval_id")}
+    no_answer = dict.fromkeys(wanted)
     ev_cols = _columns(conn, "signal_evaluations")
     metric_cols = ("sharpe", "quality_score", "returns", "turnover", "drawdown", "is_pnl_mi", "pool_id",
                    "metaparameters_json")
     metrics = ", ".join(f"e.{c}" if c in ev_cols else "NULL" for c in metric_cols)
-    sql = (f"SELECT e.eval_id, e.graph_json, e.created_at, {metrics}, {queued}, {retry}, {status_select} "
-           f"FROM signal_evaluations e {status_join} WHERE e.passed = 1")
+    sql = f"SELECT e.eval_id, e.graph_json, e.created_at, {metrics} FROM signal_evaluations e WHERE e.passed = 1"
     params: list[Any] = []
     if since is not None:
         sql += " AND e.created_at >= ?"
@@ -212,18 +206,20 @@ def load_signals(conn: sqlite3.Connection, *, statuses: Iterable[str] | None = N
     keep = None if statuses is None else set(statuses)
     found: list[Signal] = []
     for row in conn.execute(sql, params):
-        (eval_id, graph_json, created_at, sharpe, fitness, returns, turnover, drawdown, mi, pool_id, meta_json,
-         in_queue, retry_count, *status_values) = row
-        st = dict(zip(sorted(wanted), status_values))
+        (eval_id, graph_json, created_at, sharpe, fitness, returns, turnover, drawdown, mi, pool_id,
+         meta_json) = row
+        eval_id = str(eval_id)
+        st = answers.get(eval_id, no_answer)
+        retry_count = retries.get(eval_id)
         service_status = st["status"]
-        group = status_group(service_status, bool(in_queue), retry_count is not None)
+        group = status_group(service_status, eval_id in queued, retry_count is not None)
         try:
             graph = json.loads(graph_json) if graph_json else None
         except ValueError:
             graph = graph_json
         os_stats = _json_map(st["is_stats_json"])
         found.append(Signal(
-            eval_id=str(eval_id), expression=format_expression(graph), created_at=float(created_at),
+            eval_id=eval_id, expression=format_expression(graph), created_at=float(created_at),
             sharpe=_float(sharpe), fitness=_float(fitness), returns=_float(returns), turnover=_float(turnover),
             drawdown=_float(drawdown), is_pnl_mi=_float(mi), pool_id=pool_id, status=group,
             submission_status=service_status, submission_id=st["submission_id"],
@@ -232,7 +228,7 @@ def load_signals(conn: sqlite3.Connection, *, statuses: Iterable[str] | None = N
             os_fitness=_first_number(os_stats, "fitness", "quality_score"),
             os_returns=_first_number(os_stats, "returns"), os_turnover=_first_number(os_stats, "turnover"),
             os_correlation=_float(st["is_correlation"]), rejection_reason=st["rejection_reason"],
-            retry_count=None if retry_count is None else int(retry_count), graph=graph,
+            retry_count=retry_count, graph=graph,
             metaparameters=_json_map(meta_json) or None))
     if distinct:
         first: dict[str, int] = {}
