@@ -54,6 +54,7 @@ class Snapshot:
     retrying: int
     errors: list[str] = dataclasses.field(default_factory=list)
     crash_count: int = 0
+    discarded: int = 0             # submissions given up (known to the search's own process only)
     threads: dict[str, str] = dataclasses.field(default_factory=dict)   # name -> "ok" or what is wrong
     best: list[dict] = dataclasses.field(default_factory=list)
     era: str | None = None
@@ -207,7 +208,8 @@ class HandleSource:
         snap = Snapshot(
             at=now, running=bool(status.running), elapsed=float(status.elapsed_seconds), evaluated=evaluated,
             rate=self._rate.add(time.monotonic(), evaluated), passed=passed, **self.counter.submissions(),
-            errors=list(status.errors), crash_count=int(status.crash_count), threads=handle_threads(self.handle),
+            errors=list(status.errors), crash_count=int(status.crash_count),
+            discarded=int(getattr(status, "submission_discarded", 0) or 0), threads=handle_threads(self.handle),
             best=self.counter.best(), era=status.era or None, n_jobs=int(status.n_jobs),
             memory_mb=float(status.memory_usage_mb), error_code=error_code or status.error_code,
             recovery_advice=advice or status.recovery_advice)
@@ -319,8 +321,8 @@ class DirectorySource:
         if published is not None:
             snap.running = bool(published.get("running"))
             snap.elapsed = published.get("elapsed")
-            for name in ("errors", "crash_count", "threads", "era", "n_jobs", "memory_mb", "error_code",
-                         "recovery_advice"):
+            for name in ("errors", "crash_count", "discarded", "threads", "era", "n_jobs", "memory_mb",
+                         "error_code", "recovery_advice"):
                 if published.get(name) is not None:
                     setattr(snap, name, published[name])
         return snap
@@ -382,7 +384,8 @@ def render(snap: Snapshot) -> Any:
                  Text.assemble(("pending ", "dim"), (str(snap.pending), "bold yellow")),
                  Text.assemble(("rejected ", "dim"), (str(snap.rejected), "bold red")))
     grid.add_row(Text.assemble(("queued ", "dim"), (str(snap.queued), "")),
-                 Text.assemble(("retrying ", "dim"), (str(snap.retrying), "")),
+                 Text.assemble(("retrying ", "dim"), (str(snap.retrying), ""),
+                               (f"  discarded {snap.discarded}" if snap.discarded else "", "red")),
                  Text.assemble(("errors ", "dim"), (str(len(snap.errors)), "bold red" if snap.errors else "")),
                  Text.assemble(("crashes ", "dim"), (str(snap.crash_count), "")))
     threads = Text("threads ", style="dim")
