@@ -331,14 +331,25 @@ def plain_table(rows: Sequence[Sequence[Any]], headers: Sequence[str]) -> str:
     return "\n".join([line(headers), line(["-" * w for w in widths])] + [line(r) for r in rows])
 
 
+def _strict_json(value: Any) -> Any:
+    """``value`` with every non-finite float as its text ("nan", "inf"), so that the output is strict JSON."""
+    if isinstance(value, float) and not math.isfinite(value):
+        return repr(value)
+    if isinstance(value, dict):
+        return {k: _strict_json(v) for k, v in value.items()}
+    if isinstance(value, list):
+        return [_strict_json(v) for v in value]
+    return value
+
+
 def write_signals(signals: Sequence[Signal], fmt: str, out: IO[str]) -> None:
     """Write ``signals`` to ``out`` as "table", "csv" or "json"."""
     if fmt == "json":
         records = []
         for s in signals:
             record = s.record()
-            record["graph"] = s.graph
-            record["metaparameters"] = s.metaparameters
+            record["graph"] = _strict_json(s.graph)
+            record["metaparameters"] = _strict_json(s.metaparameters)
             records.append(record)
         json.dump(records, out, indent=1, allow_nan=False, default=str)
         out.write("\n")

@@ -151,3 +151,15 @@ def test_a_store_from_before_the_submission_tables_reads_as_unsent(tmp_path):
     found = signals.load_signals(conn)
     assert [(s.eval_id, s.status, s.fitness, s.os_sharpe) for s in found] == [("b", "unsent", None, None),
                                                                               ("a", "unsent", None, None)]
+
+
+def test_json_stays_strict_with_a_non_finite_constant_in_a_graph(tmp_path):
+    conn = sqlite3.connect(tmp_path / "s.db")
+    conn.execute("CREATE TABLE signal_evaluations (eval_id TEXT, graph_json TEXT, passed INTEGER, sharpe REAL, "
+                 "created_at REAL)")
+    graph = '{"type": "rotation", "node": "add", "children": [{"type": "float", "node": NaN}]}'
+    conn.execute("INSERT INTO signal_evaluations VALUES ('a', ?, 1, NULL, 1.0)", (graph,))
+    out = io.StringIO()
+    signals.write_signals(signals.load_signals(conn), "json", out)
+    record, = json.loads(out.getvalue(), parse_constant=lambda c: pytest.fail(f"non-strict JSON: {c}"))
+    assert record["graph"]["children"][0]["node"] == "nan" and record["sharpe"] is None
