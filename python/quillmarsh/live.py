@@ -67,10 +67,6 @@ class Snapshot:
     def pass_share(self) -> float:
         return self.passed / self.evaluated if self.evaluated else 0.0
 
-    @property
-    def healthy(self) -> bool:
-        return all(state == "ok" for state in self.threads.values())
-
 
 class Source(Protocol):
     def snapshot(self) -> Snapshot: ...

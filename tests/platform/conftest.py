@@ -8,7 +8,7 @@ import time
 
 import pytest
 
-SEARCH_SECONDS = 30.0   # the most a short search may take to find its signals
+SEARCH_SECONDS = 90.0   # the most a short search may take to find its signals
 WANTED_PASSES = 6      # four get an answer or a retry below; the rest stay queued
 
 
