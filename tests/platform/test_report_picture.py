@@ -45,3 +45,10 @@ def test_rejection_counts_add_up_to_the_failed_evaluations(searched_dir):
         failed = conn.execute("SELECT COUNT(*) FROM signal_evaluations WHERE passed = 0").fetchone()[0]
     assert sum(n for _, n in counts) == failed and counts
     assert [n for _, n in counts] == sorted((n for _, n in counts), reverse=True)
+
+
+def test_a_store_where_nothing_passed_still_gets_its_picture(tmp_path):
+    path = report.draw_report(tmp_path / "empty.svg", [], [], [])
+    assert path.read_bytes().startswith(b"<?xml") and b"no signal passed" in path.read_bytes()
+    with pytest.raises(ValueError, match="must be .png or .svg"):
+        report.draw_report(tmp_path / "empty.gif", [], [], [])
