@@ -113,6 +113,14 @@ def _progress_text(status, found: int, baseline: int = 0) -> str:
     return text
 
 
+def submission_text(status) -> str:
+    """What became of the signals sent to the signal service, from a search's status."""
+    judged = status.submission_accepted + status.submission_rejected
+    return (f"Signals sent to the service: {status.total_found}; pending {status.submission_pending}, "
+            f"judged {judged} (accepted {status.submission_accepted}, rejected {status.submission_rejected}), "
+            f"retrying {status.submission_retrying}")
+
+
 def _watch(handle, seconds: float, found, out) -> object:
     """Follow the search for `seconds`, refreshing a live line on a terminal and printing plain lines
     otherwise; returns the last status. `found()` counts the signals that passed so far: the handle's own
@@ -238,6 +246,8 @@ def run_demo(args, out=None) -> dict:
         handle.stop()
     if status.error_code:
         print(f"The search stopped: {status.error_code}: {status.recovery_advice}", file=out)
+    else:
+        print(submission_text(handle.status()), file=out)
     plot_path = Path(args.plot) if args.plot else local.data_dir / "best_signals.png"
     return summarise(conn, started, local.evaluator, plot_path, out)
 

@@ -87,8 +87,6 @@ public:
     void drop_replacement_aborted_payload(py::object payload, py::object journal_key);
 
     // ---- hand-over points of the submission pipeline ----
-    void submission_loop();
-    void polling_loop();
     bool flush_pending_receipt_finalizations();
     void update_submission_counts();
     void rewrite_receipt_journal_without(py::object completed_key);

@@ -1,31 +1,13 @@
 // Hand-over points between the search engine and the submission pipeline.
 //
-// The engine starts the submission and polling threads, and stop, abort and status() call the receipt
-// operations below. Until the submission pipeline's own behaviour lands (claims and leases, the retry store,
-// the receipt journal, finalisation, the submission and polling loops), each body here does the least that
-// keeps the engine's side of the contract. Each says which behaviour will replace it.
+// Stop, abort and status() call the receipt operations below. Until the submission pipeline's own
+// behaviour lands (claims and leases, the retry store, the receipt journal, finalisation), each body here
+// does the least that keeps the engine's side of the contract. Each says which behaviour will replace it.
 #include "common/constants.hpp"
 #include "common/py_helpers.hpp"
 #include "engine/search_handle.hpp"
 
 namespace quillmarsh::st {
-
-namespace {
-
-bool event_is_set(const py::object& event) { return truthy(event.attr("is_set")()); }
-
-// Waits until the stop event is set, in steps of the given interval, and ends.
-void wait_for_stop(SearchHandle& h, double interval) {
-    while (!event_is_set(h._stop_event)) SearchHandle::interruptible_wait(h._stop_event, interval);
-}
-
-}  // namespace
-
-// Filled by the submission loop: claim, send under the start guard, record, retry with back-off.
-void SearchHandle::submission_loop() { wait_for_stop(*this, SUBMISSION_POLL_INTERVAL); }
-
-// Filled by status polling: ask the service about each pending id until a terminal status.
-void SearchHandle::polling_loop() { wait_for_stop(*this, POLLING_INTERVAL); }
 
 // Filled by receipt finalisation: records receipts still waiting for their transaction, then replays the
 // receipt journal. Nothing can be waiting before the submission loop sends, so nothing blocks new work.

@@ -147,8 +147,6 @@ void bind_handle(py::module_& m) {
             py::arg("journal_key") = py::none());
 
     // Hand-over points of the submission pipeline.
-    cls.def("_submission_loop", &Handle::submission_loop);
-    cls.def("_polling_loop", &Handle::polling_loop);
     cls.def("_flush_pending_receipt_finalizations", &Handle::flush_pending_receipt_finalizations);
     cls.def("_update_submission_counts", &Handle::update_submission_counts);
     cls.def("_rewrite_receipt_journal_without", &Handle::rewrite_receipt_journal_without, py::arg("completed_key"));
