@@ -38,6 +38,17 @@ def queue_signal(h, **extra):
     return eval_id
 
 
+def pending_submission(h, submission_id="sub-1"):
+    """A receipt already recorded: its submission_status row and its in-memory pending entry."""
+    with h._tracker_write_lock:
+        h._tracker._conn.execute(
+            "INSERT INTO submission_status (eval_id, eval_type, pool_id, submission_id, sim_id, era_id, status, "
+            "submitted_at) VALUES (?, 'signal', 'pool-a', ?, NULL, 3, 'pending', 1.0)", ("e-" + submission_id,
+                                                                                      submission_id))
+    h._pending_submissions[submission_id] = dict(submission_id=submission_id, submission_type="signal",
+                                                 eval_id="e-" + submission_id, era_id=3, sim_id=None)
+
+
 def rows(h, sql, *params):
     with h._tracker_write_lock:
         return h._tracker._conn.execute(sql, params).fetchall()

@@ -7,7 +7,7 @@ import pytest
 import quillmarsh.search_templates as st
 from engine.helpers import ERA_FIELDS, VOCAB, FakeAuth, FakeEraConfig, Obfuscation, idle_template
 from evaluation.fakes import FakeBacktester, RecordingTracker
-from submission.loop_helpers import quiet_handle, queue_signal, rows, run_thread, wait_until  # noqa: F401
+from submission.loop_helpers import pending_submission, quiet_handle, rows, run_thread, wait_until  # noqa: F401
 from submission.scripted_service import DROP
 from submission.service_fixtures import server_url, service  # noqa: F401  (fixtures)
 
@@ -36,8 +36,7 @@ def observed(h):
 ])
 def test_each_answer_to_a_poll_is_written_and_judged(quiet_handle, service, answer, forget, expected, error):
     h = quiet_handle
-    queue_signal(h)
-    h._submit_payload(h._dequeue_submission_payload())
+    pending_submission(h)
     if forget:  # a restarted process knows the id from the store alone
         h._pending_submissions.clear()
     errors_before = list(h._errors)
@@ -54,8 +53,7 @@ def test_each_answer_to_a_poll_is_written_and_judged(quiet_handle, service, answ
 
 def test_a_good_answer_after_an_outage_resets_the_pause(quiet_handle, service):
     h = quiet_handle
-    queue_signal(h)
-    h._submit_payload(h._dequeue_submission_payload())
+    pending_submission(h)
     service.script("poll", (503, {}), (503, {}))
     poller = run_thread(h._polling_loop, "polling_thread")
     for seconds in (10.0, 20.0):
@@ -72,7 +70,7 @@ def test_pending_items_merge_the_store_and_the_memory(quiet_handle):
     with h._tracker_write_lock:
         h._tracker._conn.execute(
             "INSERT INTO submission_status (eval_id, eval_type, pool_id, submission_id, sim_id, era_id, status, "
-            "submitted_at) VALUES ('e1', 'signal', 'pool-a', 'both', NULL, NULL, 'pending', 1.0), "
+            "submitted_at) VALUES ('e1', 'signal', 'pool-a', 'both', NULL, 4, 'pending', 1.0), "
             "('e2', 'signal', 'pool-a', 'store-only', 's2', 5, 'pending', 2.0)")
     h._pending_submissions["both"] = dict(submission_id="both", submission_type="signal", eval_id="e1", era_id=3,
                                           sim_id="s1")
