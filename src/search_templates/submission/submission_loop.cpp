@@ -2,12 +2,14 @@
 #include "common/constants.hpp"
 #include "common/py_helpers.hpp"
 #include "engine/search_handle.hpp"
+#include "submission/direct_submission.hpp"
 #include "submission/submission_loops.hpp"
 #include "submission/submission_store.hpp"
 
 #include <algorithm>
 #include <exception>
 #include <string>
+#include <string_view>
 
 namespace quillmarsh::st {
 
@@ -170,8 +172,8 @@ py::object ensure_submission_idempotency_key(py::object payload) {
     py::object existing = get(payload, "idempotency_key");
     if (truthy(existing)) return existing;
     py::dict body;
-    for (const char* key : {"graph", "universe_id", "signal_pool_id", "is_stats", "is_pnl_mi", "metaparameters",
-                            "expression_elapsed_seconds", "search_state"}) {
+    for (const char* key : SIGNAL_SUBMIT_KWARGS) {
+        if (std::string_view(key) == "idempotency_key") continue;
         py::str k(key);
         if (py_contains(payload, k)) body[k] = payload[k];
     }
