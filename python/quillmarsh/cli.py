@@ -246,29 +246,21 @@ def run_demo(args, out=None) -> dict:
     conn = _open_store(local.data_dir)
     found = lambda: conn.execute(  # noqa: E731
         "SELECT COUNT(*) FROM signal_evaluations WHERE passed = 1 AND created_at >= ?", (started,)).fetchone()[0]
-    from quillmarsh import agent_onboarding
-    from quillmarsh.local.service import ServiceConfig, report, running_service
+    from quillmarsh.local.service import start_demo_service
 
-    service_config = ServiceConfig(n_instruments=args.instruments, n_days=args.days, seed=args.seed,
-                                   review_delay_seconds=1.0)
-    with running_service(local.data_dir, config=service_config) as service:
-        previous_url, agent_onboarding._config["server_url"] = agent_onboarding._config.get("server_url"), service.url
-        print(f"Signal service listening on {service.url}", file=out, flush=True)
-        try:
-            handle = st.search(st.random_weighted, n_jobs=args.jobs)
-            try:
-                status = _watch(handle, args.minutes * 60.0, found, out)
-            finally:
-                handle.stop()
-            if status.error_code:
-                print(f"The search stopped: {status.error_code}: {status.recovery_advice}", file=out)
-            else:
-                print(submission_text(handle.status()), file=out)
-            plot_path = Path(args.plot) if args.plot else local.data_dir / "best_signals.png"
-            result = summarise(conn, started, local.evaluator, plot_path, out)
-            result["service"] = report.report_to(out, local.data_dir, service.url, started)
-        finally:
-            agent_onboarding._config["server_url"] = previous_url
+    service = start_demo_service(local.data_dir, args.instruments, args.days, args.seed, out)
+    handle = st.search(st.random_weighted, n_jobs=args.jobs)
+    try:
+        status = _watch(handle, args.minutes * 60.0, found, out)
+    finally:
+        handle.stop()
+    if status.error_code:
+        print(f"The search stopped: {status.error_code}: {status.recovery_advice}", file=out)
+    else:
+        print(submission_text(handle.status()), file=out)
+    plot_path = Path(args.plot) if args.plot else local.data_dir / "best_signals.png"
+    result = summarise(conn, started, local.evaluator, plot_path, out)
+    result["service"] = service.finish(out, started)
     return result
 
 
