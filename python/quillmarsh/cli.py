@@ -98,6 +98,14 @@ def _number(value, digits=3) -> str:
     return "-" if value is None else f"{value:.{digits}f}"
 
 
+def submission_text(status) -> str:
+    """What became of the signals sent to the signal service, from a search's status."""
+    judged = status.submission_accepted + status.submission_rejected
+    return (f"Signals sent to the service: {status.total_found}; pending {status.submission_pending}, "
+            f"judged {judged} (accepted {status.submission_accepted}, rejected {status.submission_rejected}), "
+            f"retrying {status.submission_retrying}")
+
+
 # ----- summary ------------------------------------------------------------------------------------------
 
 def outcome_counts(conn, since: float) -> list:
@@ -192,6 +200,8 @@ def run_demo(args, out=None) -> dict:
     snap = _follow_search(handle, conn, local.data_dir, args.minutes * 60.0, out)
     if snap.error_code:
         print(f"The search stopped: {snap.error_code}: {snap.recovery_advice}", file=out)
+    else:
+        print(submission_text(handle.status()), file=out)
     plot_path = Path(args.plot) if args.plot else local.data_dir / "best_signals.png"
     result = summarise(conn, started, local.evaluator, plot_path, out)
     result["service"] = service.finish(out, started)
