@@ -1,6 +1,7 @@
 # `make test`  : create .venv if missing, (re)build and install the package with its test extras, run pytest
 # `make demo`  : the same set-up, then run the main job on the embedded local platform
 # `make bench` : the same set-up, then run the benchmarks under benchmarks/
+# `make chaos` : the same set-up, then the kill-injection crash harness (50 trials)
 PYTHON ?= python3
 VENV   := .venv
 VPY    := $(VENV)/bin/python
@@ -11,7 +12,7 @@ BUILD_INPUTS := CMakeLists.txt pyproject.toml \
 	$(shell find src -name '*.cpp' -o -name '*.hpp' -o -name 'CMakeLists.txt' 2>/dev/null) \
 	$(shell find python -name '*.py' 2>/dev/null)
 
-.PHONY: test demo bench build clean
+.PHONY: test demo bench chaos build clean
 
 test: $(VENV)/.installed
 	$(VPY) -m pytest $(PYTEST_ARGS)
@@ -20,6 +21,10 @@ build: $(VENV)/.installed
 
 demo: $(VENV)/.installed
 	$(VENV)/bin/quillmarsh demo --minutes 1 --jobs $(JOBS)
+
+# Kill the search and the signal service at random, 50 times, and count what was lost (several minutes).
+chaos: $(VENV)/.installed
+	$(VPY) benchmarks/crash_harness.py --trials 50
 
 bench: $(VENV)/.installed
 	@set -e; for b in benchmarks/bench_*.py; do \
