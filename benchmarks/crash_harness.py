@@ -83,6 +83,8 @@ def child_main(args) -> int:
     tmp.write_text(json.dumps(era, sort_keys=True, indent=1))
     os.replace(tmp, era_path)
 
+    if args.child == "setup":
+        return 0
     agent_onboarding._config["server_url"] = args.server_url
     # A dead owner's claims come back within seconds instead of five minutes.
     st.SUBMISSION_QUEUE_LEASE_SECONDS = args.lease
@@ -153,10 +155,13 @@ class Proc:
 
 
 def service_argv(args, data_dir: Path, port: int, faults: bool) -> list:
-    argv = [sys.executable, "-m", "quillmarsh.cli", "serve", "--data-dir", str(data_dir), "--port", str(port),
-            "--review-seconds", "0.5"]
+    # The service shares the platform's data directory (its account, its market); it keeps its own store there.
+    # --no-sync: accepted signals are not fed back into the era, so the era stays the harness's loose one.
+    argv = [sys.executable, "-m", "quillmarsh.local.service", "--data-dir", str(data_dir), "--port", str(port),
+            "--review-delay", "0.5", "--instruments", str(args.instruments), "--days", str(args.days),
+            "--seed", str(args.market_seed), "--no-sync"]
     if faults:
-        argv += ["--fail-rate", str(args.fail_rate), "--drop-rate", str(args.drop_rate)]
+        argv += ["--error-rate", str(args.fail_rate), "--drop-rate", str(args.drop_rate)]
     return argv
 
 
@@ -233,9 +238,7 @@ def drained(store: Store, data_dir: Path) -> tuple[bool, str]:
 
 def service_submissions(service_dir: Path) -> list:
     """(submission_id, idempotency_key) of every submission the service holds."""
-    from quillmarsh.local.service.store import SERVICE_DB_FILE_NAME
-
-    conn = sqlite3.connect(f"file:{service_dir / SERVICE_DB_FILE_NAME}?mode=ro", uri=True, timeout=30.0)
+    conn = sqlite3.connect(f"file:{service_dir / _service_db_name()}?mode=ro", uri=True, timeout=30.0)
     try:
         return conn.execute("SELECT submission_id, idempotency_key FROM submissions").fetchall()
     finally:
@@ -311,9 +314,8 @@ def run(args) -> int:
     started = time.monotonic()
     rng = random.Random(args.seed)
     root = Path(args.workdir or tempfile.mkdtemp(prefix="qm-chaos-"))
-    args.search_dir, args.service_dir = root / "search", root / "service"
+    args.search_dir = args.service_dir = root / "platform"
     args.search_dir.mkdir(parents=True, exist_ok=True)
-    args.service_dir.mkdir(parents=True, exist_ok=True)
     port = _free_port()
     url = f"http://127.0.0.1:{port}"
     env = dict(os.environ)
@@ -327,6 +329,8 @@ def run(args) -> int:
     child = Proc("search", child_argv(args, "search", url), root / "search.log", env)
     store = Store(args.search_dir, args.database_url)
     kills = {"search": 0, "service": 0, "window": 0}
+    # The market, the era and the account exist before the service that judges on them starts.
+    subprocess.run(child_argv(args, "setup", url), check=True, env=env, stdout=subprocess.DEVNULL)
     try:
         service.start()
         if not _wait_port(port, 60):
@@ -416,9 +420,9 @@ def run(args) -> int:
 
 
 def _service_db_name() -> str:
-    from quillmarsh.local.service.store import SERVICE_DB_FILE_NAME
+    from quillmarsh.local.service.store import DB_FILE_NAME
 
-    return SERVICE_DB_FILE_NAME
+    return DB_FILE_NAME
 
 
 def main(argv=None) -> int:
@@ -441,7 +445,7 @@ def main(argv=None) -> int:
     p.add_argument("--days", type=int, default=400)
     p.add_argument("--market-seed", type=int, default=7)
     p.add_argument("--verbose", action="store_true")
-    p.add_argument("--child", choices=("search", "drain"), help=argparse.SUPPRESS)
+    p.add_argument("--child", choices=("setup", "search", "drain"), help=argparse.SUPPRESS)
     p.add_argument("--data-dir", help=argparse.SUPPRESS)
     p.add_argument("--server-url", help=argparse.SUPPRESS)
     args = p.parse_args(argv)
