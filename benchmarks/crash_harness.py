@@ -58,13 +58,14 @@ LOOSE_THRESHOLDS = {
 # ----- the child: one search process --------------------------------------------------------------------
 
 def _idle_template(ctx):
-    """Evaluates nothing and never runs dry: a search that only sends, retries and polls."""
+    """Finds nothing: a search that only sends, retries and polls. Every fifth of a second it yields a graph
+    over a feature that does not exist, which is rejected at once and gives the worker its turn to see a
+    stop (a template that never yields could never be stopped)."""
     import time as _time
 
     while True:
         _time.sleep(0.2)
-        if False:  # pragma: no cover - makes this a generator
-            yield None
+        yield {"type": "feature", "node": "harness_idle_no_such_feature"}
 
 
 def child_main(args) -> int:
