@@ -2,6 +2,7 @@
 # `make demo`  : the same set-up, then run the main job on the embedded local platform
 # `make bench` : the same set-up, then run the benchmarks under benchmarks/
 # `make stubs` : regenerate the type stubs of the native modules from the built modules (kept in git)
+# `make chaos` : the same set-up, then the kill-injection crash harness (50 trials)
 PYTHON ?= python3
 VENV   := .venv
 VPY    := $(VENV)/bin/python
@@ -12,7 +13,7 @@ BUILD_INPUTS := CMakeLists.txt pyproject.toml \
 	$(shell find src -name '*.cpp' -o -name '*.hpp' -o -name 'CMakeLists.txt' 2>/dev/null) \
 	$(shell find python -name '*.py' 2>/dev/null)
 
-.PHONY: test demo bench build clean stubs
+.PHONY: test demo bench chaos build clean stubs
 
 test: $(VENV)/.installed
 	$(VPY) -m pytest $(PYTEST_ARGS)
@@ -21,6 +22,10 @@ build: $(VENV)/.installed
 
 demo: $(VENV)/.installed
 	$(VENV)/bin/quillmarsh demo --minutes 1 --jobs $(JOBS)
+
+# Kill the search and the signal service at random, 50 times, and count what was lost (several minutes).
+chaos: $(VENV)/.installed
+	$(VPY) benchmarks/crash_harness.py --trials 50
 
 bench: $(VENV)/.installed
 	@set -e; for b in benchmarks/bench_*.py; do \
