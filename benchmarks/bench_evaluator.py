@@ -67,7 +67,7 @@ def expressions(evaluator):
 
 
 def count_nodes(graph):
-    if graph["type"] == "feature":
+    if graph["type"] not in ("rotation", "filtration", "reduction"):  # features and configuration values
         return 0, 0
     info = FUNCTIONS[graph["node"]]
     ops, reads = 1, len(info.data_inputs) + 1

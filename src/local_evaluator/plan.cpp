@@ -15,7 +15,7 @@ constexpr double kNaN = std::numeric_limits<double>::quiet_NaN();
 
 // ----- the plan ----------------------------------------------------------------------------------------
 
-void Plan::finish() {
+void Plan::finish(bool blocked) {
   const size_t K = nodes.size();
   std::vector<int> consumers(K, 0);
   std::vector<char> read_whole(K, 0);
@@ -28,7 +28,7 @@ void Plan::finish() {
     }
   }
   for (size_t i = 0; i < K; ++i)
-    nodes[i].whole = !blockable(nodes[i].kind) || i + 1 == K || consumers[i] > 1 || read_whole[i];
+    nodes[i].whole = !blocked || !blockable(nodes[i].kind) || i + 1 == K || consumers[i] > 1 || read_whole[i];
 }
 
 // ----- the cache ---------------------------------------------------------------------------------------
@@ -173,8 +173,9 @@ void reduce_rows(ReduceOp op, const double* x, double* o, size_t T, size_t N) {
       if (m == 0) {
         agg = kNaN;
       } else {
-        std::sort(tmp.begin(), tmp.begin() + std::ptrdiff_t(m));
-        agg = m % 2 ? tmp[m / 2] : (tmp[m / 2 - 1] + tmp[m / 2]) / 2.0;
+        const auto mid = tmp.begin() + std::ptrdiff_t(m / 2);
+        std::nth_element(tmp.begin(), mid, tmp.begin() + std::ptrdiff_t(m));
+        agg = m % 2 ? *mid : (*std::max_element(tmp.begin(), mid) + *mid) / 2.0;
       }
     } else {
       for (size_t n = 0; n < N; ++n) {

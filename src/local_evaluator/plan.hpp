@@ -48,7 +48,9 @@ struct PlanNode {
 
 struct Plan {
   std::vector<PlanNode> nodes;  // post-order; the last is the root
-  void finish();                // consumers, and which nodes are whole panels
+  // Which nodes are whole panels: all of them unless `blocked`, else those that leave a run of blockable
+  // operators (read by a whole-panel operator or by more than one operator, or the root).
+  void finish(bool blocked);
   static bool blockable(OpKind k) {
     return k == OpKind::ts || k == OpKind::ts2 || k == OpKind::unary || k == OpKind::binary;
   }

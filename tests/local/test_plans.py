@@ -72,7 +72,7 @@ def evaluator():
 def test_plans_give_the_bits_of_the_per_operator_path(evaluator, block):
     reference = per_node(evaluator)
     rng = random.Random(block)
-    evaluator._engine.block = block
+    default, evaluator._engine.block = evaluator._engine.block, block
     kinds = set()
     try:
         for _ in range(120):
@@ -83,7 +83,7 @@ def test_plans_give_the_bits_of_the_per_operator_path(evaluator, block):
             if graph["type"] != "feature":
                 kinds.add(FUNCTIONS[graph["node"]].op)
     finally:
-        evaluator._engine.block = 16
+        evaluator._engine.block = default
     assert len(kinds) > 25  # the draws cover the operators
 
 
@@ -243,7 +243,7 @@ def test_two_threads_asking_for_one_subtree_get_one_computation():
     for t in threads:
         t.join(60)
     assert not errors and len(results) == 2
-    assert counts(e) == (1, 2)  # one thread computed the signal and what cs_zscore reads; the other waited
+    assert counts(e) == (1, 3)  # one thread computed the three panels; the other waited for the signal
     assert np.shares_memory(results[0], results[1])
 
 

@@ -27,6 +27,7 @@ Metrics over the in-sample days (the first 80%; the rest is held out), for each 
 """
 from __future__ import annotations
 
+import collections
 import hashlib
 import json
 import math
@@ -44,6 +45,7 @@ HALF_BOOK = 0.5
 MIN_TURNOVER = 0.125
 IN_SAMPLE_FRACTION = 0.8
 DEFAULT_CACHE_BYTES = 512 << 20
+BOOK_CACHE_ENTRIES = 2048
 DEFAULT_METAPARAMETERS = {"normalization": "zscore", "decay": 0, "truncation": 0.05}
 _GRAPH_KEYS = {"type", "node", "children"}
 _FUNCTION_TYPES = ("rotation", "filtration", "reduction")
@@ -190,6 +192,12 @@ class LocalEvaluator:
         self._tradable = np.maximum((~np.isnan(self._fwd)).sum(axis=1), 1).astype(np.float64)
         self._engine = _k.Engine(np.asarray(self.market.sector, dtype=np.int64), T, self.market.shape[1],
                                  cache_bytes)
+        # The book and statistics of recent signals, for graphs that come again: (root key, normalization,
+        # decay, truncation) -> what the native backtest returned. Bounded by count: each holds two daily
+        # series, so the bound costs at most BOOK_CACHE_ENTRIES x 2 x days x 8 bytes.
+        self._books: collections.OrderedDict = collections.OrderedDict()
+        self._book_lock = threading.Lock()
+        self._book_limit = BOOK_CACHE_ENTRIES if cache_bytes else 0
 
     # ----- era key material -------------------------------------------------------------------------
     def initialize_era_vault(self, shuffle_blob: bytes, wallet_secret: bytes, era_id: int) -> None:
@@ -348,13 +356,14 @@ class LocalEvaluator:
         info, data, config = self._check_node(node)
         return self._apply(info, [self._eval(c) for c in data], config)
 
-    def _signal(self, graph) -> np.ndarray:
+    def _signal(self, graph):
+        """The graph's signal and the canonical key of its root (None on the per-operator path)."""
         if self._per_node:
-            return self._eval(graph)
-        nodes, leaves, _key = self._compile(graph)
+            return self._eval(graph), None
+        nodes, leaves, key = self._compile(graph)
         if nodes is None:
-            return leaves
-        return self._engine.signal(nodes, leaves)
+            return leaves, key
+        return self._engine.signal(nodes, leaves), key
 
     def cache_info(self) -> dict:
         """The subtree cache: hits, misses, evictions, bytes held, entries, max_bytes, and hit_rate (hits
@@ -365,8 +374,10 @@ class LocalEvaluator:
         return info
 
     def cache_clear(self) -> None:
-        """Drop every cached panel (the hit and miss counts stay)."""
+        """Drop every cached panel and book (the hit and miss counts stay)."""
         self._engine.cache_clear()
+        with self._book_lock:
+            self._books.clear()
 
     def _apply(self, info: FunctionInfo, inputs: list, config: dict) -> np.ndarray:
         """Compute one function on its input panels, configuration values defaulting to the declared ones."""
@@ -432,7 +443,7 @@ class LocalEvaluator:
         following ``run_backtest``. Returns the signal panel."""
         self._check_universe(universe_id)
         self._check_graph(expr_graph)
-        signal = self._signal(expr_graph)
+        signal, self._tls.root = self._signal(expr_graph)
         self._tls.key = _graph_key(expr_graph)
         self._tls.signal = signal
         return signal
@@ -482,12 +493,27 @@ class LocalEvaluator:
             return stats
         meta = self._metaparameters(metaparameters, transform_pipeline)
         n = self.in_sample_days
-        gross, net, per_column, book = _k.backtest(
-            signal, self._fwd, str(meta["normalization"]), meta["decay"], meta["truncation"],
-            self._illiquid_flag(), self._tradable, n, self.cost)
+        norm = str(meta["normalization"])
+        root = getattr(self._tls, "root", None)
+        key = (root, norm, meta["decay"], meta["truncation"]) if root is not None and self._book_limit else None
+        with self._book_lock:
+            found = self._books.get(key) if key is not None else None
+            if found is not None:
+                self._books.move_to_end(key)
+        if found is None:
+            found = _k.backtest(signal, self._fwd, norm, meta["decay"], meta["truncation"],
+                                self._illiquid_flag(), self._tradable, n, self.cost)
+            for series in found[:2]:
+                series.setflags(write=False)
+            if key is not None:
+                with self._book_lock:
+                    self._books[key] = found
+                    while len(self._books) > self._book_limit:
+                        self._books.popitem(last=False)
+        gross, net, per_column, book = found
         pnl = {"gross_returns": gross[:n], "net_returns": net[:n]}
         self._tls.pnl = pnl
-        return self._stats(pnl, per_column, book, meta)
+        return self._stats(pnl, dict(per_column), book, meta)
 
     def _stats(self, pnl: dict, per_column: dict, book: dict, meta: dict) -> LocalBacktestStats:
         """The report of a backtest from its in-sample pnl, per-column metrics and book figures."""
@@ -615,7 +641,7 @@ class LocalEvaluator:
         if pool is None:
             raise ValueError(f"the era has no signal pool {pool_id!r}")
         self._check_graph(expr_graph)
-        s = self.pnl_series(self._signal(expr_graph), metaparameters)
+        s = self.pnl_series(self._signal(expr_graph)[0], metaparameters)
         entry = {c: s[c][: self.in_sample_days].copy() for c in PNL_COLUMNS}
         with self._pool_lock:
             self._pool_pnls[(pool["signal_pool_id"], signal_id)] = entry
