@@ -326,6 +326,18 @@ void run_segment(const Plan& plan, size_t root, const std::vector<const double*>
   }
 }
 
+// Whether a panel earns its place in the cache: a signal (whole graphs come again), or an operator that
+// costs more than the copy that writing its panel to the cache's cold memory amounts to. Element-wise
+// operators, delays and differences are recomputed from their inputs (which may be cached) instead.
+bool worth_keeping(const PlanNode& nd, bool root) {
+  if (root) return true;
+  switch (nd.kind) {
+    case OpKind::ts: return TsOp(nd.op) != TsOp::delay && TsOp(nd.op) != TsOp::delta;
+    case OpKind::unary: case OpKind::binary: case OpKind::filter: return false;
+    default: return true;
+  }
+}
+
 // Claims on the cache that are given up unless fulfilled (an exception on the way out of execute).
 struct Claims {
   SubtreeCache* cache;
@@ -351,7 +363,7 @@ PanelPtr execute(const Plan& plan, const std::vector<const double*>& leaves, con
   for (size_t i = K; i-- > 0;) {
     if (!needed[i]) continue;
     const PlanNode& nd = nodes[i];
-    if (nd.whole && cache) {
+    if (nd.whole && cache && worth_keeping(nd, i + 1 == K)) {
       switch (cache->lookup(nd.key, cells * sizeof(double), claims.open.empty(), panel[i])) {
         case SubtreeCache::Got::hit: hit[i] = 1; break;
         case SubtreeCache::Got::claimed:
