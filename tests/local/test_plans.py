@@ -285,3 +285,21 @@ def test_malformed_plans_are_refused(evaluator, nodes, message):
     leaf = evaluator._feature(evaluator.feature_name("ret_5"))
     with pytest.raises(ValueError, match=message):
         evaluator._engine.signal(nodes, [leaf])
+
+
+def test_a_repeated_graph_reuses_its_book_only_under_the_same_metaparameters():
+    e = small_evaluator()
+    reference = per_node(e)
+    graph = graph_of(e)
+    metas = [None, {"normalization": "rank"}, None, {"decay": 3}, {"normalization": "rank"}]
+    for meta in metas:
+        reference.evaluate_expression(graph)
+        want = reference.run_backtest(graph, metaparameters=meta)
+        e.evaluate_expression(reordered(graph))
+        got = e.run_backtest(graph, metaparameters=meta)
+        for name, value in vars(want).items():
+            _close(getattr(got, name), value, name)
+    assert len(e._books) == 3
+    got.per_column_stats["gross_returns_sharpe"] = 99.0  # a caller's change stays with the caller
+    e.evaluate_expression(graph)
+    assert e.run_backtest(graph, metaparameters=metas[-1]).per_column_stats["gross_returns_sharpe"] != 99.0
