@@ -40,24 +40,42 @@ SubtreeCache::Got SubtreeCache::lookup(const std::string& key, size_t bytes, boo
     ++misses_;
     return Got::uncached;
   }
+  std::uint64_t waiting_on = 0;  // the entry this thread counts itself a waiter of (ids start at 1)
   for (;;) {
     auto it = map_.find(key);
     if (it == map_.end()) {
-      map_.emplace(key, Entry{nullptr, lru_.end()});
+      const bool keep = seen_.count(key) > 0;
+      if (!keep) remember_locked(key);
+      map_.emplace(key, Entry{nullptr, lru_.end(), keep, 0, ++next_id_});
       ++misses_;
       return Got::claimed;
     }
-    if (it->second.panel) {
+    Entry& e = it->second;
+    if (e.panel) {
       ++hits_;
-      lru_.splice(lru_.begin(), lru_, it->second.lru);
-      out = it->second.panel;
+      out = e.panel;
+      if (e.keep) lru_.splice(lru_.begin(), lru_, e.lru);
+      else if (waiting_on == e.id && --e.waiters == 0) map_.erase(it);
       return Got::hit;
     }
     if (!may_wait) {
       ++misses_;
       return Got::busy;
     }
+    if (waiting_on != e.id) {
+      ++e.waiters;
+      waiting_on = e.id;
+    }
     ready_.wait(hold);
+  }
+}
+
+void SubtreeCache::remember_locked(const std::string& key) {
+  seen_.emplace(key, 0);
+  seen_order_.push_back(key);
+  while (seen_order_.size() > kSeenKeys) {
+    seen_.erase(seen_order_.front());
+    seen_order_.pop_front();
   }
 }
 
@@ -66,11 +84,18 @@ void SubtreeCache::fulfil(const std::string& key, const PanelPtr& panel) {
     std::lock_guard<std::mutex> hold(mu_);
     auto it = map_.find(key);
     if (it != map_.end() && !it->second.panel) {
-      it->second.panel = panel;
-      lru_.push_front(key);
-      it->second.lru = lru_.begin();
-      bytes_ += panel->cells * sizeof(double);
-      evict_locked();
+      Entry& e = it->second;
+      if (e.keep) {
+        e.panel = panel;
+        lru_.push_front(key);
+        e.lru = lru_.begin();
+        bytes_ += panel->cells * sizeof(double);
+        evict_locked();
+      } else if (e.waiters > 0) {
+        e.panel = panel;  // for the waiters only; the last of them lets go of it
+      } else {
+        map_.erase(it);
+      }
     }
   }
   ready_.notify_all();
@@ -106,6 +131,8 @@ void SubtreeCache::clear() {
     for (const auto& key : lru_) map_.erase(key);  // panels in flight stay, for their owners to fulfil
     lru_.clear();
     bytes_ = 0;
+    seen_.clear();
+    seen_order_.clear();
   }
   ready_.notify_all();
 }

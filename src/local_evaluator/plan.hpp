@@ -57,8 +57,12 @@ struct Plan {
 };
 
 // Canonical subtree -> read-only panel, least recently used evicted first, at most max_bytes of panels held.
-// A subtree that one thread is computing is awaited by a thread that asks for it before it has claimed any
-// work of its own (so no two threads ever wait on each other), and computed again otherwise.
+// A panel is kept from the second time its subtree is computed on: most subtrees of a search never come
+// again, and writing each of them to memory that has left the processor's caches costs more than a rare
+// hit saves, so the first time only the key is remembered (the last kSeenKeys keys). A subtree that one
+// thread is computing is awaited by a thread that asks for it before it has claimed any work of its own
+// (so no two threads ever wait on each other), and computed again otherwise; waiters get the panel even
+// when it is not kept.
 class SubtreeCache {
  public:
   explicit SubtreeCache(size_t max_bytes) : max_bytes_(max_bytes) {}
@@ -76,16 +80,24 @@ class SubtreeCache {
   size_t max_bytes() const { return max_bytes_; }
 
  private:
+  static constexpr size_t kSeenKeys = 1 << 16;
   struct Entry {
     PanelPtr panel;  // null while in flight
     std::list<std::string>::iterator lru;
+    bool keep;       // kept once computed; else only handed to the threads waiting for it
+    int waiters;
+    std::uint64_t id;
   };
   void evict_locked();
+  void remember_locked(const std::string& key);
 
   std::mutex mu_;
   std::condition_variable ready_;
   std::unordered_map<std::string, Entry> map_;
-  std::list<std::string> lru_;  // ready keys, most recently used first
+  std::list<std::string> lru_;  // kept keys, most recently used first
+  std::unordered_map<std::string, char> seen_;  // keys computed once and not kept
+  std::list<std::string> seen_order_;           // oldest first
+  std::uint64_t next_id_ = 0;
   size_t bytes_ = 0;
   const size_t max_bytes_;
   std::uint64_t hits_ = 0, misses_ = 0, evictions_ = 0;

@@ -162,20 +162,24 @@ def counts(e):
 def test_reordered_keys_hit_and_another_configuration_value_misses():
     e = small_evaluator()
     first = e.evaluate_expression(graph_of(e))
-    assert counts(e) == (0, 2)  # the signal and the panel that cs_rank reads
+    assert counts(e) == (0, 2) and e.cache_info()["entries"] == 0  # seen once: remembered, not kept
+    second = e.evaluate_expression(reordered(graph_of(e)))
+    assert counts(e) == (0, 4) and e.cache_info()["entries"] == 2  # the signal and what cs_rank reads
+    np.testing.assert_array_equal(first, second)
     again = e.evaluate_expression(reordered(graph_of(e)))
-    assert counts(e) == (1, 2) and np.shares_memory(first, again)
-    e.evaluate_expression(graph_of(e, window=21))
-    assert counts(e) == (1, 4)
+    assert counts(e) == (1, 4) and np.shares_memory(second, again)
+    for _ in range(2):
+        e.evaluate_expression(graph_of(e, window=21))
+    assert counts(e) == (1, 8)
     # The same computation under another name is the same subtree: ts_mean_5 with a window of 20.
     e.evaluate_expression(graph_of(e, name="ts_mean_5"))
-    assert counts(e) == (2, 4)
-    assert e.cache_info()["hit_rate"] == pytest.approx(2 / 6)
+    assert counts(e) == (2, 8)
+    assert e.cache_info()["hit_rate"] == pytest.approx(2 / 10)
 
 
 def test_a_cached_panel_cannot_be_written():
     e = small_evaluator()
-    for _ in range(2):
+    for _ in range(3):
         signal = e.evaluate_expression(graph_of(e))
         assert not signal.flags.writeable
         with pytest.raises(ValueError):
@@ -192,8 +196,7 @@ def test_the_byte_bound_is_never_exceeded(room):
     e = small_evaluator(cache_bytes=int(room * PANEL))
     reference = per_node(e)
     rng = random.Random(7)
-    for _ in range(60):
-        graph = random_graph(rng, e, 4)
+    for graph in [random_graph(rng, e, 4) for _ in range(30)] * 2:  # the second time round they are kept
         np.testing.assert_array_equal(e.evaluate_expression(graph), reference._eval(graph))
         info = e.cache_info()
         assert info["bytes"] <= info["max_bytes"] and info["bytes"] == info["entries"] * PANEL
@@ -204,13 +207,13 @@ def test_least_recently_used_goes_first():
     e = small_evaluator(cache_bytes=2 * PANEL)
     a, b, c = ({"type": "rotation", "node": "ts_mean_20", "children": [feat(e, "ret_5"), {"type": "int", "node": w}]}
                for w in (10, 11, 12))  # one panel each: the signal
-    for g in (a, b, a, c):  # a is used again before c comes, so b is the one to go
+    for g in (a, a, b, b, a, c, c):  # a is used again before c is kept, so b is the one to go
         e.evaluate_expression(g)
-    assert counts(e) == (1, 3)
+    assert counts(e) == (1, 6)
     e.evaluate_expression(a)
-    assert counts(e) == (2, 3)
+    assert counts(e) == (2, 6)
     e.evaluate_expression(b)
-    assert counts(e) == (2, 4)
+    assert counts(e) == (2, 7)
 
 
 def test_cleared_cache_recomputes_the_same_bits():
@@ -243,7 +246,9 @@ def test_two_threads_asking_for_one_subtree_get_one_computation():
     for t in threads:
         t.join(60)
     assert not errors and len(results) == 2
-    assert counts(e) == (1, 3)  # one thread computed the three panels; the other waited for the signal
+    # One thread computed the three panels; the other waited for the signal, which it gets although a
+    # panel seen for the first time is not kept.
+    assert counts(e) == (1, 3) and e.cache_info()["entries"] == 0
     assert np.shares_memory(results[0], results[1])
 
 
