@@ -155,11 +155,12 @@ class LocalEvaluator:
     graph on the same thread; both may run on several threads at once (the native code releases the GIL).
 
     A graph is checked, compiled into a plan (its operators in order, configuration values bound,
-    identical subtrees once) and run in one native call. The panels of subtrees that a plan materialises
-    (the results of cross-sectional, group, filter and reduction operators and what they read, and every
-    signal) are kept in a cache shared by the evaluator's threads, keyed by the subtree's canonical form,
-    at most ``cache_bytes`` of them (least recently used first out; 0: no cache). A cached panel, and any
-    signal while the cache is on, is read-only.
+    identical subtrees once) and run in one native call with the GIL released. Signals and the panels of
+    time-series, cross-sectional, group and reduction operators are kept in a cache shared by the
+    evaluator's threads, keyed by the subtree's canonical form (key order aside, every configuration value
+    counts), from the second time a subtree is computed on; at most ``cache_bytes`` of them, least recently
+    used first out (0: no cache). A cached panel, and any signal while the cache is on, is read-only. The
+    books of recent signals are kept too (BOOK_CACHE_ENTRIES), for graphs that come again.
     """
 
     _per_node = False  # True: evaluate operator by operator and report from NumPy (the reference path)
