@@ -338,10 +338,10 @@ def stream_worker(path, mode, threads, block=None):
     from quillmarsh.local.era import LocalEraConfig
 
     with open(path) as f:
-        spec = json.load(f)
-    graphs, era = spec["graphs"], spec["era"]
+        job = json.load(f)
+    graphs, era = job["graphs"], job["era"]
     cache = 0 if mode in ("today", "nocache") else 512 << 20
-    evaluator = LocalEvaluator(data_dir=spec["data_dir"], era=LocalEraConfig(era), cache_bytes=cache)
+    evaluator = LocalEvaluator(data_dir=job["data_dir"], era=LocalEraConfig(era), cache_bytes=cache)
     evaluator._per_node = mode == "today"
     if block is not None:
         evaluator._engine.block = block
@@ -353,7 +353,7 @@ def stream_worker(path, mode, threads, block=None):
     run_safe(evaluator, warm, 1)
     run_safe(evaluator, warm, 2)
     rates, infos = [], []
-    for _ in range(spec["runs"]):
+    for _ in range(job["runs"]):
         evaluator.cache_clear()
         before = evaluator.cache_info()
         t = timed(run_safe, evaluator, graphs, threads)
@@ -402,13 +402,13 @@ def stream_main(data_dir):
     print(f"search stream: {len(graphs)} graphs recorded in {time.perf_counter() - t0:.1f} s, "
           f"{repeats} exact repeats ({100 * repeats / max(len(graphs), 1):.0f}%), "
           f"mean {np.mean([count_nodes(g)[0] for g in graphs]):.1f} operators")
-    spec_path = data_dir / "stream.json"
-    spec_path.write_text(json.dumps({"graphs": graphs, "era": era, "data_dir": str(data_dir),
+    job_path = data_dir / "stream.json"
+    job_path.write_text(json.dumps({"graphs": graphs, "era": era, "data_dir": str(data_dir),
                                      "runs": STREAM_RUNS}))
     results = {}
     for mode in ("today", "nocache", "cache"):
         for threads in (1, 2):
-            out = subprocess.run([sys.executable, __file__, "--worker", str(spec_path), mode, str(threads)],
+            out = subprocess.run([sys.executable, __file__, "--worker", str(job_path), mode, str(threads)],
                                  capture_output=True, text=True, check=True)
             results[mode, threads] = json.loads(out.stdout.strip().splitlines()[-1])
     rate = {k: statistics.median(v["rates"]) for k, v in results.items()}
@@ -444,12 +444,12 @@ def main(argv=None):
         return 0
     data_dir = Path(tempfile.gettempdir()) / "quillmarsh-bench"
     if args.blocks:
-        spec_path = data_dir / "stream.json"
-        if not spec_path.exists():
+        job_path = data_dir / "stream.json"
+        if not job_path.exists():
             sys.exit("record a stream first: bench_evaluator.py --stream")
         print("instruments per block (0: whole panels): evaluations/s, cache off, one thread, median of runs")
         for block in (0, 4, 8, 16, 24, 32, 64, 128):
-            out = subprocess.run([sys.executable, __file__, "--worker", str(spec_path), "nocache", "1", str(block)],
+            out = subprocess.run([sys.executable, __file__, "--worker", str(job_path), "nocache", "1", str(block)],
                                  capture_output=True, text=True, check=True)
             rates = json.loads(out.stdout.strip().splitlines()[-1])["rates"]
             print(f"  {block:4d}: {statistics.median(rates):8.1f}")
