@@ -1,6 +1,17 @@
 """Evaluations per second of the local evaluator on the default panel (500 instruments x 1,260 days).
 
-A fixed, seeded set of 200 expressions of depth 2 to 4 is evaluated (``evaluate_expression`` followed by
+Two modes, both run by default (``--fixed`` or ``--stream`` runs one):
+
+Search stream. A real search on the local platform (``random_weighted`` through its search context, one
+worker) is recorded for STREAM_GRAPHS graphs, in the order drawn, repeats included. The stream is then
+evaluated (``evaluate_expression`` then ``run_backtest``) by today's path, operator by operator on whole
+panels with the metrics in NumPy, and by whole-graph plans with the cache off and with the default cache,
+each on one thread and on two taking graphs from one queue, each in a fresh process of its own so that
+its peak memory is its own and each cache starts empty. The rates are medians of STREAM_RUNS runs; the
+bandwidth floor is the fixed set's reckoning (below) applied to the stream's graphs, and the cache's hit
+rate is over the plans' lookups. ``--blocks`` then measures the stream at several block sizes.
+
+Fixed set. A fixed, seeded set of 200 expressions of depth 2 to 4 is evaluated (``evaluate_expression`` followed by
 ``run_backtest``) on one thread and on two, and a subset of it through a NumPy rendition of the same
 operators and metrics written here. The bytes that each evaluation must move (every operator reads its
 inputs and writes its output once; the book, built day by day without being stored, reads the signal, the
@@ -8,9 +19,13 @@ returns and the one-byte liquidity flags) are set against the machine's measured
 """
 from __future__ import annotations
 
+import argparse
+import json
 import math
 import os
 import queue
+import resource
+import subprocess
 import random
 import statistics
 import sys
@@ -26,6 +41,9 @@ from numpy.lib.stride_tricks import sliding_window_view
 from quillmarsh.local.evaluator import LocalEvaluator, column_metrics
 from quillmarsh.local.vocabulary import FUNCTIONS
 
+STREAM_GRAPHS = 1500
+STREAM_SECONDS = 120.0  # the recording stops here if the stream is not complete
+STREAM_RUNS = 3
 N_EXPRESSIONS = 200
 N_REFERENCE = 12
 RUNS = 3
@@ -49,7 +67,7 @@ def expressions(evaluator):
 
 
 def count_nodes(graph):
-    if graph["type"] == "feature":
+    if graph["type"] not in ("rotation", "filtration", "reduction"):  # features and configuration values
         return 0, 0
     info = FUNCTIONS[graph["node"]]
     ops, reads = 1, len(info.data_inputs) + 1
@@ -232,8 +250,7 @@ def timed(fn, *args):
     return time.perf_counter() - t0
 
 
-def main():
-    data_dir = Path(tempfile.gettempdir()) / "quillmarsh-bench"
+def fixed_main(data_dir):
     t0 = time.perf_counter()
     evaluator = LocalEvaluator(data_dir=data_dir)
     print(f"market + vocabulary ready in {time.perf_counter() - t0:.2f} s "
@@ -286,6 +303,161 @@ def main():
     targets = [("x10 NumPy", fast_ref / rate_np >= 10), ("100/s one core", max(rate1, rate_cpu) >= 100),
                ("x1.7 on two threads", rate2 / rate1 >= 1.7)]
     print("targets: " + ", ".join(f"{name}: {'met' if ok else 'NOT met'}" for name, ok in targets))
+    return floor
+
+
+# ----- the search stream ----------------------------------------------------------------------------
+def record_stream(data_dir, count, seconds):
+    """The first `count` graphs that random_weighted draws in a real search on the local platform."""
+    import copy
+
+    from quillmarsh.local import platform
+    import quillmarsh.search_templates as st
+
+    local = platform.setup(data_dir, cache_bytes=0)
+    drawn, enough = [], threading.Event()
+
+    def recording(ctx):
+        for graph in st.random_weighted(ctx):
+            if len(drawn) < count:
+                drawn.append(copy.deepcopy(graph))
+            else:
+                enough.set()
+            yield graph
+
+    handle = st.search(recording, n_jobs=1)
+    try:
+        enough.wait(seconds)
+    finally:
+        handle.stop()
+    return drawn, local.era, local.evaluator.market.shape[0] * local.evaluator.market.shape[1]
+
+
+def stream_worker(path, mode, threads, block=None):
+    """One measurement in this process: {"rates": [...], "maxrss_mib": ..., "cache": {...}}."""
+    from quillmarsh.local.era import LocalEraConfig
+
+    with open(path) as f:
+        job = json.load(f)
+    graphs, era = job["graphs"], job["era"]
+    cache = 0 if mode in ("today", "nocache") else 512 << 20
+    evaluator = LocalEvaluator(data_dir=job["data_dir"], era=LocalEraConfig(era), cache_bytes=cache)
+    evaluator._per_node = mode == "today"
+    if block is not None:
+        evaluator._engine.block = block
+    for name in evaluator.vocabulary.feature_to_canonical:
+        evaluator._feature(name)
+    evaluator._illiquid_flag()
+    evaluator._liquidity_rank()
+    warm = expressions(evaluator)[:10]
+    run_safe(evaluator, warm, 1)
+    run_safe(evaluator, warm, 2)
+    rates, infos = [], []
+    for _ in range(job["runs"]):
+        evaluator.cache_clear()
+        before = evaluator.cache_info()
+        t = timed(run_safe, evaluator, graphs, threads)
+        rates.append(len(graphs) / t)
+        after = evaluator.cache_info()
+        hits, misses = after["hits"] - before["hits"], after["misses"] - before["misses"]
+        infos.append({"hit_rate": hits / (hits + misses) if hits + misses else 0.0, "bytes": after["bytes"]})
+    maxrss = resource.getrusage(resource.RUSAGE_SELF).ru_maxrss / 1024
+    print(json.dumps({"rates": rates, "maxrss_mib": maxrss, "cache": infos[-1]}))
+
+
+def run_safe(evaluator, graphs, threads):
+    """The graphs in order, on `threads` threads taking the next from one queue; a graph the evaluator
+    refuses counts as evaluated, as it would in a search."""
+    todo = queue.SimpleQueue()
+    for g in graphs:
+        todo.put(g)
+
+    def work():
+        while True:
+            try:
+                g = todo.get_nowait()
+            except queue.Empty:
+                return
+            try:
+                evaluator.evaluate_expression(g)
+                evaluator.run_backtest(g)
+            except ValueError:
+                pass
+
+    if threads == 1:
+        work()
+        return
+    workers = [threading.Thread(target=work) for _ in range(threads)]
+    for t in workers:
+        t.start()
+    for t in workers:
+        t.join()
+
+
+def stream_main(data_dir):
+    t0 = time.perf_counter()
+    graphs, era, cells = record_stream(data_dir / "search", STREAM_GRAPHS, STREAM_SECONDS)
+    keys = [json.dumps(g, sort_keys=True) for g in graphs]
+    repeats = len(keys) - len(set(keys))
+    print(f"search stream: {len(graphs)} graphs recorded in {time.perf_counter() - t0:.1f} s, "
+          f"{repeats} exact repeats ({100 * repeats / max(len(graphs), 1):.0f}%), "
+          f"mean {np.mean([count_nodes(g)[0] for g in graphs]):.1f} operators")
+    job_path = data_dir / "stream.json"
+    job_path.write_text(json.dumps({"graphs": graphs, "era": era, "data_dir": str(data_dir),
+                                     "runs": STREAM_RUNS}))
+    results = {}
+    for mode in ("today", "nocache", "cache"):
+        for threads in (1, 2):
+            out = subprocess.run([sys.executable, __file__, "--worker", str(job_path), mode, str(threads)],
+                                 capture_output=True, text=True, check=True)
+            results[mode, threads] = json.loads(out.stdout.strip().splitlines()[-1])
+    rate = {k: statistics.median(v["rates"]) for k, v in results.items()}
+    names = {"today": "today (per operator)", "nocache": "plans, cache off", "cache": "plans, 512 MiB cache"}
+    floor = memory_bandwidth() / np.mean([bytes_per_evaluation(g, cells) for g in graphs])
+    print(f"{'':22} {'1 thread':>10} {'2 threads':>10} {'x2/x1':>6} {'vs today':>9} {'peak RSS':>9}")
+    for mode in ("today", "nocache", "cache"):
+        r1, r2 = rate[mode, 1], rate[mode, 2]
+        print(f"{names[mode]:22} {r1:10.1f} {r2:10.1f} {r2 / r1:6.2f} {r1 / rate['today', 1]:8.2f}x "
+              f"{results[mode, 1]['maxrss_mib']:7.0f} MiB")
+    cache = results["cache", 1]["cache"]
+    print(f"cache: hit rate {100 * cache['hit_rate']:.0f}% of lookups, {cache['bytes'] / 2**20:.0f} MiB held at the "
+          f"end; bandwidth floor of the stream: {floor:.0f} evaluations/s; load average {os.getloadavg()[0]:.2f}")
+    extra = results["cache", 1]["maxrss_mib"] - results["today", 1]["maxrss_mib"]
+    targets = [("x2.5 one thread", rate["cache", 1] / rate["today", 1] >= 2.5),
+               ("x1.7 cache off", rate["nocache", 1] / rate["today", 1] >= 1.7),
+               ("x1.8 two threads", rate["cache", 2] / rate["cache", 1] >= 1.8),
+               ("peak memory +600 MiB", extra <= 600)]
+    print("targets: " + ", ".join(f"{name}: {'met' if ok else 'NOT met'}" for name, ok in targets))
+
+
+def main(argv=None):
+    parser = argparse.ArgumentParser(description=__doc__.splitlines()[0])
+    parser.add_argument("--fixed", action="store_true", help="only the fixed set")
+    parser.add_argument("--stream", action="store_true", help="only the search stream")
+    parser.add_argument("--blocks", action="store_true",
+                        help="the recorded stream, cache off, one thread, at several block sizes")
+    parser.add_argument("--worker", nargs="+", help=argparse.SUPPRESS)
+    args = parser.parse_args(argv)
+    if args.worker:
+        block = int(args.worker[3]) if len(args.worker) > 3 else None
+        stream_worker(args.worker[0], args.worker[1], int(args.worker[2]), block)
+        return 0
+    data_dir = Path(tempfile.gettempdir()) / "quillmarsh-bench"
+    if args.blocks:
+        job_path = data_dir / "stream.json"
+        if not job_path.exists():
+            sys.exit("record a stream first: bench_evaluator.py --stream")
+        print("instruments per block (0: whole panels): evaluations/s, cache off, one thread, median of runs")
+        for block in (0, 4, 8, 16, 24, 32, 64, 128):
+            out = subprocess.run([sys.executable, __file__, "--worker", str(job_path), "nocache", "1", str(block)],
+                                 capture_output=True, text=True, check=True)
+            rates = json.loads(out.stdout.strip().splitlines()[-1])["rates"]
+            print(f"  {block:4d}: {statistics.median(rates):8.1f}")
+        return 0
+    if not args.stream:
+        fixed_main(data_dir)
+    if not args.fixed:
+        stream_main(data_dir)
     return 0
 
 

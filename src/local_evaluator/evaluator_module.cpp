@@ -4,14 +4,15 @@
 #include <pybind11/numpy.h>
 #include <pybind11/pybind11.h>
 
-#include <cstdlib>
-#include <cstring>
-#include <new>
-#include <mutex>
+#include <cstdint>
+#include <map>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "kernels.hpp"
+#include "panel_pool.hpp"
+#include "plan.hpp"
 
 namespace py = pybind11;
 namespace ql = quillmarsh::local;
@@ -38,68 +39,9 @@ void same_shape(const View& a, const View& b) {
   if (a.T != b.T || a.N != b.N) throw py::value_error("panels must have the same shape");
 }
 
-// Every operator returns a fresh panel of a few megabytes. Freshly mapped memory is faulted in and zeroed
-// page by page, which costs more than most operators and serialises threads on the address-space lock;
-// so the memory of panels that Python has let go is kept, up to kPoolBytes, for the next panel of the
-// same size. Each block carries its size in a header, for the capsule that returns it. The lock guards
-// only the list; nothing under it calls Python.
-class PanelPool {
- public:
-  static constexpr size_t kPoolBytes = size_t(128) << 20;
-  static constexpr size_t kHeader = 64;  // keeps the data 64-byte aligned
-
-  double* take(size_t bytes) {
-    {
-      std::lock_guard<std::mutex> hold(mu_);
-      for (size_t i = free_.size(); i-- > 0;) {
-        if (size_of(free_[i]) != bytes) continue;
-        char* block = free_[i];
-        free_.erase(free_.begin() + std::ptrdiff_t(i));
-        kept_ -= bytes;
-        return data_of(block);
-      }
-    }
-    char* block = static_cast<char*>(std::aligned_alloc(kHeader, kHeader + (bytes + kHeader - 1) / kHeader * kHeader));
-    if (!block) throw std::bad_alloc();
-    std::memcpy(block, &bytes, sizeof bytes);
-    return data_of(block);
-  }
-
-  void give(double* data) {
-    char* block = reinterpret_cast<char*>(data) - kHeader;
-    const size_t bytes = size_of(block);
-    {
-      std::lock_guard<std::mutex> hold(mu_);
-      if (kept_ + bytes <= kPoolBytes) {
-        free_.push_back(block);
-        kept_ += bytes;
-        return;
-      }
-    }
-    std::free(block);
-  }
-
- private:
-  static size_t size_of(const char* block) {
-    size_t bytes;
-    std::memcpy(&bytes, block, sizeof bytes);
-    return bytes;
-  }
-  static double* data_of(char* block) { return reinterpret_cast<double*>(block + kHeader); }
-
-  std::mutex mu_;
-  std::vector<char*> free_;
-  size_t kept_ = 0;
-};
-
-PanelPool& pool() {
-  static PanelPool* p = new PanelPool();  // never destroyed: arrays may outlive the module's teardown
-  return *p;
-}
-
 Panel new_panel(const View& v) {
-  double* data = pool().take(v.T * v.N * sizeof(double));
-  py::capsule owner(data, [](void* p) { pool().give(static_cast<double*>(p)); });
+  double* data = ql::panel_pool().take(v.T * v.N * sizeof(double));
+  py::capsule owner(data, [](void* p) { ql::panel_pool().give(static_cast<double*>(p)); });
   return Panel({py::ssize_t(v.T), py::ssize_t(v.N)}, data, owner);
 }
 
@@ -272,6 +214,192 @@ py::tuple book_series(const py::array& signal, const py::array& fwd_returns, con
   return out.tuple();
 }
 
+
+// ----- whole graphs ------------------------------------------------------------------------------------
+
+// Instruments per block of a run of element-wise and time-series operators; 0: whole panels, every
+// operator's result a panel of its own (and a candidate for the cache). Measured on the machine this was
+// tuned on (2 cores, 1 MB L2 each, 32 MB L3, 500 x 1,260 panels), blocks of 8 to 128 instruments were
+// slower than whole panels for every graph shape tried: the panels of a graph stay in the L3 cache, the
+// time-series kernels are bound by arithmetic rather than memory, and gathering a block's columns from
+// rows 4 kB apart costs more than the L2 saves. So whole panels are the default; the blocked path gives
+// the same bits and stays selectable for machines with a small L3.
+constexpr size_t kDefaultBlock = 0;
+
+// The position of `op` among `names`, which list an enumeration's members in order.
+int parse_enum(const std::string& op, std::initializer_list<const char*> names, const char* what) {
+  int i = 0;
+  for (const char* n : names) {
+    if (op == n) return i;
+    ++i;
+  }
+  throw py::value_error(std::string("unknown ") + what + " operator '" + op + "'");
+}
+
+// A graph's evaluator: the market's shape and groups, the subtree cache shared by every thread that
+// evaluates through it, and the instruments per block.
+class Engine {
+ public:
+  Engine(const py::array& sector, size_t T, size_t N, size_t cache_bytes)
+      : T_(T), N_(N), cache_(std::make_unique<ql::SubtreeCache>(cache_bytes)) {
+    auto codes = py::array_t<std::int64_t, py::array::c_style | py::array::forcecast>::ensure(sector);
+    if (!codes || codes.ndim() != 1 || size_t(codes.shape(0)) != N)
+      throw py::value_error("sector must be one integer code per instrument");
+    std::map<std::int64_t, std::vector<std::uint32_t>> by_code;
+    for (size_t n = 0; n < N; ++n) by_code[codes.at(py::ssize_t(n))].push_back(std::uint32_t(n));
+    for (auto& [code, cols] : by_code) groups_.push_back(std::move(cols));
+  }
+
+  // nodes: (kind, op, window, threshold, inputs, key) in post-order; leaves: the panels that inputs
+  // below zero name (-1 - i). Returns the root's panel, read-only when the cache is on.
+  py::array signal(const py::list& nodes, const py::list& leaves) {
+    ql::Plan plan;
+    plan.nodes.reserve(nodes.size());
+    for (const auto& item : nodes) {
+      auto t = item.cast<py::tuple>();
+      if (t.size() != 6) throw py::value_error("a plan node is (kind, op, window, threshold, inputs, key)");
+      ql::PlanNode nd;
+      const auto kind = t[0].cast<std::string>(), op = t[1].cast<std::string>();
+      if (kind == "ts") {
+        nd.kind = ql::OpKind::ts;
+        nd.op = parse_enum(op, {"sum", "mean", "std", "zscore", "rank", "delay", "delta", "min", "max",
+                                          "decay_linear"}, "time-series");
+      } else if (kind == "ts2") {
+        nd.kind = ql::OpKind::ts2;
+        nd.op = parse_enum(op, {"corr", "cov"}, "two-input time-series");
+      } else if (kind == "cs") {
+        nd.kind = ql::OpKind::cs;
+        nd.op = parse_enum(op, {"rank", "zscore", "demean", "scale"}, "cross-sectional");
+      } else if (kind == "unary") {
+        nd.kind = ql::OpKind::unary;
+        nd.op = parse_enum(op, {"neg", "abs", "sign", "slog", "ssqrt", "square", "inverse"}, "unary");
+      } else if (kind == "binary") {
+        nd.kind = ql::OpKind::binary;
+        nd.op = parse_enum(op, {"add", "sub", "mul", "div", "min", "max"}, "binary");
+      } else if (kind == "group") {
+        nd.kind = ql::OpKind::group;
+        parse_enum(op, {"demean"}, "group");
+      } else if (kind == "filter") {
+        nd.kind = ql::OpKind::filter;
+      } else if (kind == "reduce") {
+        nd.kind = ql::OpKind::reduce;
+        nd.op = parse_enum(op, {"mean", "median", "std"}, "reduction");
+      } else {
+        throw py::value_error("unknown operator kind '" + kind + "'");
+      }
+      nd.window = t[2].cast<int>();
+      nd.threshold = t[3].cast<double>();
+      for (const auto& in : t[4].cast<py::list>()) nd.inputs.push_back(in.cast<int>());
+      nd.key = t[5].cast<std::string>();
+      const bool two = nd.kind == ql::OpKind::ts2 || nd.kind == ql::OpKind::binary || nd.kind == ql::OpKind::filter;
+      if (nd.inputs.size() != (two ? 2u : 1u))
+        throw py::value_error("operator '" + kind + ":" + op + "' takes " + (two ? "2" : "1") + " input(s)");
+      if ((nd.kind == ql::OpKind::ts || nd.kind == ql::OpKind::ts2) && nd.window < 1)
+        throw py::value_error("window must be at least 1, got " + std::to_string(nd.window));
+      for (int in : nd.inputs)
+        if (in >= int(plan.nodes.size()) || -1 - in >= int(leaves.size()))
+          throw py::value_error("plan input " + std::to_string(in) + " names no earlier operator or leaf");
+      plan.nodes.push_back(std::move(nd));
+    }
+    if (plan.nodes.empty()) throw py::value_error("a plan needs at least one operator");
+    std::vector<const double*> ptrs;
+    for (const auto& leaf : leaves) {
+      View v = panel_view(leaf.cast<py::array>(), "leaf");
+      if (v.T != T_ || v.N != N_) throw py::value_error("leaf panels must have the market's shape");
+      ptrs.push_back(v.data);
+    }
+    try {
+      plan.finish(block != 0 && block < N_);
+    } catch (const std::invalid_argument& e) {
+      throw py::value_error(e.what());
+    }
+    ql::PanelPtr out;
+    {
+      py::gil_scoped_release release;
+      ql::Market m{T_, N_, &groups_};
+      out = ql::execute(plan, ptrs, m, block, cache_->max_bytes() ? cache_.get() : nullptr);
+    }
+    auto* holder = new ql::PanelPtr(out);
+    py::capsule owner(holder, [](void* p) { delete static_cast<ql::PanelPtr*>(p); });
+    py::array_t<double> arr({py::ssize_t(T_), py::ssize_t(N_)}, out->data, owner);
+    if (cache_->max_bytes()) arr.attr("setflags")(py::arg("write") = false);
+    return arr;
+  }
+
+  py::dict cache_info() {
+    const auto i = cache_->info();
+    py::dict d;
+    d["hits"] = i.hits;
+    d["misses"] = i.misses;
+    d["evictions"] = i.evictions;
+    d["bytes"] = i.bytes;
+    d["entries"] = i.entries;
+    d["max_bytes"] = i.max_bytes;
+    return d;
+  }
+  void cache_clear() { cache_->clear(); }
+
+  size_t block = kDefaultBlock;
+
+ private:
+  size_t T_, N_;
+  std::vector<std::vector<std::uint32_t>> groups_;
+  std::unique_ptr<ql::SubtreeCache> cache_;
+};
+
+// The book of a signal and its statistics over the first `in_sample` days, in one call.
+py::tuple backtest(const py::array& signal, const py::array& fwd_returns, const std::string& normalization,
+                   int decay, double truncation, const py::object& flag, const py::array& tradable,
+                   size_t in_sample, double cost) {
+  View v = panel_view(signal, "signal"), r = panel_view(fwd_returns, "fwd_returns");
+  same_shape(v, r);
+  ql::Normalization norm = parse_normalization(normalization, decay, truncation);
+  const std::uint8_t* f = optional_flag(flag, v);
+  auto trad = py::array_t<double, py::array::c_style | py::array::forcecast>::ensure(tradable);
+  if (!trad || trad.ndim() != 1 || size_t(trad.shape(0)) != v.T)
+    throw py::value_error("tradable must be one float per day");
+  Series out(v.T);
+  py::array_t<double> net(py::ssize_t(v.T));
+  double* net_pnl = net.mutable_data();
+  const double* tr = trad.data();
+  ql::BookStats b;
+  {
+    py::gil_scoped_release release;
+    ql::kernels().book_series(v.data, r.data, f, v.T, v.N, norm, decay, truncation, out.s);
+    b = ql::book_stats(out.s, net_pnl, tr, v.T, in_sample, cost);
+  }
+  py::dict per_column;
+  for (auto [name, c] : {std::pair<const char*, const ql::ColumnStats*>{"gross_returns", &b.gross},
+                         {"net_returns", &b.net}}) {
+    const std::string p(name);
+    per_column[py::str(p + "_sharpe")] = c->sharpe;
+    per_column[py::str(p + "_returns")] = c->returns;
+    per_column[py::str(p + "_turnover")] = c->turnover;
+    per_column[py::str(p + "_fitness")] = c->fitness;
+    per_column[py::str(p + "_quality_score")] = c->fitness;
+    per_column[py::str(p + "_margin")] = c->margin;
+    per_column[py::str(p + "_drawdown")] = c->drawdown;
+  }
+  py::dict book;
+  book["long_count"] = b.long_count;
+  book["short_count"] = b.short_count;
+  book["delta_exposure"] = b.delta_exposure;
+  book["max_weight"] = b.max_weight;
+  book["abs_weight_sum_mean"] = b.abs_weight_sum_mean;
+  book["coverage"] = b.any_book ? py::object(py::float_(b.coverage)) : py::object(py::none());
+  book["illiquid_share"] = b.illiquid_share;
+  book["positive_year_fraction"] = b.positive_year_fraction;
+  book["held_out_sharpe"] = b.held_out_sharpe;
+  book["any_book"] = b.any_book;
+  return py::make_tuple(out.cols[0], net, per_column, book);
+}
+
+double pairwise_sum(const py::array& a) {
+  auto x = py::array_t<double, py::array::c_style | py::array::forcecast>::ensure(a);
+  if (!x || x.ndim() != 1) throw py::value_error("pairwise_sum takes a 1-D float array");
+  return ql::pairwise_sum(x.data(), size_t(x.shape(0)));
+}
+
 }  // namespace
 
 PYBIND11_MODULE(_evaluator, m) {
@@ -378,6 +506,17 @@ PYBIND11_MODULE(_evaluator, m) {
         "    needs_two: the operator needs at least two values (std, corr, ...).\n\n"
         "Returns:\n"
         "    int: the minimum count of valid values.");
+  py::class_<Engine>(m, "Engine", "Plans of whole graphs, run in blocks of instruments, with a subtree cache.")
+      .def(py::init<const py::array&, size_t, size_t, size_t>(), py::arg("sector"), py::arg("days"),
+           py::arg("instruments"), py::arg("cache_bytes"))
+      .def("signal", &Engine::signal, py::arg("nodes"), py::arg("leaves"))
+      .def("cache_info", &Engine::cache_info)
+      .def("cache_clear", &Engine::cache_clear)
+      .def_readwrite("block", &Engine::block, "Instruments per block of a blocked run (0: whole panels).");
+  m.def("backtest", &backtest, py::arg("signal"), py::arg("fwd_returns"), py::arg("normalization"),
+        py::arg("decay"), py::arg("truncation"), py::arg("flag"), py::arg("tradable"), py::arg("in_sample"),
+        py::arg("cost"), "Book, daily (gross, net) pnl and the statistics of both columns in sample.");
+  m.def("pairwise_sum", &pairwise_sum, py::arg("a"), "Sum in NumPy's pairwise order.");
   // The instruction set of the kernels in use: "x86-64-v3" where the machine has AVX2 and FMA, else (or
   // with QUILLMARSH_KERNELS=baseline in the environment) "x86-64".
   m.attr("kernel_build") = ql::kernels().name;

@@ -27,6 +27,7 @@ Metrics over the in-sample days (the first 80%; the rest is held out), for each 
 """
 from __future__ import annotations
 
+import collections
 import hashlib
 import json
 import math
@@ -43,6 +44,8 @@ TRADING_DAYS = 252
 HALF_BOOK = 0.5
 MIN_TURNOVER = 0.125
 IN_SAMPLE_FRACTION = 0.8
+DEFAULT_CACHE_BYTES = 512 << 20
+BOOK_CACHE_ENTRIES = 2048
 DEFAULT_METAPARAMETERS = {"normalization": "zscore", "decay": 0, "truncation": 0.05}
 _GRAPH_KEYS = {"type", "node", "children"}
 _FUNCTION_TYPES = ("rotation", "filtration", "reduction")
@@ -149,16 +152,28 @@ class LocalEvaluator:
     """Backtester of the local platform over one market and one era.
 
     ``evaluate_expression`` computes a graph's raw signal and keeps it for the ``run_backtest`` of the same
-    graph on the same thread; both may run on several threads at once (the kernels release the GIL).
+    graph on the same thread; both may run on several threads at once (the native code releases the GIL).
+
+    A graph is checked, compiled into a plan (its operators in order, configuration values bound,
+    identical subtrees once) and run in one native call with the GIL released. Signals and the panels of
+    time-series, cross-sectional, group and reduction operators are kept in a cache shared by the
+    evaluator's threads, keyed by the subtree's canonical form (key order aside, every configuration value
+    counts), from the second time a subtree is computed on; at most ``cache_bytes`` of them, least recently
+    used first out (0: no cache). A cached panel, and any signal while the cache is on, is read-only. The
+    books of recent signals are kept too (BOOK_CACHE_ENTRIES), for graphs that come again.
     """
+
+    _per_node = False  # True: evaluate operator by operator and report from NumPy (the reference path)
 
     def __init__(self, market: Market | None = None, *, data_dir=None, seed: int = 7,
                  n_instruments: int = 500, n_days: int = 1260, era=None, cost_bps: float = 5.0,
-                 in_sample_fraction: float = IN_SAMPLE_FRACTION):
+                 in_sample_fraction: float = IN_SAMPLE_FRACTION, cache_bytes: int = DEFAULT_CACHE_BYTES):
         if not 0.0 < in_sample_fraction <= 1.0:
             raise ValueError(f"in_sample_fraction must lie in (0, 1], got {in_sample_fraction!r}")
         if not cost_bps >= 0:
             raise ValueError(f"cost_bps must be non-negative, got {cost_bps!r}")
+        if isinstance(cache_bytes, bool) or not isinstance(cache_bytes, int) or cache_bytes < 0:
+            raise ValueError(f"cache_bytes must be a non-negative integer, got {cache_bytes!r}")
         self.market = market if market is not None else load_market(data_dir, n_instruments, n_days, seed)
         self.seed = seed
         self.era = era if era is not None else LocalEraConfig()
@@ -176,6 +191,14 @@ class LocalEvaluator:
         self._reconstruction_era = None
         self._fwd = np.ascontiguousarray(self.market.fwd_returns)
         self._tradable = np.maximum((~np.isnan(self._fwd)).sum(axis=1), 1).astype(np.float64)
+        self._engine = _k.Engine(np.asarray(self.market.sector, dtype=np.int64), T, self.market.shape[1],
+                                 cache_bytes)
+        # The book and statistics of recent signals, for graphs that come again: (root key, normalization,
+        # decay, truncation) -> what the native backtest returned. Bounded by count: each holds two daily
+        # series, so the bound costs at most BOOK_CACHE_ENTRIES x 2 x days x 8 bytes.
+        self._books: collections.OrderedDict = collections.OrderedDict()
+        self._book_lock = threading.Lock()
+        self._book_limit = BOOK_CACHE_ENTRIES if cache_bytes else 0
 
     # ----- era key material -------------------------------------------------------------------------
     def initialize_era_vault(self, shuffle_blob: bytes, wallet_secret: bytes, era_id: int) -> None:
@@ -239,10 +262,61 @@ class LocalEvaluator:
         if isinstance(limit, int) and count[0] > limit:
             raise ValueError(f"expression has {count[0]} nodes, above the era's max_node_count {limit}")
 
-    def _eval(self, node) -> np.ndarray:
+    def _compile(self, graph):
+        """The plan of a checked graph: its operators in post-order, the panels its leaves read, and the
+        canonical key of its root. A feature graph has no operator: (None, feature panel, key)."""
+        nodes, leaves, index, leaf_index = [], [], {}, {}
+
+        def leaf(key, panel_of):
+            i = leaf_index.get(key)
+            if i is None:
+                leaves.append(panel_of())
+                i = leaf_index[key] = len(leaves) - 1
+            return -1 - i
+
+        def visit(node):
+            typ = node["type"]
+            if typ == "feature":
+                name = node.get("node")
+                panel = self._feature(name)
+                key = "@" + self.vocabulary.feature_to_canonical.get(name, name)
+                return leaf(key, lambda: panel), key
+            info, data, config = self._check_node(node)
+            inputs, keys = [], []
+            for child in data:
+                ref, key = visit(child)
+                inputs.append(ref)
+                keys.append(key)
+            params = {p[0]: config.get(p[0], p[2]) for p in info.config}
+            kind, op = info.op.split(":")
+            window, threshold = 0, 0.0
+            if kind in ("ts", "ts2"):
+                window = int(params.get("window", params.get("lag")))
+                bound = str(window)
+            elif kind == "filter":
+                threshold = float(params["quantile"] if op == "liquid" else params["min_price"])
+                inputs.append(leaf("#" + op, self._liquidity_rank if op == "liquid" else self._close))
+                bound = repr(threshold)
+            else:
+                bound = ""
+            key = f"{info.op}[{bound}]({','.join(keys)})"
+            ref = index.get(key)
+            if ref is None:
+                nodes.append((kind, op, window, threshold, inputs, key))
+                ref = index[key] = len(nodes) - 1
+            return ref, key
+
+        ref, key = visit(graph)
+        if ref < 0:
+            return None, leaves[-1 - ref], key
+        return nodes, leaves, key
+
+    def _close(self) -> np.ndarray:
+        return np.ascontiguousarray(self.market.fields["close"], dtype=np.float64)
+
+    def _check_node(self, node):
+        """A function node's entry, data children and configuration values, or ValueError."""
         typ = node["type"]
-        if typ == "feature":
-            return self._feature(node.get("node"))
         if typ in _CONFIG_TYPES:
             raise ValueError(f"a {typ} constant can only be a configuration child, got {node!r}")
         if typ not in _FUNCTION_TYPES:
@@ -273,7 +347,38 @@ class LocalEvaluator:
             if lo is not None and not lo <= value <= hi:
                 raise ValueError(f"{name!r}: {pname}={value!r} outside [{lo}, {hi}]")
             config[pname] = value
+        return info, data, config
+
+    def _eval(self, node) -> np.ndarray:
+        """A graph's signal operator by operator, each on whole panels (the path the plans replace; kept as
+        their reference)."""
+        if node["type"] == "feature":
+            return self._feature(node.get("node"))
+        info, data, config = self._check_node(node)
         return self._apply(info, [self._eval(c) for c in data], config)
+
+    def _signal(self, graph):
+        """The graph's signal and the canonical key of its root (None on the per-operator path)."""
+        if self._per_node:
+            return self._eval(graph), None
+        nodes, leaves, key = self._compile(graph)
+        if nodes is None:
+            return leaves, key
+        return self._engine.signal(nodes, leaves), key
+
+    def cache_info(self) -> dict:
+        """The subtree cache: hits, misses, evictions, bytes held, entries, max_bytes, and hit_rate (hits
+        over lookups; 0 before any)."""
+        info = self._engine.cache_info()
+        lookups = info["hits"] + info["misses"]
+        info["hit_rate"] = info["hits"] / lookups if lookups else 0.0
+        return info
+
+    def cache_clear(self) -> None:
+        """Drop every cached panel and book (the hit and miss counts stay)."""
+        self._engine.cache_clear()
+        with self._book_lock:
+            self._books.clear()
 
     def _apply(self, info: FunctionInfo, inputs: list, config: dict) -> np.ndarray:
         """Compute one function on its input panels, configuration values defaulting to the declared ones."""
@@ -339,9 +444,7 @@ class LocalEvaluator:
         following ``run_backtest``. Returns the signal panel."""
         self._check_universe(universe_id)
         self._check_graph(expr_graph)
-        signal = self._eval(expr_graph)
-        if signal.base is not None or not signal.flags.writeable:
-            signal = np.ascontiguousarray(signal)
+        signal, self._tls.root = self._signal(expr_graph)
         self._tls.key = _graph_key(expr_graph)
         self._tls.signal = signal
         return signal
@@ -384,10 +487,80 @@ class LocalEvaluator:
         signal = getattr(self._tls, "signal", None)
         if signal is None or getattr(self._tls, "key", None) != _graph_key(expr_graph):
             signal = self.evaluate_expression(expr_graph)
-        s = self.pnl_series(signal, metaparameters, transform_pipeline)
-        stats = self._stats_from_series(s)
-        self._tls.pnl = {c: s[c][: self.in_sample_days].copy() for c in PNL_COLUMNS}
-        return stats
+        if self._per_node:
+            s = self.pnl_series(signal, metaparameters, transform_pipeline)
+            stats = self._stats_from_series(s)
+            self._tls.pnl = {c: s[c][: self.in_sample_days].copy() for c in PNL_COLUMNS}
+            return stats
+        meta = self._metaparameters(metaparameters, transform_pipeline)
+        n = self.in_sample_days
+        norm = str(meta["normalization"])
+        root = getattr(self._tls, "root", None)
+        key = (root, norm, meta["decay"], meta["truncation"]) if root is not None and self._book_limit else None
+        with self._book_lock:
+            found = self._books.get(key) if key is not None else None
+            if found is not None:
+                self._books.move_to_end(key)
+        if found is None:
+            found = _k.backtest(signal, self._fwd, norm, meta["decay"], meta["truncation"],
+                                self._illiquid_flag(), self._tradable, n, self.cost)
+            for series in found[:2]:
+                series.setflags(write=False)
+            if key is not None:
+                with self._book_lock:
+                    self._books[key] = found
+                    while len(self._books) > self._book_limit:
+                        self._books.popitem(last=False)
+        gross, net, per_column, book = found
+        pnl = {"gross_returns": gross[:n], "net_returns": net[:n]}
+        self._tls.pnl = pnl
+        return self._stats(pnl, dict(per_column), book, meta)
+
+    def _stats(self, pnl: dict, per_column: dict, book: dict, meta: dict) -> LocalBacktestStats:
+        """The report of a backtest from its in-sample pnl, per-column metrics and book figures."""
+        primary_col = _primary_column(self.era)
+        if primary_col not in PNL_COLUMNS:
+            primary_col = PNL_COLUMNS[0]
+        primary = {k: per_column[f"{primary_col}_{k}"] for k in
+                   ("sharpe", "fitness", "returns", "drawdown", "turnover", "margin", "quality_score")}
+        gross = pnl["gross_returns"]
+        pool = _era_pool(self.era)
+        pool_id = pool.get("signal_pool_id") if pool else None
+        mi_col = pool.get("mi_pnl_column", PNL_COLUMNS[0]) if pool else PNL_COLUMNS[0]
+        if mi_col not in PNL_COLUMNS:
+            mi_col = PNL_COLUMNS[0]
+        correlation = 0.0
+        others = self._pool_pnl_list(pool_id, "gross_returns")
+        if others and gross.std() > 0:
+            for other in others:
+                if other.std() > 0:
+                    correlation = max(correlation, abs(float(np.corrcoef(gross, other)[0, 1])))
+        is_pnl_mi = pnl_information(pnl[mi_col], self._pool_pnl_list(pool_id, mi_col))
+        rules = [r for r in (getattr(self.era, "column_threshold_rules", None) or []) if isinstance(r, dict)]
+        passed = all(per_column.get(f"{r.get('column', 'gross_returns')}_{r.get('stat', 'sharpe')}", 0.0)
+                     >= r.get("min", -math.inf) for r in rules)
+        any_book = book["any_book"]
+        coverage, illiquid_share, stability = book["coverage"], book["illiquid_share"], book["positive_year_fraction"]
+        failure_reason = failure_detail = None
+        if not any_book:
+            failure_reason, failure_detail = "empty_book", "the signal never formed a book in sample"
+        return LocalBacktestStats(
+            sharpe=primary["sharpe"], fitness=primary["fitness"], returns=primary["returns"],
+            drawdown=primary["drawdown"], turnover=primary["turnover"], margin=primary["margin"],
+            long_count=book["long_count"], short_count=book["short_count"],
+            delta_exposure=book["delta_exposure"], max_weight=book["max_weight"],
+            abs_weight_sum_mean=book["abs_weight_sum_mean"],
+            quality_score=primary["quality_score"], per_column_stats=per_column,
+            correlation=correlation, is_correlation=correlation, is_pnl_mi=is_pnl_mi,
+            liquidity_metrics={"illiquid_weight_share": {"value": illiquid_share, "max": 0.3,
+                                                         "passed": illiquid_share <= 0.3}},
+            weight_quality_metrics={"coverage": {"value": coverage, "min": 0.3,
+                                                 "passed": coverage is not None and coverage >= 0.3}},
+            custom_stats={"positive_year_fraction": {"value": stability, "min": 0.5,
+                                                     "passed": stability >= 0.5}},
+            passed=passed and any_book, factor_pnl=gross.tolist(),
+            held_out_sharpe=book["held_out_sharpe"], metaparameters=meta,
+            failure_reason=failure_reason, failure_detail=failure_detail)
 
     def _pool_pnl_list(self, pool_id, column, signal_ids=None) -> list:
         with self._pool_lock:
@@ -469,7 +642,7 @@ class LocalEvaluator:
         if pool is None:
             raise ValueError(f"the era has no signal pool {pool_id!r}")
         self._check_graph(expr_graph)
-        s = self.pnl_series(self._eval(expr_graph), metaparameters)
+        s = self.pnl_series(self._signal(expr_graph)[0], metaparameters)
         entry = {c: s[c][: self.in_sample_days].copy() for c in PNL_COLUMNS}
         with self._pool_lock:
             self._pool_pnls[(pool["signal_pool_id"], signal_id)] = entry

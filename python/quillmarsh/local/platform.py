@@ -15,7 +15,7 @@ from pathlib import Path
 
 from quillmarsh import agent_onboarding, obfuscation
 from quillmarsh.local.era import SIGNAL_POOL_ID, LocalEraConfig, local_era_map
-from quillmarsh.local.evaluator import LocalEvaluator
+from quillmarsh.local.evaluator import DEFAULT_CACHE_BYTES, LocalEvaluator
 from quillmarsh.local.market import load_market
 from quillmarsh.sync import ERA_CONFIG_FILE_NAME
 
@@ -79,8 +79,10 @@ def _write_era(data_dir: Path, era: dict) -> None:
 
 
 def setup(data_dir=None, *, n_instruments: int = 500, n_days: int = 1260, seed: int = 7,
-          era_id: int = 1, max_depth: int = 4, max_node_count: int = 40) -> LocalPlatform:
-    """Prepare the local platform in ``data_dir`` and log in; returns what was set up."""
+          era_id: int = 1, max_depth: int = 4, max_node_count: int = 40,
+          cache_bytes: int = DEFAULT_CACHE_BYTES) -> LocalPlatform:
+    """Prepare the local platform in ``data_dir`` and log in; returns what was set up. ``cache_bytes``
+    bounds the evaluator's cache of computed subtrees (0: none)."""
     path = resolve_data_dir(data_dir)
     from quillmarsh.local.service.feed import FoundSignalFollower, found_signal_ids
 
@@ -88,7 +90,7 @@ def setup(data_dir=None, *, n_instruments: int = 500, n_days: int = 1260, seed: 
     # The signals that the signal service has accepted so far stay in the pool across runs.
     era = local_era_map(era_id=era_id, max_depth=max_depth, max_node_count=max_node_count,
                         found_signal_ids=found_signal_ids(path, SIGNAL_POOL_ID))
-    evaluator = LocalEvaluator(market, seed=seed, era=LocalEraConfig(era))
+    evaluator = LocalEvaluator(market, seed=seed, era=LocalEraConfig(era), cache_bytes=cache_bytes)
     universe_id = era["valid_universe_id"]
 
     _write_era(path, era)
