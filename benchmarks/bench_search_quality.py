@@ -106,9 +106,13 @@ def main() -> None:
     parser.add_argument("--methods", default=",".join(METHODS))
     parser.add_argument("--one", help=argparse.SUPPRESS)       # internal: run one method in this process
     parser.add_argument("--data-dir", help=argparse.SUPPRESS)
+    parser.add_argument("--keep", help="run one method in this data directory and keep it (for a closer look)")
     args = parser.parse_args()
     if args.one:
         print(json.dumps(run_method(args.one, args.minutes * 60.0, args.data_dir)))
+        return
+    if args.keep:
+        print(json.dumps(run_method(args.methods.split(",")[0], args.minutes * 60.0, args.keep)))
         return
     print("load before: %s" % os.getloadavg().__repr__(), flush=True)
     results = []

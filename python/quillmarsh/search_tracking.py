@@ -65,6 +65,7 @@ _SCHEMA = (
         submitted INTEGER NOT NULL DEFAULT 0,
         created_at REAL NOT NULL)""",
     "CREATE INDEX IF NOT EXISTS signal_evaluations_pool ON signal_evaluations (pool_id, created_at)",
+    "CREATE INDEX IF NOT EXISTS signal_evaluations_era ON signal_evaluations (era_id, created_at)",
     """CREATE TABLE IF NOT EXISTS strategy_evaluations (
         eval_id TEXT PRIMARY KEY,
         era_id INTEGER NOT NULL,
@@ -473,9 +474,10 @@ class SearchTracker:
         rows = self._query(sql + " GROUP BY kind, name ORDER BY kind, name", params)
         return [(k, n, int(e or 0), int(p or 0), int(re or 0), int(rp or 0)) for k, n, e, p, re, rp in rows]
 
-    def signal_graphs(self, era_id, *, passed=None, since=None) -> list:
+    def signal_graphs(self, era_id, *, passed=None, since=None, sharpe_at_most=None) -> list:
         """(graph_json, passed, sharpe, created_at) of the era's signal evaluations, oldest first;
-        only passes or only failures with ``passed``, only those recorded at ``since`` or later."""
+        only passes or only failures with ``passed``, only those recorded at ``since`` or later, only
+        those whose Sharpe is ``sharpe_at_most`` or less."""
         sql = "SELECT graph_json, passed, sharpe, created_at FROM signal_evaluations WHERE era_id = ?"
         params = [_require_int(era_id, "era_id")]
         if passed is not None:
@@ -484,6 +486,9 @@ class SearchTracker:
         if since is not None:
             sql += " AND created_at >= ?"
             params.append(float(since))
+        if sharpe_at_most is not None:
+            sql += " AND sharpe <= ?"
+            params.append(float(sharpe_at_most))
         rows = self._query(sql + " ORDER BY created_at", params)
         return [(g, bool(p), s, t) for g, p, s, t in rows]
 

@@ -44,19 +44,20 @@ def store(tmp_path):
 
 
 def test_outcomes_recorded_during_a_run_change_later_draws(store):
-    gen = st.adaptive_weighted(make_ctx(store), refresh_seconds=3600.0, refresh_evaluations=50,
-                               explore_share=0.1, local_share=0.0)
-    before = [next(gen) for _ in range(50)]
+    features = ("good", "n1", "n2", "n3", "n4", "n5")
+    gen = st.adaptive_weighted(make_ctx(store, features=features, depth=4), refresh_seconds=3600.0,
+                               refresh_evaluations=60, explore_share=0.1, local_share=0.0)
+    before = [next(gen) for _ in range(60)]
     share = lambda graphs: sum("good" in leaves(g) for g in graphs) / len(graphs)  # noqa: E731
     # The run's outcomes: whatever used "good" passed, everything else failed.
     for graph in before:
         record(store, graph, "good" in leaves(graph))
-    after = [next(gen) for _ in range(400)][50:]  # from the first refresh on
-    assert share(after) > share(before) + 0.2
+    after = [next(gen) for _ in range(200)]  # the first of these refreshes
+    assert share(after) > share(before) + 0.2, (share(before), share(after))
     learnt = st.adaptive_weighted_learning()
     assert learnt["refreshes"] >= 1 and learnt["refresh_failures"] == 0
     weights = learnt["feature_weights"]
-    assert weights["good"] > 2 * max(weights["n1"], weights["n2"], weights["n3"])
+    assert weights["good"] > 2 * max(weights[f] for f in features[1:])
 
 
 def test_no_graph_already_in_the_store_is_drawn_again_and_workers_share_what_was_drawn(store):
@@ -65,17 +66,18 @@ def test_no_graph_already_in_the_store_is_drawn_again_and_workers_share_what_was
     space = [{"type": "rotation", "node": "smooth", "children": [{"type": "feature", "node": x}]} for x in feats]
     space += [{"type": "rotation", "node": "mix", "children": [{"type": "feature", "node": x},
                                                                {"type": "feature", "node": y}]}
-              for x, y in itertools.product(feats, repeat=2)]
+              for x, y in itertools.permutations(feats, 2)]  # mix(x, x) is x again: never drawn
     for graph in space[::2]:  # half of the depth-2 space was evaluated by an earlier run of the era
         record(store, graph, False)
     first = st.adaptive_weighted(make_ctx(store, funcs, feats, depth=2), explore_share=1.0, local_share=0.0)
     second = st.adaptive_weighted(make_ctx(store, funcs, feats, depth=2), explore_share=1.0, local_share=0.0)
-    drawn = []
-    for gen in itertools.cycle((first, second)):
+    drawn, exhausted = [], set()
+    for gen in itertools.islice(itertools.cycle((first, second)), 100):
         try:
             drawn.append(json.dumps(next(gen), sort_keys=True))
         except StopIteration:
-            if len(drawn) >= len(space) - len(space[::2]):
+            exhausted.add(id(gen))
+            if len(exhausted) == 2:
                 break
     expected = {json.dumps(g, sort_keys=True) for g in space[1::2]}
     assert sorted(drawn) == sorted(expected)  # each remaining graph once, across both workers
@@ -152,9 +154,12 @@ def test_near_copies_of_a_found_signal_are_never_drawn(store):
     with pytest.raises(StopIteration):
         while len(drawn) < 50:
             drawn.append(json.dumps(next(gen), sort_keys=True))
-    # 12 full trees of depth 2 and 3: the found one and its smoothed copy are left out, nothing is repeated.
-    smoothed = json.dumps({"type": "rotation", "node": "smooth", "children": [flip_good]}, sort_keys=True)
-    assert len(drawn) == len(set(drawn)) == 10 and smoothed not in drawn
+    # 12 full trees of depth 2 and 3: the found one and its two smoothed copies are left out, and nothing
+    # is repeated.
+    smooth = lambda g: {"type": "rotation", "node": "smooth", "children": [g]}  # noqa: E731
+    copies = [json.dumps(g, sort_keys=True) for g in
+              (smooth(flip_good), dict(flip_good, children=[smooth(flip_good["children"][0])]))]
+    assert len(drawn) == len(set(drawn)) == 9 and not set(copies) & set(drawn)
     learnt = st.adaptive_weighted_learning()
     assert learnt["near_copies_skipped"] >= 1 and learnt["found"] == 1
 

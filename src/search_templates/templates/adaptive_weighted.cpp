@@ -96,7 +96,7 @@ std::shared_ptr<AdaptiveSearchMemory> find_memory(py::handle tracker, py::handle
 
 py::dict AdaptiveSearchMemory::summary() const {
     py::dict out;
-    long long draws = draws_explore + draws_learned + draws_local;
+    long long draws = draws_explore + draws_learned + draws_local + draws_mirror;
     out["evaluated_known"] = py::int_(static_cast<long long>(evaluated.size()));
     out["seeded_from_store"] = py::int_(seeded_count);
     out["found"] = py::int_(static_cast<long long>(found.size()));
@@ -104,10 +104,12 @@ py::dict AdaptiveSearchMemory::summary() const {
     by_mode["explore"] = py::int_(draws_explore);
     by_mode["learned"] = py::int_(draws_learned);
     by_mode["local"] = py::int_(draws_local);
+    by_mode["mirror"] = py::int_(draws_mirror);
     out["draws"] = by_mode;
     out["exploration_share"] = py::float_(draws ? static_cast<double>(draws_explore) / draws : 0.0);
     out["repeats_skipped"] = py::int_(repeats_skipped);
     out["near_copies_skipped"] = py::int_(near_copies_skipped);
+    out["degenerate_skipped"] = py::int_(degenerate_skipped);
     out["refreshes"] = py::int_(refreshes);
     out["refresh_failures"] = py::int_(refresh_failures);
     out["store_read_failures"] = py::int_(store_read_failures);
@@ -174,10 +176,22 @@ std::uint64_t AdaptiveWeightedGenerator::hash(const Tree& t) const {
     return combine(h, static_cast<std::uint64_t>(t.kids.size() + f.config_hashes.size()));
 }
 
-std::uint64_t AdaptiveWeightedGenerator::core_hash(const Tree& t) const {
-    const Tree* core = &t;
-    while (core->fn >= 0 && functions_[core->fn].wrapper && core->kids.size() == 1) core = &core->kids[0];
-    return hash(*core);
+bool AdaptiveWeightedGenerator::degenerate(const Tree& t) const {
+    if (t.fn < 0) return false;
+    for (size_t i = 1; i < t.kids.size(); ++i)
+        if (hash(t.kids[i]) == hash(t.kids[0])) return true;
+    for (const Tree& kid : t.kids)
+        if (degenerate(kid)) return true;
+    return false;
+}
+
+std::uint64_t AdaptiveWeightedGenerator::shape_hash(const Tree& t) const {
+    if (t.fn < 0) return feature_hashes_[t.feat];
+    const Function& f = functions_[t.fn];
+    if (f.wrapper && t.kids.size() == 1) return shape_hash(t.kids[0]);
+    std::uint64_t h = f.family_hash;
+    for (const Tree& kid : t.kids) h = combine(h, shape_hash(kid));
+    return combine(h, static_cast<std::uint64_t>(t.kids.size()));
 }
 
 int AdaptiveWeightedGenerator::depth(const Tree& t) const {
@@ -288,6 +302,8 @@ bool AdaptiveWeightedGenerator::prepare() {
         }
         f.base_hash = node_hash("rotation", name.cast<std::string>());
         std::string subfamily = text_of(map_get(record, "function_subfamily", py::str("")));
+        f.family_hash = node_hash("family", text_of(map_get(record, "function_family", py::str(""))) + "/" +
+                                                subfamily + "/" + std::to_string(f.data_inputs));
         f.wrapper = f.data_inputs == 1 &&
                     std::find(options_.wrapper_subfamilies.begin(), options_.wrapper_subfamilies.end(), subfamily) !=
                         options_.wrapper_subfamilies.end();
@@ -304,6 +320,16 @@ bool AdaptiveWeightedGenerator::prepare() {
             function_names_.append(name);
         }
     }
+    if (!options_.mirror_function.empty()) {
+        py::str mirror_name(options_.mirror_function);
+        if (PyDict_Contains(function_index_.ptr(), mirror_name.ptr())) {
+            int i = function_index_[mirror_name].cast<int>();
+            if (functions_[i].data_inputs == 1) mirror_fn_ = i;
+        }
+    }
+    py::object thresholds = attr_or(ctx_, "_thresholds");
+    if (is_dict(thresholds))
+        mirror_sharpe_ = std::max(0.5, std::fabs(random_weighted_float_value(map_get(thresholds, "sharpe_min"), 1.0)));
     std::vector<std::string> families;
     for (py::handle record : safe)
         families.push_back(text_of(map_get(record, "function_family", py::str(""))) + "/" +
@@ -354,7 +380,7 @@ bool AdaptiveWeightedGenerator::accept_found(py::handle graph) {
     if (!memory_->found_seen.insert(h).second) return false;
     if (memory_->found.size() < kMaxElites) memory_->found.push_back(py::reinterpret_borrow<py::object>(graph));
     Tree t;
-    if (parse(graph, t, 1)) memory_->found_cores.insert(core_hash(t));
+    if (parse(graph, t, 1)) memory_->found_shapes.insert(shape_hash(t));
     return true;
 }
 
@@ -396,6 +422,56 @@ void AdaptiveWeightedGenerator::read_found() {
         }
     });
     if (!ok) ++memory_->store_read_failures;
+    if (mirror_fn_ >= 0) read_mirrors(read, era_id);
+}
+
+void AdaptiveWeightedGenerator::read_mirrors(py::handle read, py::handle era_id) {
+    bool ok = guarded([&] {
+        py::dict kwargs;
+        kwargs["passed"] = false;
+        kwargs["since"] = memory_->mirror_since ? memory_->mirror_since : py::object(py::none());
+        kwargs["sharpe_at_most"] = py::float_(-mirror_sharpe_);
+        py::object rows = read(era_id, **kwargs);
+        for (py::handle row : rows) {
+            py::object graph = json_loads_(py::object(row[py::int_(0)]));
+            if (memory_->mirror_seen.insert(canonical_graph_hash(graph)).second) memory_->to_mirror.push_back(graph);
+            memory_->mirror_since = py::object(row[py::int_(3)]);
+        }
+    });
+    if (!ok) ++memory_->store_read_failures;
+}
+
+bool AdaptiveWeightedGenerator::mirror_candidate(Tree& out) {
+    while (!memory_->to_mirror.empty()) {
+        py::object graph = memory_->to_mirror.front();
+        memory_->to_mirror.pop_front();
+        Tree t;
+        if (!parse(graph, t, 1)) continue;
+        if (t.fn == mirror_fn_ && t.kids.size() == 1) {
+            Tree inner = std::move(t.kids[0]);
+            if (inner.fn < 0) continue;  // a bare feature is not a SIGNAL root
+            out = std::move(inner);
+        } else {
+            out = Tree{};
+            out.fn = mirror_fn_;
+            out.kids.push_back(std::move(t));
+        }
+        if (depth(out) > effective_max_depth_ || node_count(out) > node_limit_) {
+            ++memory_->budget_skipped;
+            continue;
+        }
+        std::uint64_t h = hash(out);
+        if (memory_->evaluated.count(h)) {
+            ++memory_->repeats_skipped;
+            continue;
+        }
+        if (memory_->found_shapes.count(shape_hash(out))) {
+            ++memory_->near_copies_skipped;
+            continue;
+        }
+        return true;
+    }
+    return false;
 }
 
 void AdaptiveWeightedGenerator::refresh_weights() {
@@ -481,7 +557,11 @@ bool AdaptiveWeightedGenerator::local_move(Tree& out) {
     out = elites_[static_cast<size_t>(rng_.below(elites_.size()))];
     std::vector<std::pair<Tree*, int>> nodes;
     collect(out, 0, nodes);
-    std::uint64_t op = rng_.below(4);
+    // Moves that change little (a feature, a window) a quarter and a tenth of the time; moves that add
+    // something new (a fresh subtree, a combination) the rest, as they more often give a signal unlike
+    // the one it came from.
+    std::uint64_t r = rng_.below(20);
+    int op = r < 5 ? 0 : r < 7 ? 1 : r < 13 ? 2 : 3;
     if (op == 0) {  // swap a feature
         std::vector<Tree*> leaves;
         for (auto& [node, level] : nodes)
@@ -539,6 +619,15 @@ py::object AdaptiveWeightedGenerator::next() {
         py::object bits = random_module_.attr("getrandbits")(64);
         rng_.seed(PyLong_AsUnsignedLongLongMask(bits.ptr()));
         AdaptiveSearchMemory& memory = *memory_;
+        if (mirror_fn_ >= 0) {
+            Tree mirrored;
+            if (mirror_candidate(mirrored)) {
+                memory.evaluated.insert(hash(mirrored));
+                ++memory.draws_mirror;
+                ++yields_since_refresh_;
+                return to_graph(mirrored);
+            }
+        }
         for (long long refused = 0; refused < kGiveUpAfter; ++refused) {
             double u = rng_.uniform();
             Mode mode = u < options_.explore_share ? Mode::Explore
@@ -556,11 +645,17 @@ py::object AdaptiveWeightedGenerator::next() {
                 candidate = random_tree(d, mode == Mode::Explore);
             }
             std::uint64_t h = hash(candidate);
+            if (degenerate(candidate)) {
+                // f(x, x): a copy of x (min, max, add), a constant (sub, div) or its square.
+                ++memory.degenerate_skipped;
+                memory.evaluated.insert(h);
+                continue;
+            }
             if (memory.evaluated.count(h)) {
                 ++memory.repeats_skipped;
                 continue;
             }
-            if (!memory.found_cores.empty() && memory.found_cores.count(core_hash(candidate))) {
+            if (!memory.found_shapes.empty() && memory.found_shapes.count(shape_hash(candidate))) {
                 ++memory.near_copies_skipped;
                 memory.evaluated.insert(h);  // never worth drawing again
                 continue;
@@ -595,7 +690,8 @@ double option_float(py::handle value, const char* name, double lo, double hi) {
 }  // namespace
 
 py::object adaptive_weighted(py::object ctx, py::object refresh_seconds, py::object refresh_evaluations,
-                             py::object explore_share, py::object local_share, py::object wrapper_subfamilies) {
+                             py::object explore_share, py::object local_share, py::object wrapper_subfamilies,
+                             py::object mirror_function) {
     AdaptiveOptions options;
     options.refresh_seconds = option_float(refresh_seconds, "refresh_seconds", 0.0, 1e9);
     if (!is_int_not_bool(refresh_evaluations) || py_lt(refresh_evaluations, py::int_(1)))
@@ -613,6 +709,13 @@ py::object adaptive_weighted(py::object ctx, py::object refresh_seconds, py::obj
             if (!is_str(name)) throw py::type_error("wrapper_subfamilies must hold strings, got " + st::repr(name));
             options.wrapper_subfamilies.push_back(name.cast<std::string>());
         }
+    }
+    if (!mirror_function.is_none()) {
+        if (!is_str(mirror_function))
+            throw py::type_error("mirror_function must be a function name or None, got " + st::repr(mirror_function));
+        options.mirror_function = mirror_function.cast<std::string>();
+    } else {
+        options.mirror_function.clear();
     }
     return py::cast(new AdaptiveWeightedGenerator(std::move(ctx), std::move(options)),
                     py::return_value_policy::take_ownership);
@@ -640,11 +743,12 @@ void bind_adaptive_weighted(py::module_& m) {
         .def("close", [](AdaptiveWeightedGenerator&) {});
     m.def("adaptive_weighted", &adaptive_weighted, py::arg("ctx"), py::arg("refresh_seconds") = 5.0,
           py::arg("refresh_evaluations") = 500, py::arg("explore_share") = 0.2, py::arg("local_share") = 0.4,
-          py::arg("wrapper_subfamilies") = py::none(),
+          py::arg("wrapper_subfamilies") = py::none(), py::arg("mirror_function") = "neg",
           "Built-in template that learns while it runs: refreshes analytics every refresh_seconds or "
           "refresh_evaluations graphs, never yields a graph already evaluated in the era, draws a share of "
           "graphs with flat weights (explore_share) and a share by local moves around found signals "
-          "(local_share), and skips near-copies of found signals under wrappers of the given subfamilies.");
+          "(local_share), skips near-copies of found signals under wrappers of the given subfamilies, and "
+          "draws mirror_function(graph) for graphs whose Sharpe was at or below minus the era's floor.");
     m.def("analyze_adaptive_weighted", [](py::object ctx) { return analyze_adaptive_weighted(ctx); }, py::arg("ctx"),
           "analyze_random_weighted's report plus what adaptive_weighted has learnt in this search ('learning').");
     m.def("adaptive_weighted_learning", &adaptive_weighted_learning,
