@@ -311,9 +311,12 @@ def render_report(report: dict, limit: int = 15) -> str:
     if unsafe:
         parts.append(f"functions random_weighted will not use ({len(unsafe)}):\n"
                      + _table(sorted(unsafe.items()), ["name", "reason"]))
-    learning = report.get("learning")
+    learning = report.get("learning", False)
     if isinstance(learning, dict):
         parts.append(render_learning(learning))
+    elif learning is None:
+        parts.append("adaptive_weighted has not run in this process: the weights above are what it starts "
+                     "from; it refreshes them while it runs and draws a fifth of its graphs with flat weights.")
     for key, value in report.items():
         if key not in ("function_weights", "feature_weights", "unsafe_functions", "learning") \
                 and isinstance(value, (dict, list)):

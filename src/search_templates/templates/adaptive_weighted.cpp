@@ -99,7 +99,8 @@ py::dict AdaptiveSearchMemory::summary() const {
     long long draws = draws_explore + draws_learned + draws_local + draws_mirror;
     out["evaluated_known"] = py::int_(static_cast<long long>(evaluated.size()));
     out["seeded_from_store"] = py::int_(seeded_count);
-    out["found"] = py::int_(static_cast<long long>(found.size()));
+    out["found"] = py::int_(static_cast<long long>(found_seen.size()));
+    out["found_signals"] = py::int_(static_cast<long long>(found.size()));
     py::dict by_mode;
     by_mode["explore"] = py::int_(draws_explore);
     by_mode["learned"] = py::int_(draws_learned);
@@ -374,11 +375,17 @@ bool AdaptiveWeightedGenerator::prepare() {
     return true;
 }
 
-bool AdaptiveWeightedGenerator::accept_found(py::handle graph) {
+bool AdaptiveWeightedGenerator::accept_found(py::handle graph, py::handle sharpe) {
     std::uint64_t h = canonical_graph_hash(graph);
     memory_->evaluated.insert(h);
     if (!memory_->found_seen.insert(h).second) return false;
-    if (memory_->found.size() < kMaxElites) memory_->found.push_back(py::reinterpret_borrow<py::object>(graph));
+    // Found graphs with the same in-sample Sharpe to two decimals are, as good as always, one signal
+    // written in several ways (min(x, y) with y far larger than x is x): local moves start from one of
+    // them only, so that they spread over different signals rather than over the copies of one.
+    double value = random_weighted_float_value(sharpe, 0.0);
+    bool new_signal = memory_->found_sharpes.insert(static_cast<long long>(std::llround(value * 100.0))).second;
+    if (new_signal && memory_->found.size() < kMaxElites)
+        memory_->found.push_back(py::reinterpret_borrow<py::object>(graph));
     Tree t;
     if (parse(graph, t, 1)) memory_->found_shapes.insert(shape_hash(t));
     return true;
@@ -397,7 +404,7 @@ void AdaptiveWeightedGenerator::seed_memory() {
             py::object graph = json_loads_(py::object(row[py::int_(0)]));
             std::uint64_t h = canonical_graph_hash(graph);
             if (memory_->evaluated.insert(h).second) ++memory_->seeded_count;
-            if (truthy(py::object(row[py::int_(1)]))) accept_found(graph);
+            if (truthy(py::object(row[py::int_(1)]))) accept_found(graph, py::object(row[py::int_(2)]));
             memory_->found_since = py::object(row[py::int_(3)]);
         }
     });
@@ -417,7 +424,7 @@ void AdaptiveWeightedGenerator::read_found() {
         kwargs["since"] = memory_->found_since ? memory_->found_since : py::object(py::none());
         py::object rows = read(era_id, **kwargs);
         for (py::handle row : rows) {
-            accept_found(json_loads_(py::object(row[py::int_(0)])));
+            accept_found(json_loads_(py::object(row[py::int_(0)])), py::object(row[py::int_(2)]));
             memory_->found_since = py::object(row[py::int_(3)]);
         }
     });
@@ -451,6 +458,10 @@ bool AdaptiveWeightedGenerator::mirror_candidate(Tree& out) {
             Tree inner = std::move(t.kids[0]);
             if (inner.fn < 0) continue;  // a bare feature is not a SIGNAL root
             out = std::move(inner);
+        } else if (depth(t) >= effective_max_depth_ && functions_[t.fn].wrapper && t.kids.size() == 1) {
+            // No room above: an order-keeping wrapper at the root gives way to the sign flip instead.
+            out = std::move(t);
+            out.fn = mirror_fn_;
         } else {
             out = Tree{};
             out.fn = mirror_fn_;

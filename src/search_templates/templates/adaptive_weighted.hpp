@@ -54,7 +54,8 @@ struct AdaptiveSearchMemory {
     std::unordered_set<std::uint64_t> evaluated;    // canonical hashes of graphs evaluated in this era
     std::unordered_set<std::uint64_t> found_seen;   // canonical hashes of the found graphs held below
     std::unordered_set<std::uint64_t> found_shapes;  // shapes of the found graphs (see above)
-    std::vector<py::object> found;                  // found graphs (maps), oldest first
+    std::unordered_set<long long> found_sharpes;    // in-sample Sharpe x 100 of the found graphs
+    std::vector<py::object> found;                  // found graphs of distinct Sharpe (maps), oldest first
     py::object found_since;                         // created_at of the newest found graph read, or None
     std::deque<py::object> to_mirror;               // evaluated graphs whose mirror image is still to draw
     std::unordered_set<std::uint64_t> mirror_seen;  // canonical hashes of the graphs put on to_mirror
@@ -110,7 +111,7 @@ private:
     void read_mirrors(py::handle read, py::handle era_id);
     bool mirror_candidate(Tree& out);
     void refresh_weights();
-    bool accept_found(py::handle graph);
+    bool accept_found(py::handle graph, py::handle sharpe);
 
     std::uint64_t hash(const Tree& t) const;
     std::uint64_t shape_hash(const Tree& t) const;
