@@ -316,7 +316,7 @@ def render_report(report: dict, limit: int = 15) -> str:
         parts.append(render_learning(learning))
     elif learning is None:
         parts.append("adaptive_weighted has not run in this process: the weights above are what it starts "
-                     "from; it refreshes them while it runs and draws a fifth of its graphs with flat weights.")
+                     "from; it refreshes them while it runs and draws about a sixth of its graphs with flat weights.")
     for key, value in report.items():
         if key not in ("function_weights", "feature_weights", "unsafe_functions", "learning") \
                 and isinstance(value, (dict, list)):

@@ -127,9 +127,10 @@ _SCHEMA = (
         attempts INTEGER NOT NULL DEFAULT 1,
         first_attempt_at REAL NOT NULL,
         last_attempt_at REAL NOT NULL)""",
-    # Outcome counts of signal evaluations per pool, name and hour, kept current as outcomes are recorded,
-    # so that the statistics of a store of any size are read from a few hundred rows. ``kind`` is
-    # 'function', 'feature' or 'total' (with name ''); ``hour`` is the wall-clock hour of the outcome.
+    # Outcome counts of signal evaluations per pool and name, kept current as outcomes are recorded, so
+    # that the statistics of a store of any size are read from a few hundred rows. ``kind`` is
+    # 'function', 'feature' or 'total' (with name ''). Each outcome counts twice: in the row of hour -1,
+    # which holds all time, and in the row of its wall-clock hour, which the recent window reads.
     """CREATE TABLE IF NOT EXISTS signal_name_stats (
         pool_id TEXT NOT NULL,
         kind TEXT NOT NULL,
@@ -138,6 +139,7 @@ _SCHEMA = (
         evaluation_count INTEGER NOT NULL DEFAULT 0,
         pass_count INTEGER NOT NULL DEFAULT 0,
         PRIMARY KEY (pool_id, kind, name, hour))""",
+    "CREATE INDEX IF NOT EXISTS signal_name_stats_hour ON signal_name_stats (pool_id, hour)",
     """CREATE TABLE IF NOT EXISTS tracker_state (
         key TEXT PRIMARY KEY,
         value TEXT NOT NULL,
@@ -204,16 +206,18 @@ _UPSERT_NAME_STATS = (
     "evaluation_count = signal_name_stats.evaluation_count + excluded.evaluation_count, "
     "pass_count = signal_name_stats.pass_count + excluded.pass_count")
 _SECONDS_PER_HOUR = 3600.0
+_ALL_TIME = -1  # the hour of the rows that count every outcome of a name
 
 
 def _name_stat_rows(pool_id, functions, features, passed, created_at) -> list:
     """The rows that one outcome adds to ``signal_name_stats``: its total, its functions, its features."""
     pool = "" if pool_id is None else str(pool_id)
-    hour = int(created_at // _SECONDS_PER_HOUR)
     p = 1 if passed else 0
-    rows = [(pool, "total", "", hour, 1, p)]
-    rows.extend((pool, "function", name, hour, 1, p) for name in functions)
-    rows.extend((pool, "feature", name, hour, 1, p) for name in features)
+    rows = []
+    for hour in (_ALL_TIME, int(created_at // _SECONDS_PER_HOUR)):
+        rows.append((pool, "total", "", hour, 1, p))
+        rows.extend((pool, "function", name, hour, 1, p) for name in functions)
+        rows.extend((pool, "feature", name, hour, 1, p) for name in features)
     return rows
 
 
@@ -462,16 +466,16 @@ class SearchTracker:
         ``kind`` is 'function', 'feature' or 'total' (name ''). Recent counts are those of the hours from
         the one holding ``recent_since`` on (all zero without it). Read from the aggregates that
         ``record_signal_evaluation`` keeps current, so the cost does not grow with the store."""
-        since_hour = int(float(recent_since) // _SECONDS_PER_HOUR) if recent_since is not None else None
-        sql = ("SELECT kind, name, SUM(evaluation_count), SUM(pass_count), "
-               "SUM(CASE WHEN hour >= ? THEN evaluation_count ELSE 0 END), "
-               "SUM(CASE WHEN hour >= ? THEN pass_count ELSE 0 END) FROM signal_name_stats")
-        params = [since_hour, since_hour]
-        if pool_ids:
-            pools = [str(p) for p in pool_ids]
-            sql += " WHERE pool_id IN (%s)" % ", ".join("?" * len(pools))
-            params.extend(pools)
-        rows = self._query(sql + " GROUP BY kind, name ORDER BY kind, name", params)
+        since_hour = int(float(recent_since) // _SECONDS_PER_HOUR) if recent_since is not None else 2 ** 62
+        pools = [str(p) for p in pool_ids] if pool_ids else []
+        where = " AND pool_id IN (%s)" % ", ".join("?" * len(pools)) if pools else ""
+        sql = ("SELECT kind, name, SUM(e_all), SUM(p_all), SUM(e_recent), SUM(p_recent) FROM ("
+               "SELECT kind, name, evaluation_count AS e_all, pass_count AS p_all, 0 AS e_recent, 0 AS p_recent "
+               "FROM signal_name_stats WHERE hour = ?" + where + " UNION ALL "
+               "SELECT kind, name, 0, 0, evaluation_count, pass_count "
+               "FROM signal_name_stats WHERE hour >= ?" + where + ") AS counts "
+               "GROUP BY kind, name ORDER BY kind, name")
+        rows = self._query(sql, [_ALL_TIME, *pools, since_hour, *pools])
         return [(k, n, int(e or 0), int(p or 0), int(re or 0), int(rp or 0)) for k, n, e, p, re, rp in rows]
 
     def signal_graphs(self, era_id, *, passed=None, since=None, sharpe_at_most=None) -> list:

@@ -182,6 +182,34 @@ def test_local_moves_stay_near_found_signals_and_within_the_budget(store):
     assert near > 0.3 * len(graphs), near
 
 
+def node(name, *children):
+    return {"type": "rotation", "node": name, "children": list(children)}
+
+
+LEAF = {"type": "feature", "node": "n1"}
+
+
+@pytest.mark.parametrize("evaluated, sharpe, mirror", [
+    (node("flip", LEAF), -2.0, node("neg", node("flip", LEAF))),
+    (node("neg", node("flip", LEAF)), -1.5, node("flip", LEAF)),
+    # At full depth an order-keeping wrapper at the root gives way to the sign flip.
+    (node("smooth", node("flip", LEAF)), -3.0, node("neg", node("flip", LEAF))),
+    (node("flip", LEAF), -0.5, None),  # not beyond the era's floor of 1.0: nothing to mirror
+])
+def test_a_graph_with_a_strongly_negative_sharpe_is_mirrored_first(store, evaluated, sharpe, mirror):
+    from quillmarsh.search_tracking import BacktestStats
+
+    store.record_signal_evaluation(evaluated, BacktestStats(sharpe=sharpe), ERA["era_id"], False, "U1", {},
+                                   pool_id=POOL)
+    funcs = functions() + [rot("neg", ["data"], function_subfamily="unary")]
+    gen = st.adaptive_weighted(make_ctx(store, funcs, depth=3))
+    first = next(gen)
+    if mirror is None:
+        assert st.adaptive_weighted_learning()["draws"]["mirror"] == 0
+    else:
+        assert first == mirror and st.adaptive_weighted_learning()["draws"]["mirror"] == 1
+
+
 @pytest.mark.parametrize("kwargs, error", [
     ({"refresh_seconds": -1.0}, ValueError),
     ({"refresh_seconds": "soon"}, ValueError),
@@ -191,6 +219,7 @@ def test_local_moves_stay_near_found_signals_and_within_the_budget(store):
     ({"explore_share": 0.7, "local_share": 0.7}, ValueError),
     ({"wrapper_subfamilies": "smoothing"}, TypeError),
     ({"wrapper_subfamilies": [3]}, TypeError),
+    ({"mirror_function": 7}, TypeError),
 ])
 def test_bad_settings_are_refused_at_the_call(kwargs, error):
     with pytest.raises(error):

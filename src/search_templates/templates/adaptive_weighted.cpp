@@ -410,6 +410,7 @@ void AdaptiveWeightedGenerator::seed_memory() {
     });
     if (!ok) ++memory_->store_read_failures;
     memory_->last_found_read = now_seconds();
+    if (mirror_fn_ >= 0) read_mirrors(read, era_id);
 }
 
 void AdaptiveWeightedGenerator::read_found() {
@@ -753,7 +754,7 @@ void bind_adaptive_weighted(py::module_& m) {
         .def("__next__", &AdaptiveWeightedGenerator::next)
         .def("close", [](AdaptiveWeightedGenerator&) {});
     m.def("adaptive_weighted", &adaptive_weighted, py::arg("ctx"), py::arg("refresh_seconds") = 5.0,
-          py::arg("refresh_evaluations") = 500, py::arg("explore_share") = 0.2, py::arg("local_share") = 0.4,
+          py::arg("refresh_evaluations") = 500, py::arg("explore_share") = 0.15, py::arg("local_share") = 0.5,
           py::arg("wrapper_subfamilies") = py::none(), py::arg("mirror_function") = "neg",
           "Built-in template that learns while it runs: refreshes analytics every refresh_seconds or "
           "refresh_evaluations graphs, never yields a graph already evaluated in the era, draws a share of "

@@ -74,8 +74,8 @@ struct AdaptiveSearchMemory {
 struct AdaptiveOptions {
     double refresh_seconds = 5.0;
     long long refresh_evaluations = 500;
-    double explore_share = 0.2;
-    double local_share = 0.4;
+    double explore_share = 0.15;
+    double local_share = 0.5;
     std::vector<std::string> wrapper_subfamilies{"smoothing", "normalization", "order", "unary"};
     std::string mirror_function = "neg";  // empty: no mirror images
 };
