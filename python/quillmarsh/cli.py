@@ -1,6 +1,6 @@
 """The `quillmarsh` command: run a search on the local platform, and look at what it found.
 
-    quillmarsh demo [--minutes M] [--jobs N] [--data-dir D]
+    quillmarsh demo [--minutes M] [--jobs N] [--data-dir D] [--template adaptive_weighted|random_weighted]
     quillmarsh watch   [--data-dir D] [--seconds S]
     quillmarsh signals [--data-dir D] [--status S] [--limit N] [--since T] [--format table|csv|json]
     quillmarsh report  [--data-dir D] [--output PATH.png|PATH.svg] [--top N] [--since T]
@@ -24,6 +24,7 @@ from quillmarsh.signals import plain_table as _table
 PROGRESS_INTERVAL = 1.0        # seconds between refreshes of a live progress line
 PLAIN_PROGRESS_INTERVAL = 5.0  # seconds between plain progress lines (no terminal)
 BEST_SIGNALS = 5
+TEMPLATES = ("adaptive_weighted", "random_weighted")  # built-in templates; the first is the default
 
 
 class CliError(Exception):
@@ -61,10 +62,10 @@ def _parser() -> argparse.ArgumentParser:
     sub = parser.add_subparsers(dest="command", required=True, metavar="COMMAND")
     data_dir_help = "data directory of the local platform (default: ~/.quillmarsh/local)"
 
-    demo = sub.add_parser("demo", help="set up the local platform, search with random_weighted, summarise",
+    demo = sub.add_parser("demo", help="set up the local platform, search with a built-in template, summarise",
                           description="Set up the local platform (market, era, vocabulary, account), run a "
-                                      "search with the built-in random_weighted template, show its progress, "
-                                      "stop it and summarise what it found.")
+                                      "search with a built-in template (adaptive_weighted unless --template "
+                                      "says otherwise), show its progress, stop it and summarise what it found.")
     demo.add_argument("--minutes", type=_positive_float, default=1.0, help="how long to search (default: 1)")
     demo.add_argument("--jobs", type=_at_least(1), default=1, help="worker threads (default: 1)")
     demo.add_argument("--data-dir", help=data_dir_help)
@@ -72,6 +73,8 @@ def _parser() -> argparse.ArgumentParser:
                       help="instruments of the generated market (default: 500)")
     demo.add_argument("--days", type=_at_least(100), default=1260, help="days of the generated market (default: 1260)")
     demo.add_argument("--seed", type=int, default=7, help="seed of the generated market (default: 7)")
+    demo.add_argument("--template", choices=TEMPLATES, default=TEMPLATES[0],
+                      help="built-in template to search with (default: %(default)s)")
     demo.add_argument("--plot", help="where to write the picture of the best signals (default: in the data directory)")
 
     from quillmarsh.local.service.runner import add_serve_arguments
@@ -82,7 +85,7 @@ def _parser() -> argparse.ArgumentParser:
 
     for name, text in (("status", "the platform's era, universe and store counts"),
                        ("db-info", "the tracking store's tables, sizes and counts"),
-                       ("analyze", "random_weighted's view of the vocabulary and the weights it has learnt")):
+                       ("analyze", "the templates' view of the vocabulary and the weights they have learnt")):
         p = sub.add_parser(name, help=text, description=text[0].upper() + text[1:] + ".")
         p.add_argument("--data-dir", help=data_dir_help)
         if name == "analyze":
@@ -196,7 +199,7 @@ def run_demo(args, out=None) -> dict:
     from quillmarsh.local.service import start_demo_service
 
     service = start_demo_service(local.data_dir, args.instruments, args.days, args.seed, out)
-    handle = st.search(st.random_weighted, n_jobs=args.jobs)
+    handle = st.search(getattr(st, getattr(args, "template", TEMPLATES[0])), n_jobs=args.jobs)
     snap = _follow_search(handle, conn, local.data_dir, args.minutes * 60.0, out)
     if snap.error_code:
         print(f"The search stopped: {snap.error_code}: {snap.recovery_advice}", file=out)
@@ -205,6 +208,10 @@ def run_demo(args, out=None) -> dict:
     plot_path = Path(args.plot) if args.plot else local.data_dir / "best_signals.png"
     result = summarise(conn, started, local.evaluator, plot_path, out)
     result["service"] = service.finish(out, started)
+    learning = st.adaptive_weighted_learning() if getattr(args, "template", TEMPLATES[0]) == "adaptive_weighted" else None
+    if isinstance(learning, dict):
+        print("\n" + render_learning(learning), file=out)
+    result["learning"] = learning
     return result
 
 
@@ -244,7 +251,7 @@ def run_analyze(args, out=None) -> None:
     vocab = st._normalize_template_vocabulary(runtime.vocabulary_raw)
     ctx = st.SearchContext(vocab, local.universe_id, {}, getattr(era, "max_depth", 4), runtime.search_tracker,
                            runtime.sync_manager, runtime.evaluator, None, era)
-    report = st.analyze_random_weighted(ctx)
+    report = st.analyze_adaptive_weighted(ctx)
     if getattr(args, "format", "table") == "json":
         print(json.dumps(report, indent=1, sort_keys=True, default=str), file=out)
     else:
@@ -277,9 +284,34 @@ def render_report(report: dict, limit: int = 15) -> str:
     if unsafe:
         parts.append(f"functions random_weighted will not use ({len(unsafe)}):\n"
                      + _table(sorted(unsafe.items()), ["name", "reason"]))
+    learning = report.get("learning", False)
+    if isinstance(learning, dict):
+        parts.append(render_learning(learning))
+    elif learning is None:
+        parts.append("adaptive_weighted has not run in this process: the weights above are what it starts "
+                     "from; it refreshes them while it runs and draws about a sixth of its graphs with flat weights.")
     for key, value in report.items():
-        if key not in ("function_weights", "feature_weights", "unsafe_functions") and isinstance(value, (dict, list)):
+        if key not in ("function_weights", "feature_weights", "unsafe_functions", "learning") \
+                and isinstance(value, (dict, list)):
             parts.append(f"{key}: {json.dumps(value, default=str, sort_keys=True)}")
+    return "\n\n".join(parts)
+
+
+def render_learning(learning: dict, limit: int = 8) -> str:
+    """What adaptive_weighted learnt in a search: its draws by kind, what it skipped, its heaviest names."""
+    draws = learning.get("draws") or {}
+    rows = [("draws: explore / learned / local", " / ".join(str(draws.get(k, 0)) for k in ("explore", "learned", "local"))),
+            ("exploration share", f"{100.0 * (learning.get('exploration_share') or 0.0):.1f}%")]
+    rows += [(key.replace("_", " "), learning.get(key, 0)) for key in
+             ("found", "evaluated_known", "repeats_skipped", "near_copies_skipped", "refreshes", "refresh_failures")]
+    parts = ["adaptive_weighted in the last search:\n" + _table(rows, ["", "value"])]
+    for key, title in (("feature_weights", "features"), ("function_weights", "functions")):
+        weights = learning.get(key) or {}
+        if weights:
+            total = sum(weights.values()) or 1.0
+            top = sorted(weights.items(), key=lambda kv: -kv[1])[:limit]
+            parts.append(f"heaviest {title} now:\n" + _table([(n, f"{100.0 * w / total:.1f}%") for n, w in top],
+                                                              ["name", "share"]))
     return "\n\n".join(parts)
 
 

@@ -1,9 +1,15 @@
-"""Analytics of earlier evaluations, grouped by the functions and features that an expression used.
+"""Analytics of earlier evaluations, one row for each function and each feature that expressions used.
 
-A row's ``group_key`` is the pair (sorted function names, sorted feature names) of an expression; its
-``windows`` are [all time, the last 24 hours]. A window's ``yield_rate`` is the group's pass rate relative
-to the pass rate of all evaluations of the window, minus one: 0.0 is average, 1.0 twice as good, -1.0 never
-passed. Where nothing in the window passed at all, every group has -1.0.
+A row's ``group_key`` is the pair (function names, feature names) that it speaks for: one function and no
+feature, or no function and one feature. Its ``windows`` are [all time, recent]; recent is the last 24
+hours, counted in whole hours of the wall clock (so up to 25 hours). A window's ``yield_rate`` is the pass
+rate of the expressions that used the name relative to the pass rate of all evaluations of the window,
+minus one: 0.0 is average, 1.0 twice as good, -1.0 never passed. Where nothing in the window passed at all,
+every name has -1.0. Rows come most evaluated first.
+
+With a tracker that keeps outcome counts per name (``signal_name_stats``) the statistics are read from
+those counts, whose size does not grow with the store; a tracker that offers only ``signal_outcomes`` is
+counted outcome by outcome.
 """
 
 from __future__ import annotations
@@ -82,27 +88,45 @@ class SearchAnalytics:
         self.pool_ids = tuple(pool_ids)
 
     def get_search_stats(self, now: float | None = None) -> SearchStatsResult:
-        outcomes = self._tracker.signal_outcomes(self.pool_ids)
         recent_since = (time.time() if now is None else now) - RECENT_WINDOW_SECONDS
-        groups: dict = {}
-        totals = [[0, 0], [0, 0]]  # [evaluations, passes] for all time and recent
-        for functions, features, passed, created_at in outcomes:
-            key = (tuple(functions), tuple(features))
-            counts = groups.setdefault(key, [[0, 0], [0, 0]])
-            windows = (0, 1) if created_at >= recent_since else (0,)
-            for w in windows:
-                counts[w][0] += 1
-                counts[w][1] += int(passed)
-                totals[w][0] += 1
-                totals[w][1] += int(passed)
+        name_stats = getattr(self._tracker, "signal_name_stats", None)
+        if callable(name_stats):
+            counted = name_stats(self.pool_ids, recent_since)
+        else:
+            counted = _count_outcomes(self._tracker.signal_outcomes(self.pool_ids), recent_since)
+        totals = [(0, 0), (0, 0)]
+        names = []
+        for kind, name, n, p, recent_n, recent_p in counted:
+            if kind == "total":
+                totals = [(n, p), (recent_n, recent_p)]
+            elif kind in ("function", "feature") and n:
+                names.append((kind, name, ((n, p), (recent_n, recent_p))))
+        overall = [p / n if n else 0.0 for n, p in totals]
         rows = []
-        for (functions, features), counts in groups.items():
+        for kind, name, counts in names:
             windows = []
-            for w, name in ((0, "all"), (1, "recent")):
+            for w, window_name in ((0, "all"), (1, "recent")):
                 n, p = counts[w]
-                overall = totals[w][1] / totals[w][0] if totals[w][0] else 0.0
-                rate = (p / n) / overall - 1.0 if n and overall > 0.0 else (-1.0 if n else 0.0)
-                windows.append(AnalyticsWindow(name, rate, n, p))
-            rows.append(AnalyticsRow((list(functions), list(features)), windows, counts[0][0]))
+                rate = (p / n) / overall[w] - 1.0 if n and overall[w] > 0.0 else (-1.0 if n else 0.0)
+                windows.append(AnalyticsWindow(window_name, rate, n, p))
+            key = ([name], []) if kind == "function" else ([], [name])
+            rows.append(AnalyticsRow(key, windows, counts[0][0]))
         rows.sort(key=lambda row: (-row.evaluation_count, row.group_key))
-        return SearchStatsResult(total_evaluations=len(outcomes), rows=rows)
+        return SearchStatsResult(total_evaluations=totals[0][0], rows=rows)
+
+
+def _count_outcomes(outcomes, recent_since: float) -> list:
+    """Per-name counts, in the shape of ``SearchTracker.signal_name_stats``, of (functions, features,
+    passed, created_at) outcomes."""
+    counts: dict = {}
+    for functions, features, passed, created_at in outcomes:
+        recent = created_at >= recent_since
+        keys = [("total", "")] + [("function", f) for f in set(functions)] + [("feature", f) for f in set(features)]
+        for key in keys:
+            c = counts.setdefault(key, [0, 0, 0, 0])
+            c[0] += 1
+            c[1] += int(passed)
+            if recent:
+                c[2] += 1
+                c[3] += int(passed)
+    return [(kind, name, *c) for (kind, name), c in sorted(counts.items())]

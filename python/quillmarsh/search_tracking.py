@@ -65,6 +65,7 @@ _SCHEMA = (
         submitted INTEGER NOT NULL DEFAULT 0,
         created_at REAL NOT NULL)""",
     "CREATE INDEX IF NOT EXISTS signal_evaluations_pool ON signal_evaluations (pool_id, created_at)",
+    "CREATE INDEX IF NOT EXISTS signal_evaluations_era ON signal_evaluations (era_id, created_at)",
     """CREATE TABLE IF NOT EXISTS strategy_evaluations (
         eval_id TEXT PRIMARY KEY,
         era_id INTEGER NOT NULL,
@@ -126,6 +127,19 @@ _SCHEMA = (
         attempts INTEGER NOT NULL DEFAULT 1,
         first_attempt_at REAL NOT NULL,
         last_attempt_at REAL NOT NULL)""",
+    # Outcome counts of signal evaluations per pool and name, kept current as outcomes are recorded, so
+    # that the statistics of a store of any size are read from a few hundred rows. ``kind`` is
+    # 'function', 'feature' or 'total' (with name ''). Each outcome counts twice: in the row of hour -1,
+    # which holds all time, and in the row of its wall-clock hour, which the recent window reads.
+    """CREATE TABLE IF NOT EXISTS signal_name_stats (
+        pool_id TEXT NOT NULL,
+        kind TEXT NOT NULL,
+        name TEXT NOT NULL,
+        hour INTEGER NOT NULL,
+        evaluation_count INTEGER NOT NULL DEFAULT 0,
+        pass_count INTEGER NOT NULL DEFAULT 0,
+        PRIMARY KEY (pool_id, kind, name, hour))""",
+    "CREATE INDEX IF NOT EXISTS signal_name_stats_hour ON signal_name_stats (pool_id, hour)",
     """CREATE TABLE IF NOT EXISTS tracker_state (
         key TEXT PRIMARY KEY,
         value TEXT NOT NULL,
@@ -184,6 +198,27 @@ def _ensure_submission_sim_parent(conn, sim_id, era_id) -> None:
     tail = " ON CONFLICT DO NOTHING" if verb == "INSERT" else ""
     conn.execute("%s INTO submission_simulations (sim_id, era_id, created_at) VALUES (?, ?, ?)%s"
                  % (verb, tail), (str(sim_id), int(era_id), time.time()))
+
+
+_UPSERT_NAME_STATS = (
+    "INSERT INTO signal_name_stats (pool_id, kind, name, hour, evaluation_count, pass_count) "
+    "VALUES (?, ?, ?, ?, ?, ?) ON CONFLICT (pool_id, kind, name, hour) DO UPDATE SET "
+    "evaluation_count = signal_name_stats.evaluation_count + excluded.evaluation_count, "
+    "pass_count = signal_name_stats.pass_count + excluded.pass_count")
+_SECONDS_PER_HOUR = 3600.0
+_ALL_TIME = -1  # the hour of the rows that count every outcome of a name
+
+
+def _name_stat_rows(pool_id, functions, features, passed, created_at) -> list:
+    """The rows that one outcome adds to ``signal_name_stats``: its total, its functions, its features."""
+    pool = "" if pool_id is None else str(pool_id)
+    p = 1 if passed else 0
+    rows = []
+    for hour in (_ALL_TIME, int(created_at // _SECONDS_PER_HOUR)):
+        rows.append((pool, "total", "", hour, 1, p))
+        rows.extend((pool, "function", name, hour, 1, p) for name in functions)
+        rows.extend((pool, "feature", name, hour, 1, p) for name in features)
+    return rows
 
 
 _INSERT_SIGNAL_EVALUATION = (
@@ -308,6 +343,10 @@ class SearchTracker:
             self._conn.execute("PRAGMA journal_mode=WAL")
             self._conn.execute("PRAGMA synchronous=NORMAL")
             self._transaction(lambda conn: [conn.execute(sql) for sql in _SCHEMA])
+            # A store written before the aggregates existed gets them counted once.
+            if (self._conn.execute("SELECT 1 FROM signal_evaluations LIMIT 1").fetchall()
+                    and not self._conn.execute("SELECT 1 FROM signal_name_stats LIMIT 1").fetchall()):
+                self._transaction(self._rebuild_name_stats)
         except BaseException:
             self._conn.close()
             self._conn = None
@@ -377,16 +416,24 @@ class SearchTracker:
                  ("liquidity_metrics", "custom_stats", "weight_quality_metrics")}
         extra["passed"] = getattr(stats, "passed", None)
         eval_id = _new_eval_id()
-        self._write(
-            _INSERT_SIGNAL_EVALUATION,
-            (eval_id, era, None if universe_id is None else str(universe_id),
-             None if pool_id is None else str(pool_id), _json(graph), _json(functions), _json(features),
-             None if metaparameters is None else _json(metaparameters), 1 if passed else 0,
-             rejection_reason, *metrics, _json(extra),
-             None if per_column_stats is None else _json(per_column_stats),
-             _finite_or_none(expression_elapsed_seconds), _finite_or_none(is_correlation),
-             _finite_or_none(is_pnl_mi), _finite_or_none(agent_is_pnl_mi), _finite_or_none(is_weights_mi),
-             failure_reason, failure_detail, time.time()))
+        created_at = time.time()
+        row = (eval_id, era, None if universe_id is None else str(universe_id),
+               None if pool_id is None else str(pool_id), _json(graph), _json(functions), _json(features),
+               None if metaparameters is None else _json(metaparameters), 1 if passed else 0,
+               rejection_reason, *metrics, _json(extra),
+               None if per_column_stats is None else _json(per_column_stats),
+               _finite_or_none(expression_elapsed_seconds), _finite_or_none(is_correlation),
+               _finite_or_none(is_pnl_mi), _finite_or_none(agent_is_pnl_mi), _finite_or_none(is_weights_mi),
+               failure_reason, failure_detail, created_at)
+        counts = _name_stat_rows(pool_id, functions, features, passed, created_at)
+
+        def body(conn):
+            try:
+                conn.execute(_INSERT_SIGNAL_EVALUATION, row)
+                conn.executemany(_UPSERT_NAME_STATS, counts)
+            except sqlite3.Error as exc:
+                raise TrackerWriteError("Database write failed: %s" % exc) from exc
+        self._transaction(body)
         return eval_id
 
     def get_evaluation_count(self) -> int:
@@ -413,6 +460,63 @@ class SearchTracker:
         rows = self._query(sql + " ORDER BY created_at, rowid", params)
         return [(json.loads(f), json.loads(fe), bool(p), t) for f, fe, p, t in rows]
 
+    def signal_name_stats(self, pool_ids=None, recent_since=None) -> list:
+        """Outcome counts per name: (kind, name, evaluations, passes, recent evaluations, recent passes).
+
+        ``kind`` is 'function', 'feature' or 'total' (name ''). Recent counts are those of the hours from
+        the one holding ``recent_since`` on (all zero without it). Read from the aggregates that
+        ``record_signal_evaluation`` keeps current, so the cost does not grow with the store."""
+        since_hour = int(float(recent_since) // _SECONDS_PER_HOUR) if recent_since is not None else 2 ** 62
+        pools = [str(p) for p in pool_ids] if pool_ids else []
+        where = " AND pool_id IN (%s)" % ", ".join("?" * len(pools)) if pools else ""
+        sql = ("SELECT kind, name, SUM(e_all), SUM(p_all), SUM(e_recent), SUM(p_recent) FROM ("
+               "SELECT kind, name, evaluation_count AS e_all, pass_count AS p_all, 0 AS e_recent, 0 AS p_recent "
+               "FROM signal_name_stats WHERE hour = ?" + where + " UNION ALL "
+               "SELECT kind, name, 0, 0, evaluation_count, pass_count "
+               "FROM signal_name_stats WHERE hour >= ?" + where + ") AS counts "
+               "GROUP BY kind, name ORDER BY kind, name")
+        rows = self._query(sql, [_ALL_TIME, *pools, since_hour, *pools])
+        return [(k, n, int(e or 0), int(p or 0), int(re or 0), int(rp or 0)) for k, n, e, p, re, rp in rows]
+
+    def signal_graphs(self, era_id, *, passed=None, since=None, sharpe_at_most=None) -> list:
+        """(graph_json, passed, sharpe, created_at) of the era's signal evaluations, oldest first;
+        only passes or only failures with ``passed``, only those recorded at ``since`` or later, only
+        those whose Sharpe is ``sharpe_at_most`` or less."""
+        sql = "SELECT graph_json, passed, sharpe, created_at FROM signal_evaluations WHERE era_id = ?"
+        params = [_require_int(era_id, "era_id")]
+        if passed is not None:
+            sql += " AND passed = ?"
+            params.append(1 if passed else 0)
+        if since is not None:
+            sql += " AND created_at >= ?"
+            params.append(float(since))
+        if sharpe_at_most is not None:
+            sql += " AND sharpe <= ?"
+            params.append(float(sharpe_at_most))
+        rows = self._query(sql + " ORDER BY created_at", params)
+        return [(g, bool(p), s, t) for g, p, s, t in rows]
+
+    def _rebuild_name_stats(self, conn) -> None:
+        """Recount ``signal_name_stats`` from the evaluations (a store from before the aggregates, or
+        after a deletion). Runs inside the caller's transaction."""
+        totals: dict = {}
+        cursor = conn.execute("SELECT pool_id, function_names, feature_names, passed, created_at "
+                              "FROM signal_evaluations")
+        while True:
+            batch = cursor.fetchmany(10000)
+            if not batch:
+                break
+            for pool_id, functions, features, passed, created_at in batch:
+                for key in _name_stat_rows(pool_id, json.loads(functions), json.loads(features), passed,
+                                           created_at):
+                    counts = totals.setdefault(key[:4], [0, 0])
+                    counts[0] += 1
+                    counts[1] += key[5]
+        conn.execute("DELETE FROM signal_name_stats")
+        conn.executemany("INSERT INTO signal_name_stats (pool_id, kind, name, hour, evaluation_count, "
+                         "pass_count) VALUES (?, ?, ?, ?, ?, ?)",
+                         [(*key, n, p) for key, (n, p) in totals.items()])
+
     def _eval_tables(self, eval_type):
         if _require_eval_type(eval_type, allow_none=True) is None:
             return EVAL_TYPES
@@ -430,6 +534,8 @@ class SearchTracker:
                     params)
                 counts[kind] = cur.rowcount
             counts["deleted"] = sum(counts.values())
+            if counts.get("signal"):
+                self._rebuild_name_stats(conn)
             return counts
         return self._transaction(body)
 

@@ -15,22 +15,54 @@ def graph(function, *features):
             "children": [{"type": "feature", "node": f} for f in features]}
 
 
-def test_analytics_rows_group_by_functions_and_features(tracker):
+class _OutcomesOnly:
+    """A tracker that offers only the outcome list, not the per-name counts."""
+
+    def __init__(self, tracker):
+        self.signal_outcomes = tracker.signal_outcomes
+
+
+@pytest.mark.parametrize("counted_by", ["store aggregates", "outcome list"])
+def test_analytics_rows_speak_for_one_name_each(tracker, counted_by):
     outcomes = [("rank", ("close",), True), ("rank", ("close",), True), ("rank", ("close",), False),
                 ("zscore", ("open", "close"), False), ("zscore", ("open", "close"), False),
                 ("rank", ("close",), True)]
     for function, features, passed in outcomes:
         tracker.record_signal_evaluation(graph(function, *features), None, 1, passed, "u", {}, pool_id="p1")
     tracker.record_signal_evaluation(graph("other", "x"), None, 1, True, "u", {}, pool_id="elsewhere")
-    stats = SearchAnalytics(tracker, _resolve_pool_configs({"era_config": {"signal_pools": [{"name": "p1"}]}})
+    source = tracker if counted_by == "store aggregates" else _OutcomesOnly(tracker)
+    stats = SearchAnalytics(source, _resolve_pool_configs({"era_config": {"signal_pools": [{"name": "p1"}]}})
                             ).get_search_stats()
     assert isinstance(stats, SearchStatsResult) and stats.total_evaluations == 6
     by_key = {(tuple(r.group_key[0]), tuple(r.group_key[1])): r for r in stats.rows}
-    assert set(by_key) == {(("rank",), ("close",)), (("zscore",), ("close", "open"))}
-    rank = by_key[(("rank",), ("close",))]
+    assert set(by_key) == {(("rank",), ()), (("zscore",), ()), ((), ("close",)), ((), ("open",))}
+    rank, close = by_key[(("rank",), ())], by_key[((), ("close",))]
     assert rank.windows[0].evaluation_count == 4 == rank.evaluation_count
     assert rank.windows[0].yield_rate == pytest.approx((3 / 4) / (3 / 6) - 1.0)
-    assert by_key[(("zscore",), ("close", "open"))].windows[0].yield_rate == -1.0
+    assert close.evaluation_count == 6 and close.windows[0].yield_rate == pytest.approx(0.0)
+    assert by_key[(("zscore",), ())].windows[0].yield_rate == -1.0
+    assert [w.evaluation_count for w in rank.windows] == [4, 4]  # all recorded within the recent window
+    assert stats.rows[0].evaluation_count == 6  # most evaluated first
+
+
+def test_aggregates_follow_deletions_and_older_stores(tmp_path):
+    from quillmarsh.search_tracking import SearchTracker
+
+    def counts(t):
+        return {(k, n): (e, p) for k, n, e, p, _, _ in t.signal_name_stats(["p1"])}
+
+    t = SearchTracker(tmp_path)
+    for passed in (True, False, False):
+        t.record_signal_evaluation(graph("rank", "close"), None, 1, passed, "u", {}, pool_id="p1")
+    assert counts(t)[("function", "rank")] == (3, 1)
+    t.delete_failed_evaluations()
+    assert counts(t)[("function", "rank")] == (1, 1) and counts(t)[("total", "")] == (1, 1)
+    # A store written before the aggregates existed: they are counted when it is opened.
+    t._conn.execute("DELETE FROM signal_name_stats")
+    t.close()
+    t = SearchTracker(tmp_path)
+    assert counts(t) == {("total", ""): (1, 1), ("function", "rank"): (1, 1), ("feature", "close"): (1, 1)}
+    t.close()
 
 
 @pytest.mark.parametrize("era_config, expected", [

@@ -14,6 +14,7 @@ from quillmarsh import agent_onboarding, cli
     (["demo", "--minutes", "-1"], "--minutes: must be a positive number"),
     (["demo", "--minutes", "soon"], "--minutes: expected a number"),
     (["bogus"], "invalid choice"),
+    (["demo", "--template", "genetic"], "--template: invalid choice"),
     ([], "required"),
 ])
 def test_bad_arguments_give_one_line_and_exit_non_zero(capsys, argv, fragment):
@@ -105,6 +106,7 @@ def test_demo_runs_a_short_search_on_a_small_market(tmp_path, capsys, restore_on
     out = capsys.readouterr().out
     assert code == 0, out
     assert "expressions evaluated" in out and "Picture of the best signals" in out
+    assert "adaptive_weighted in the last search" in out and "exploration share" in out  # the default template
     # not a terminal: the live view is plain progress lines, and the last one says the search stopped
     progress = [line for line in out.splitlines() if " elapsed " in line and " eval/s " in line]
     assert progress and "\x1b" not in out and " stopped " in progress[-1]

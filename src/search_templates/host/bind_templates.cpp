@@ -1,7 +1,8 @@
 // Names of the built-in random weighted template: its constants, eligibility, parameter synthesis, node
-// budget, weight analytics, the generator and its report.
+// budget, weight analytics, the generator and its report; and the template that learns while it runs.
 #include "common/py_helpers.hpp"
 #include "host/bindings.hpp"
+#include "templates/adaptive_weighted.hpp"
 #include "templates/eligibility.hpp"
 #include "templates/node_budget.hpp"
 #include "templates/param_synthesis.hpp"
@@ -282,6 +283,7 @@ void bind_templates(py::module_& m) {
     bind_weights(m);
     bind_generator(m);
     bind_report(m);
+    bind_adaptive_weighted(m);
 }
 
 }  // namespace quillmarsh::st
