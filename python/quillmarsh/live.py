@@ -62,6 +62,8 @@ class Snapshot:
     memory_mb: float | None = None
     error_code: str | None = None
     recovery_advice: str | None = None
+    learning: str | None = None    # what a learning template says of itself (adaptive_weighted)
+    cache: str | None = None       # the evaluator's subtree cache, when it has one
 
     @property
     def pass_share(self) -> float:
@@ -209,6 +211,7 @@ class HandleSource:
             best=self.counter.best(), era=status.era or None, n_jobs=int(status.n_jobs),
             memory_mb=float(status.memory_usage_mb), error_code=error_code or status.error_code,
             recovery_advice=advice or status.recovery_advice)
+        snap.learning, snap.cache = _learning_text(), _cache_text()
         if self.publish_dir is not None:
             self.publish(snap)
         return snap
@@ -333,6 +336,41 @@ def _clock_text(seconds: float | None) -> str:
     return f"{seconds // 3600:d}:{seconds // 60 % 60:02d}:{seconds % 60:02d}"
 
 
+def _learning_text() -> str | None:
+    """adaptive_weighted's own account of the running search: its exploration share and what it skipped."""
+    import quillmarsh.search_templates as st
+
+    report = getattr(st, "adaptive_weighted_learning", None)
+    try:
+        learning = report() if callable(report) else None
+    except Exception:  # a view never fails for a template's report
+        return None
+    if not isinstance(learning, dict) or not learning.get("draws"):
+        return None
+    draws = learning.get("draws") or {}
+    return (f"adaptive_weighted: explore {100.0 * float(learning.get('exploration_share') or 0.0):.1f}%  "
+            f"local moves {draws.get('local', 0)}  repeats skipped {learning.get('repeats_skipped', 0)}  "
+            f"near-copies skipped {learning.get('near_copies_skipped', 0)}")
+
+
+def _cache_text() -> str | None:
+    """The evaluator's subtree cache: hits, misses and bytes held."""
+    import quillmarsh.search_templates as st
+
+    runtime = getattr(st, "_library_runtime", None)
+    info = getattr(getattr(runtime, "evaluator", None), "cache_info", None)
+    try:
+        data = info() if callable(info) else None
+    except Exception:  # a view never fails for the evaluator's figures
+        return None
+    if not isinstance(data, dict):
+        return None
+    hits, misses = int(data.get("hits", 0) or 0), int(data.get("misses", 0) or 0)
+    held = float(data.get("bytes", data.get("bytes_held", 0)) or 0) / 1048576.0
+    share = 100.0 * hits / (hits + misses) if hits + misses else 0.0
+    return f"evaluator cache: hits {hits} ({share:.0f}%)  misses {misses}  held {held:.0f} MiB"
+
+
 def _threads_text(threads: dict[str, str]) -> str:
     if not threads:
         return "unknown"
@@ -351,6 +389,8 @@ def plain_line(snap: Snapshot) -> str:
             f"sent {snap.sent}  accepted {snap.accepted}  rejected {snap.rejected}  pending {snap.pending}  "
             f"queued {snap.queued}  retrying {snap.retrying}  errors {len(snap.errors)}  "
             f"threads {threads}")
+    if snap.learning:
+        text += "  " + snap.learning.split(": ", 1)[1].split("  ")[0]
     if snap.error_code:
         text += f"  FATAL {snap.error_code}"
     return text
@@ -393,6 +433,9 @@ def render(snap: Snapshot) -> Any:
         threads.append(f"{name} ", style="")
         threads.append(state + "  ", style="green" if state == "ok" else "bold red")
     parts: list[Any] = [grid, threads]
+    for note in (snap.learning, snap.cache):
+        if note:
+            parts.append(Text(note, style="dim"))
     for message in snap.errors[-3:]:
         parts.append(Text(f"! {message}", style="red", overflow="ellipsis", no_wrap=True))
     if snap.error_code:

@@ -20,7 +20,7 @@ from quillmarsh.submission_status_notify import notify_submission_status
 from quillmarsh.sync import SyncManager
 import quillmarsh.submit
 import typing
-__all__: list[str] = ['BacktestResult', 'ERA_POLL_INTERVAL', 'ObfuscationManager', 'POLLING_INTERVAL', 'RowSchemaError', 'SUBMISSION_POLL_INTERVAL', 'SUBMISSION_QUEUE_LEASE_SECONDS', 'SUPERVISOR_HEALTH_CHECK_INTERVAL', 'SYNC_POLL_INTERVAL', 'SdkRuntimeNotReadyError', 'SearchContext', 'SearchError', 'SearchHandle', 'SearchStatus', 'SubmissionProtocolError', 'SyncManager', 'TemplateSandboxViolation', 'VocabSchemaError', 'analyze_random_weighted', 'delete_evaluations', 'delete_failed_evaluations', 'get_db_info', 'inject_heartbeat', 'logger', 'notify_submission_status', 'poll_status', 'random_weighted', 'search', 'status', 'submit_signal']
+__all__: list[str] = ['BacktestResult', 'ERA_POLL_INTERVAL', 'ObfuscationManager', 'POLLING_INTERVAL', 'RowSchemaError', 'SUBMISSION_POLL_INTERVAL', 'SUBMISSION_QUEUE_LEASE_SECONDS', 'SUPERVISOR_HEALTH_CHECK_INTERVAL', 'SYNC_POLL_INTERVAL', 'SdkRuntimeNotReadyError', 'SearchContext', 'SearchError', 'SearchHandle', 'SearchStatus', 'SubmissionProtocolError', 'SyncManager', 'TemplateSandboxViolation', 'VocabSchemaError', 'adaptive_weighted', 'adaptive_weighted_learning', 'analyze_adaptive_weighted', 'analyze_random_weighted', 'delete_evaluations', 'delete_failed_evaluations', 'get_db_info', 'inject_heartbeat', 'logger', 'notify_submission_status', 'poll_status', 'random_weighted', 'search', 'status', 'submit_signal']
 class SearchError(Exception):
     """Raised when a fatal error occurs during search."""
     error_code: str
@@ -233,6 +233,13 @@ class _RandomWeightedGenerator:
         """
         Implement next(self).
         """
+class _AdaptiveWeightedGenerator:
+    def __iter__(self) -> typing.Any:
+        ...
+    def __next__(self) -> typing.Any:
+        ...
+    def close(self) -> None:
+        ...
 class _TemplateSandboxContext:
     def __enter__(self) -> None:
         ...
@@ -608,6 +615,8 @@ class _SearchHandleImpl:
     @_worker_start_count.setter
     def _worker_start_count(self, arg0: typing.SupportsInt | typing.SupportsIndex) -> None:
         ...
+def _adaptive_weighted_graph_hash(graph: typing.Any) -> int:
+    ...
 def _agent_onboarding_data_dir(default: typing.Any = None) -> typing.Any:
     ...
 def _backtest_metric_value(bt_stats: typing.Any, attr: str, era_config: typing.Any) -> typing.Any:
@@ -878,6 +887,18 @@ def _validate_submit_contract_kwargs(kwargs: typing.Any) -> None:
     ...
 def _weighted_choice(items: typing.Any, cum_weights: typing.Any) -> typing.Any:
     ...
+def adaptive_weighted(ctx: typing.Any, refresh_seconds: typing.Any = 5.0, refresh_evaluations: typing.Any = 500, explore_share: typing.Any = 0.15, local_share: typing.Any = 0.5, wrapper_subfamilies: typing.Any = None, mirror_function: typing.Any = 'neg') -> typing.Any:
+    """
+    Built-in template that learns while it runs: refreshes analytics every refresh_seconds or refresh_evaluations graphs, never yields a graph already evaluated in the era, draws a share of graphs with flat weights (explore_share) and a share by local moves around found signals (local_share), skips near-copies of found signals under wrappers of the given subfamilies, and draws mirror_function(graph) for graphs whose Sharpe was at or below minus the era's floor.
+    """
+def adaptive_weighted_learning() -> typing.Any:
+    """
+    What adaptive_weighted has learnt in the most recent search of this process, or None.
+    """
+def analyze_adaptive_weighted(ctx: typing.Any) -> dict[typing.Any, typing.Any]:
+    """
+    analyze_random_weighted's report plus what adaptive_weighted has learnt in this search ('learning').
+    """
 def analyze_random_weighted(ctx: SearchContext) -> dict[str, typing.Any]:
     """
     JSON-serializable diagnostics for random_weighted sampling.

@@ -110,6 +110,7 @@ def test_demo_runs_a_short_search_on_a_small_market(tmp_path, capsys, restore_on
     # not a terminal: the live view is plain progress lines, and the last one says the search stopped
     progress = [line for line in out.splitlines() if " elapsed " in line and " eval/s " in line]
     assert progress and "\x1b" not in out and " stopped " in progress[-1]
+    assert " explore " in progress[-1]  # the learning template's exploration share
     published = json.loads((data_dir / "live_status.json").read_text())
     assert published["running"] is False and published["evaluated"] > 0
     for name in ("era_config.json", "shuffle_seed.enc", "private_key", "search_tracking.db",

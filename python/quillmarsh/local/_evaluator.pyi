@@ -6,7 +6,31 @@ from __future__ import annotations
 import numpy
 import numpy.typing
 import typing
-__all__: list[str] = ['binary', 'book_daily', 'book_series', 'book_weights', 'cs', 'kernel_build', 'min_periods', 'ts', 'ts2', 'unary']
+__all__: list[str] = ['Engine', 'backtest', 'binary', 'book_daily', 'book_series', 'book_weights', 'cs', 'kernel_build', 'min_periods', 'pairwise_sum', 'ts', 'ts2', 'unary']
+class Engine:
+    """
+    Plans of whole graphs, run in blocks of instruments, with a subtree cache.
+    """
+    def __init__(self, sector: numpy.ndarray, days: typing.SupportsInt | typing.SupportsIndex, instruments: typing.SupportsInt | typing.SupportsIndex, cache_bytes: typing.SupportsInt | typing.SupportsIndex) -> None:
+        ...
+    def cache_clear(self) -> None:
+        ...
+    def cache_info(self) -> dict[typing.Any, typing.Any]:
+        ...
+    def signal(self, nodes: list[typing.Any], leaves: list[typing.Any]) -> numpy.ndarray:
+        ...
+    @property
+    def block(self) -> int:
+        """
+        Instruments per block of a blocked run (0: whole panels).
+        """
+    @block.setter
+    def block(self, arg0: typing.SupportsInt | typing.SupportsIndex) -> None:
+        ...
+def backtest(signal: numpy.ndarray, fwd_returns: numpy.ndarray, normalization: str, decay: typing.SupportsInt | typing.SupportsIndex, truncation: typing.SupportsFloat | typing.SupportsIndex, flag: typing.Any, tradable: numpy.ndarray, in_sample: typing.SupportsInt | typing.SupportsIndex, cost: typing.SupportsFloat | typing.SupportsIndex) -> tuple[typing.Any, ...]:
+    """
+    Book, daily (gross, net) pnl and the statistics of both columns in sample.
+    """
 def binary(op: str, x: numpy.ndarray, y: numpy.ndarray) -> numpy.typing.NDArray[numpy.float64]:
     """
     Element-wise: add, sub, mul, div, min, max.
@@ -99,6 +123,10 @@ def min_periods(window: typing.SupportsInt | typing.SupportsIndex, needs_two: bo
     
     Returns:
         int: the minimum count of valid values.
+    """
+def pairwise_sum(a: numpy.ndarray) -> float:
+    """
+    Sum in NumPy's pairwise order.
     """
 def ts(op: str, x: numpy.ndarray, window: typing.SupportsInt | typing.SupportsIndex) -> numpy.typing.NDArray[numpy.float64]:
     """
