@@ -18,6 +18,7 @@ store like a failing disk.
 
 from __future__ import annotations
 
+import atexit
 import dataclasses
 import hashlib
 import json
@@ -26,6 +27,7 @@ import os
 import sqlite3
 import threading
 import time
+import weakref
 from collections.abc import Mapping
 
 __all__ = [
@@ -39,6 +41,8 @@ __all__ = [
 ]
 
 DB_FILE_NAME = "search_tracking.db"
+# A passing evaluation is held this long for its queue row before it is recorded on its own.
+PASS_HOLD_SECONDS = 5.0
 EVAL_TYPES = ("signal", "strategy")
 _FUNCTION_NODE_TYPES = frozenset(("rotation", "filtration", "reduction"))
 _MAX_GRAPH_NODES = 100000
@@ -327,6 +331,21 @@ def _require_payload_json(payload_json) -> str:
     return payload_json
 
 
+_OPEN_TRACKERS = weakref.WeakSet()
+
+
+@atexit.register
+def _flush_held_passes_at_exit() -> None:
+    """At exit (after running searches have been stopped) every pass still held is recorded."""
+    for tracker in list(_OPEN_TRACKERS):
+        try:
+            with tracker._lock:
+                if tracker._conn is not None:
+                    tracker._flush_held_passes()
+        except Exception:  # noqa: BLE001 - the interpreter is going away; nothing to report to
+            pass
+
+
 class SearchTracker:
     """The tracking store of one data directory."""
 
@@ -337,6 +356,10 @@ class SearchTracker:
         os.makedirs(self._data_dir, exist_ok=True)
         self._db_path = os.path.join(self._data_dir, DB_FILE_NAME)
         self._lock = threading.RLock()
+        # Passing evaluations waiting for their queue row, so that the two are committed together:
+        # eval_id -> (row, name counts, monotonic time held).
+        self._held_passes = {}
+        _OPEN_TRACKERS.add(self)
         self._conn = sqlite3.connect(self._db_path, timeout=10.0, check_same_thread=False,
                                      isolation_level=None)
         try:
@@ -396,7 +419,34 @@ class SearchTracker:
 
     def _query(self, sql: str, params=()):
         with self._lock:
+            self._flush_held_passes()  # a reader sees every pass recorded so far
             return self._connection().execute(sql, params).fetchall()
+
+    def _flush_held_passes(self, older_than: float = 0.0) -> None:
+        """Record the held passes older than ``older_than`` seconds on their own: their queue row did not come
+        (the search was stopped between the two), and a recorded pass stays recorded."""
+        if not self._held_passes:
+            return
+        now = time.monotonic()
+        due = [k for k, (_row, _counts, held_at) in self._held_passes.items() if now - held_at >= older_than]
+        if not due:
+            return
+
+        def body(conn):
+            for eval_id in due:
+                row, counts, _held_at = self._held_passes[eval_id]
+                self._insert_evaluation(conn, row, counts)
+        self._transaction(body)
+        for eval_id in due:
+            self._held_passes.pop(eval_id, None)
+
+    @staticmethod
+    def _insert_evaluation(conn, row, counts) -> None:
+        try:
+            conn.execute(_INSERT_SIGNAL_EVALUATION, row)
+            conn.executemany(_UPSERT_NAME_STATS, counts)
+        except sqlite3.Error as exc:
+            raise TrackerWriteError("Database write failed: %s" % exc) from exc
 
     # -- evaluations -------------------------------------------------------------------------------
 
@@ -426,14 +476,15 @@ class SearchTracker:
                _finite_or_none(is_pnl_mi), _finite_or_none(agent_is_pnl_mi), _finite_or_none(is_weights_mi),
                failure_reason, failure_detail, created_at)
         counts = _name_stat_rows(pool_id, functions, features, passed, created_at)
-
-        def body(conn):
-            try:
-                conn.execute(_INSERT_SIGNAL_EVALUATION, row)
-                conn.executemany(_UPSERT_NAME_STATS, counts)
-            except sqlite3.Error as exc:
-                raise TrackerWriteError("Database write failed: %s" % exc) from exc
-        self._transaction(body)
+        with self._lock:
+            self._connection()
+            self._flush_held_passes(PASS_HOLD_SECONDS)
+            if passed:
+                # A pass is written with its queue row, in one commit: a process that dies between the two
+                # leaves neither, never a found signal that no queue will ever send.
+                self._held_passes[eval_id] = (row, counts, time.monotonic())
+                return eval_id
+            self._transaction(lambda conn: self._insert_evaluation(conn, row, counts))
         return eval_id
 
     def get_evaluation_count(self) -> int:
@@ -524,6 +575,9 @@ class SearchTracker:
 
     def _delete_evaluations(self, eval_type, condition: str, params: tuple) -> dict:
         """Delete matching evaluations that no queued or retrying submission still refers to."""
+        with self._lock:
+            self._flush_held_passes()
+
         def body(conn):
             counts = {}
             for kind in self._eval_tables(eval_type):
@@ -562,12 +616,21 @@ class SearchTracker:
         return self._enqueue(eval_id, submission_type, payload_json, era_id, priority=1)
 
     def _enqueue(self, eval_id, submission_type, payload_json, era_id, priority: int) -> int:
-        return self._write(
-            "INSERT INTO submission_queue (eval_id, eval_type, payload_json, era_id, priority, created_at) "
-            "VALUES (?, ?, ?, ?, ?, ?)",
-            (_require_id(eval_id, "eval_id"), _require_eval_type(submission_type),
-             _require_payload_json(payload_json), _require_int(era_id, "era_id"), priority,
-             time.time())).lastrowid
+        params = (_require_id(eval_id, "eval_id"), _require_eval_type(submission_type),
+                  _require_payload_json(payload_json), _require_int(era_id, "era_id"), priority, time.time())
+        sql = ("INSERT INTO submission_queue (eval_id, eval_type, payload_json, era_id, priority, created_at) "
+               "VALUES (?, ?, ?, ?, ?, ?)")
+        with self._lock:
+            held = self._held_passes.get(params[0])
+            if held is None:
+                return self._write(sql, params).lastrowid
+
+            def body(conn):
+                self._insert_evaluation(conn, held[0], held[1])
+                return conn.execute(sql, params).lastrowid
+            queue_id = self._transaction(body)
+            self._held_passes.pop(params[0], None)
+            return queue_id
 
     def record_submission_attempt_started(self, eval_id, submission_type, idempotency_key, era_id,
                                           payload_json, pool_id=None) -> int:
@@ -645,6 +708,8 @@ class SearchTracker:
 
     def close(self) -> None:
         with self._lock:
+            if self._conn is not None:
+                self._flush_held_passes()
             conn, self._conn = self._conn, None
         if conn is not None:
             conn.close()

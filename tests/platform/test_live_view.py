@@ -192,6 +192,7 @@ def test_a_search_publishes_its_snapshot_for_watchers(tmp_path, tracker):
     from quillmarsh.search_tracking import BacktestStats
 
     tracker.record_signal_evaluation({"type": "feature", "node": "old"}, BacktestStats(sharpe=9.0), 1, True, "U", None)
+    tracker.get_evaluation_count()
     stopped = threading.Event()
     handle = SimpleNamespace(status=lambda: SimpleNamespace(
         running=not stopped.is_set(), elapsed_seconds=3.0, errors=[], crash_count=0, era="1", n_jobs=1,
@@ -201,6 +202,7 @@ def test_a_search_publishes_its_snapshot_for_watchers(tmp_path, tracker):
     source = live.HandleSource(handle, tracker._conn, publish_dir=out_dir)
     tracker.record_signal_evaluation({"type": "feature", "node": "new"}, BacktestStats(sharpe=1.0), 1, True, "U", None)
     tracker.record_signal_evaluation({"type": "feature", "node": "bad"}, BacktestStats(), 1, False, "U", None)
+    tracker.get_evaluation_count()  # passes without a queue row are held until a reader of the tracker asks
     snap = source.snapshot()
     # the evaluation stored before the search began is not this search's
     assert (snap.evaluated, snap.passed, [b["expression"] for b in snap.best]) == (2, 1, ["new"])

@@ -203,6 +203,39 @@ def test_a_store_that_cannot_be_written_raises_os_error(tracker, monkeypatch):
             raise sqlite3.OperationalError("database is locked")
     monkeypatch.setattr(tracker, "_conn", Locked())
     with pytest.raises(OSError, match="after retry"):
-        record(tracker)
+        record(tracker, passed=False)  # a pass is written with its queue row
     monkeypatch.undo()
     assert tracker.get_evaluation_count() == 0
+
+
+KILLED_BETWEEN = """
+import os, sys
+from quillmarsh.search_tracking import SearchTracker
+t = SearchTracker(sys.argv[1])
+eval_id = t.record_signal_evaluation({"type": "feature", "node": "f"}, None, 1, True, "U", None)
+if sys.argv[2] == "enqueue":
+    t.enqueue_submission(eval_id, "signal", '{"eval_id": "%s"}' % eval_id, 1)
+os.kill(os.getpid(), 9)
+"""
+
+
+@pytest.mark.parametrize("step, passes, queued", [("killed before the enqueue", 0, 0), ("enqueue", 1, 1)])
+def test_a_pass_and_its_queue_row_are_committed_together(tmp_path, step, passes, queued):
+    import subprocess
+    import sys
+
+    subprocess.run([sys.executable, "-c", KILLED_BETWEEN, str(tmp_path), step], timeout=60)
+    with SearchTracker(str(tmp_path)) as t:
+        assert t._query("SELECT COUNT(*) FROM signal_evaluations WHERE passed = 1")[0][0] == passes
+        assert t._query("SELECT COUNT(*) FROM submission_queue")[0][0] == queued
+
+
+def test_a_pass_whose_queue_row_never_comes_is_recorded_on_its_own(tmp_path):
+    t = SearchTracker(str(tmp_path))
+    t.record_signal_evaluation({"type": "feature", "node": "f"}, None, 1, True, "U", None)
+    assert t._conn.execute("SELECT COUNT(*) FROM signal_evaluations").fetchone()[0] == 0  # held
+    assert t.get_evaluation_count() == 1  # a reader of the tracker records it
+    t.record_signal_evaluation({"type": "feature", "node": "g"}, None, 1, True, "U", None)
+    t.close()  # and closing records what is still held
+    with SearchTracker(str(tmp_path)) as again:
+        assert again.get_evaluation_count() == 2

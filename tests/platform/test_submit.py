@@ -131,7 +131,8 @@ def test_an_answer_cut_short_gives_status_zero():
     client = SignalServiceClient("http://127.0.0.1:%d" % listener.getsockname()[1], "tok", timeout=5)
     try:
         for result in (client.submit_signal(**SUBMISSION), client.get_signal_status("sub-1")):
-            assert result.status_code == 0 and "IncompleteRead" in result.error
+            # the cut may reach the client as a short read or as a reset, depending on timing
+            assert result.status_code == 0 and ("IncompleteRead" in result.error or "Reset" in result.error)
     finally:
         thread.join(5)
         listener.close()
