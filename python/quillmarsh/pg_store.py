@@ -33,6 +33,7 @@ import re
 import threading
 import urllib.parse
 from collections import OrderedDict
+from collections.abc import Mapping
 
 __all__ = ["PostgresConnection", "PostgresCursor", "StoreConnectionError", "convert_statement",
            "is_postgres_url", "redact_url", "POSTGRES_URL_SCHEMES"]
@@ -308,15 +309,14 @@ class PostgresConnection:
                                        % (self.url, _one_line(exc))) from exc
         try:
             self._install_adapters(conn.adapters)
-            settings = [("lock_timeout", LOCK_TIMEOUT),
-                        ("idle_in_transaction_session_timeout", IDLE_IN_TRANSACTION_TIMEOUT)]
-            if self._read_only:
-                settings.append(("default_transaction_read_only", "on"))
-            for name, value in settings:
-                conn.execute("SELECT set_config(%s, %s, false)", (name, value))
+            # one round trip: the session's limits, and where the store is (its write lock is named after that)
+            where = conn.execute(
+                "SELECT current_database(), current_setting('search_path'), set_config('lock_timeout', %s, false), "
+                "set_config('idle_in_transaction_session_timeout', %s, false), "
+                "set_config('default_transaction_read_only', %s, false)",
+                (LOCK_TIMEOUT, IDLE_IN_TRANSACTION_TIMEOUT, "on" if self._read_only else "off")).fetchone()
             if self._lock_key is None:
-                where = conn.execute("SELECT current_database(), current_setting('search_path')").fetchone()
-                digest = hashlib.sha256(("quillmarsh-store\x00%s\x00%s" % where).encode("utf-8")).digest()
+                digest = hashlib.sha256(("quillmarsh-store\x00%s\x00%s" % where[:2]).encode("utf-8")).digest()
                 self._lock_key = int.from_bytes(digest[:8], "big", signed=True)
         except psycopg.OperationalError as exc:
             conn.close()
@@ -364,12 +364,12 @@ class PostgresConnection:
     # -- the interface -------------------------------------------------------------------------------
 
     def execute(self, sql, params=_EMPTY) -> PostgresCursor:
-        statement = self._statement(sql)
         if params is None:
             params = _EMPTY
-        elif isinstance(params, (str, bytes)) or not hasattr(params, "__len__"):
-            raise TypeError("parameters must be a sequence, got %s" % type(params).__name__)
+        elif isinstance(params, (str, bytes, Mapping)) or not hasattr(params, "__len__"):
+            raise TypeError("parameters must be a sequence for ? placeholders, got %s" % type(params).__name__)
         with self._lock:
+            statement = self._statement(sql)
             kind = statement.kind
             if kind == "commit":
                 self.commit()
@@ -383,6 +383,8 @@ class PostgresConnection:
             conn = self._connection()
             psycopg = self._psycopg
             in_transaction = self.in_transaction
+            if in_transaction and kind in ("begin", "begin_immediate"):
+                raise psycopg.ProgrammingError("cannot start a transaction within a transaction")
             try:
                 if kind == "begin_immediate":
                     conn.execute("BEGIN")

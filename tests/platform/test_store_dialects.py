@@ -269,3 +269,15 @@ def test_status_and_db_info_read_either_store(tmp_path, capsys, database_url, re
     rows = dict(line.split(None, 1) for line in capsys.readouterr().out.splitlines()[2:] if line.strip())
     assert (rows["evaluated"], rows["passed"], rows["queued"], rows["retrying"]) == ("1", "1", "1", "0")
     assert rows["store"].startswith("postgresql://" if database_url else data_dir)
+
+
+def test_a_transaction_inside_a_transaction_is_refused(tracker):
+    import sqlite3
+
+    import psycopg
+
+    tracker._conn.execute("BEGIN IMMEDIATE")
+    with pytest.raises((sqlite3.Error, psycopg.Error), match="within a transaction"):
+        tracker._conn.execute("BEGIN IMMEDIATE")
+    tracker._conn.execute("ROLLBACK")
+    assert not tracker._conn.in_transaction
