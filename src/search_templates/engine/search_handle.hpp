@@ -13,6 +13,7 @@
 #include <pybind11/pybind11.h>
 
 #include <cstdint>
+#include <string>
 
 namespace quillmarsh::st {
 
@@ -86,14 +87,63 @@ public:
     bool replacement_abort_requested();
     void drop_replacement_aborted_payload(py::object payload, py::object journal_key);
 
-    // ---- hand-over points of the submission pipeline ----
+    // ---- the submission and polling threads ----
     void submission_loop();
     void polling_loop();
+
+    // ---- queue claims and leases (submission/queue_claims.cpp) ----
+    bool ensure_submission_claim_columns();
+    bool ensure_retry_claim_columns();
+    py::set persistent_table_columns(const std::string& table_name);
+    // None: nothing to be had now; {}: a row was consumed without a payload; else the claimed payload.
+    py::object peek_submission_payload();
+    py::object peek_retry_payload();
+    // The next payload from whichever source applies, or None.
+    py::object dequeue_submission_payload();
+    py::object dequeue_retry_payload();
+    py::object payload_from_tracker_item(py::object tracker_item);
+    // (condition text, parameter list) that pins a claimed row: same id, identity, content and time.
+    py::tuple source_sql_predicates(py::object payload, py::object id_name, py::object source_id,
+                                    bool require_owner = false);
+    bool delete_submission_queue_item(py::object queue_id);
+    bool delete_submission_retry_item(py::object retry_id);
+    bool delete_submission_queue_payload(py::object payload);
+    bool delete_submission_retry_payload(py::object payload);
+    bool delete_claimed_submission_source(py::object payload);
+    bool has_in_memory_submission_work();
+
+    // ---- the retry store (submission/retry_store.cpp) ----
+    void enqueue_retry_payload(py::object payload, py::object rejection_reason, py::object retry_after);
+    py::object move_claimed_queue_to_retry(py::object payload, py::object payload_json, py::object rejection_reason,
+                                           py::object retry_after);
+    void update_claimed_retry_payload(py::object payload, py::object payload_json, py::object rejection_reason,
+                                      py::object retry_count, py::object retry_after);
+    void defer_claimed_retry_payload(py::object payload, py::object retry_after, py::object rejection_reason);
+    void defer_claimed_queue_payload(py::object payload);
+    py::object retry_exhausted_submission_id(py::object payload);
+    bool finalize_retry_exhausted_payload(py::object payload, py::object rejection_reason);
+
+    // ---- the receipt journal (submission/receipt_journal.cpp) ----
+    py::object receipt_journal_path();
+    py::object receipt_journal_entry(py::object payload, py::object receipt);
+    py::object receipt_journal_key(py::object entry);
+    py::object receipt_journal_key_for_payload(py::object payload, py::object submission_id);
+    py::object receipt_journal_file_path(py::object key);
+    py::object append_receipt_journal(py::object payload, py::object receipt, bool required = false);
+    py::object append_receipt_journal_until_durable(py::object payload, py::object receipt);
+    py::list read_receipt_journal();
+    void rewrite_receipt_journal_without(py::object completed_key);
+    bool submission_status_exists(py::object submission_id);
+    bool journal_source_still_matches(py::object payload);
+    bool replay_receipt_journal();
+
+    // ---- receipt finalisation and counts (submission/receipt_finalization.cpp) ----
+    void record_submission_and_delete_queue(py::object payload, py::object receipt);
+    void finalize_persisted_receipt(py::object payload, py::object submission_id);
     bool flush_pending_receipt_finalizations();
     void update_submission_counts();
-    void rewrite_receipt_journal_without(py::object completed_key);
-    bool delete_claimed_submission_source(py::object payload);
     void maybe_fire_discovery_rate_declining_nudge();
+    void handle_submission_success(py::object payload, py::object receipt);
 
     // ---- fields, under their Python names ----
     py::object _template, _tracker, _sync_mgr, _backtester, _obfuscation, _era_config, _auth, _data_dir;

@@ -146,21 +146,10 @@ void bind_handle(py::module_& m) {
     cls.def("_drop_replacement_aborted_payload", &Handle::drop_replacement_aborted_payload, py::arg("payload"),
             py::arg("journal_key") = py::none());
 
-    // Hand-over points of the submission pipeline.
+    // The submission and polling threads, and the operations of the submission pipeline.
     cls.def("_submission_loop", &Handle::submission_loop);
     cls.def("_polling_loop", &Handle::polling_loop);
-    cls.def("_flush_pending_receipt_finalizations", &Handle::flush_pending_receipt_finalizations);
-    cls.def("_update_submission_counts", &Handle::update_submission_counts);
-    cls.def("_rewrite_receipt_journal_without", &Handle::rewrite_receipt_journal_without, py::arg("completed_key"));
-    cls.def("_delete_claimed_submission_source", &Handle::delete_claimed_submission_source, py::arg("payload"));
-    cls.def("_maybe_fire_discovery_rate_declining_nudge", &Handle::maybe_fire_discovery_rate_declining_nudge);
-    cls.def("_ensure_submission_claim_columns",
-            [](py::object self) { return ensure_claim_columns(self, ClaimTable::SubmissionQueue); });
-    cls.def("_ensure_retry_claim_columns",
-            [](py::object self) { return ensure_claim_columns(self, ClaimTable::SubmissionRetry); });
-    cls.def("_persistent_table_columns", [](Handle& h, const std::string& table_name) {
-        return persistent_table_columns(h._tracker.attr("_conn"), table_name);
-    }, py::arg("table_name"));
+    bind_submission_handle(cls);
 
     m.attr("SearchHandle") = cls;
 }

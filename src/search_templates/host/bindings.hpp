@@ -15,4 +15,9 @@ void bind_submission(py::module_& m);
 void bind_templates(py::module_& m);
 void bind_engine(py::module_& m);
 
+class SearchHandle;
+// The handle's operations of the submission pipeline (claims, retry store, receipt journal, finalisation),
+// bound onto the handle class by bind_engine.
+void bind_submission_handle(py::class_<SearchHandle>& cls);
+
 }  // namespace quillmarsh::st

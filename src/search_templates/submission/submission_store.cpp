@@ -223,4 +223,8 @@ bool ensure_claim_columns(py::handle handle, ClaimTable table) {
     }
 }
 
+double submission_queue_lease_seconds() {
+    return py::float_(module_attr("SUBMISSION_QUEUE_LEASE_SECONDS")).cast<double>();
+}
+
 }  // namespace quillmarsh::st

@@ -56,4 +56,8 @@ enum class ClaimTable { SubmissionQueue, SubmissionRetry };
 // leaving the flag clear so that the next use tries again. `handle` is read by attribute.
 bool ensure_claim_columns(py::handle handle, ClaimTable table);
 
+// SUBMISSION_QUEUE_LEASE_SECONDS as the module holds it now, as a float: a claim older than this may be
+// taken over by another owner.
+double submission_queue_lease_seconds();
+
 }  // namespace quillmarsh::st

@@ -1,0 +1,215 @@
+"""Receipts: journalled before the store's transaction, recorded exactly once, waiting in memory and on disk
+while the store refuses, and replayed by the next handle after a crash."""
+import json
+import os
+import time
+
+import pytest
+
+import quillmarsh.search_templates as st
+from submission.conftest import (JOURNAL_DIR, Receipt, add_evaluation, claim, close_handle, enqueue, journal_files,
+                                 rows, status_rows)
+
+REFUSE = "CREATE TRIGGER refuse_status BEFORE INSERT ON submission_status BEGIN SELECT RAISE(ABORT, 'refused'); END"
+
+
+def claimed(h, eval_id="e1"):
+    enqueue(h, eval_id)
+    payload = h._dequeue_submission_payload()
+    assert payload["eval_id"] == eval_id
+    return payload
+
+
+def queue_ids(h):
+    return [r[0] for r in rows(h, "SELECT queue_id FROM submission_queue")]
+
+
+def test_receipt_is_recorded_in_one_step_and_leaves_no_journal(handle, store_dir, nudges, monkeypatch):
+    fsynced = []
+    real_fsync = os.fsync
+    monkeypatch.setattr(os, "fsync", lambda fd: (fsynced.append(fd), real_fsync(fd))[1])
+    payload = claimed(handle)
+    handle._handle_submission_success(payload, Receipt("sub-1"))
+    assert status_rows(handle) == [("sub-1", "e1", "pending", None, None)]
+    assert rows(handle, "SELECT submitted FROM signal_evaluations WHERE eval_id='e1'") == [(1,)]
+    assert queue_ids(handle) == []
+    assert journal_files(store_dir) == [] and not os.path.exists(os.path.join(store_dir, JOURNAL_DIR))
+    assert len(fsynced) == 3  # the file and its directory on the way in, the directory on the way out
+    assert list(handle._pending_submissions) == ["sub-1"]
+    assert handle._pending_submissions["sub-1"]["sim_id"]  # a stable substitute for a payload without one
+    assert (handle._total_found, handle._submission_pending) == (1, 1)
+    assert [t for t, _ in nudges] == ["first_signal"]
+
+
+def test_refused_commit_keeps_the_receipt_until_a_flush_records_it_once(handle, store_dir):
+    payload = claimed(handle)
+    handle._tracker._conn.execute(REFUSE)
+    handle._handle_submission_success(payload, Receipt("sub/1 x"))
+    # In memory and on disk; the row stays claimed by us; nothing recorded.
+    assert list(handle._pending_receipts_by_queue_id) == [("queue", payload["_queue_id"])]
+    [name] = journal_files(store_dir)
+    assert name == f"queue__{payload['_queue_id']}__sub_1_x.json"
+    with open(os.path.join(store_dir, JOURNAL_DIR, name), encoding="utf-8") as f:
+        entry = json.load(f)
+    assert (entry["source_kind"], entry["source_id"], entry["submission_id"]) == ("queue", payload["_queue_id"],
+                                                                                "sub/1 x")
+    assert entry["payload"]["_source_payload_json"] == payload["_source_payload_json"]
+    assert status_rows(handle) == [] and queue_ids(handle) == [payload["_queue_id"]]
+    assert handle._submission_failures == 1 and handle._submission_backoff
+    # While the store refuses, nothing new starts.
+    enqueue(handle, "e2")
+    assert handle._flush_pending_receipt_finalizations() is False
+    assert handle._dequeue_submission_payload() is None
+    handle._tracker._conn.execute("DROP TRIGGER refuse_status")
+    assert handle._flush_pending_receipt_finalizations() is True
+    assert handle._flush_pending_receipt_finalizations() is True
+    assert [r[0] for r in status_rows(handle)] == ["sub/1 x"]
+    assert handle._pending_receipts_by_queue_id == {} and journal_files(store_dir) == []
+    assert list(handle._pending_submissions) == ["sub/1 x"] and handle._total_found == 1
+    assert handle._submission_failures == 0 and not handle._submission_backoff
+
+
+def test_receipt_journalled_before_a_crash_is_replayed_once_by_the_next_handle(open_handle, store_dir):
+    first = open_handle()
+    payload = claimed(first)
+    key = first._append_receipt_journal(payload, Receipt("sub-9"))
+    assert key == ("queue", str(payload["_queue_id"]), "sub-9")
+    close_handle(first)  # dies before its commit: the claim and the file are all that is left
+
+    second = open_handle()
+    assert second._flush_pending_receipt_finalizations() is True
+    assert second._flush_pending_receipt_finalizations() is True
+    assert [r[:2] for r in status_rows(second)] == [("sub-9", "e1")]
+    assert queue_ids(second) == [] and journal_files(store_dir) == []
+    assert list(second._pending_submissions) == ["sub-9"]
+
+
+def test_crash_after_the_commit_only_removes_the_file(open_handle, store_dir):
+    first = open_handle()
+    payload = claimed(first)
+    first._append_receipt_journal(payload, Receipt("sub-2"))
+    first._record_submission_and_delete_queue(payload, Receipt("sub-2"))
+    close_handle(first)
+
+    second = open_handle()
+    assert second._flush_pending_receipt_finalizations() is True
+    assert len(status_rows(second)) == 1 and journal_files(store_dir) == []
+    assert second._pending_submissions == {}  # it was never this search's find
+
+
+def test_entry_whose_source_row_was_replaced_is_dropped_and_the_new_row_stays(open_handle, store_dir):
+    first = open_handle()
+    payload = claimed(first)
+    first._append_receipt_journal(payload, Receipt("sub-3"))
+    close_handle(first)
+    second = open_handle()
+    second._tracker._conn.execute("UPDATE submission_queue SET payload_json=? WHERE queue_id=?",
+                                  (payload["_source_payload_json"].replace("U1", "U2"), payload["_queue_id"]))
+    assert second._flush_pending_receipt_finalizations() is True
+    assert status_rows(second) == [] and queue_ids(second) == [payload["_queue_id"]]
+    assert journal_files(store_dir) == []
+    assert any("source row missing or mismatched" in e for e in second._errors)
+
+
+def test_entry_that_cannot_be_recorded_holds_back_those_after_it(open_handle, store_dir):
+    first = open_handle()
+    a = claimed(first, "a")
+    claim(first, owner="crashed-run", row_id=a["_queue_id"])  # so that the next claim takes the next row
+    b = claimed(first, "b")
+    first._tracker._conn.execute("DELETE FROM signal_evaluations WHERE eval_id='a'")
+    first._append_receipt_journal(a, Receipt("s-a"))
+    first._append_receipt_journal(b, Receipt("s-b"))
+    close_handle(first)
+    second = open_handle()
+    assert second._flush_pending_receipt_finalizations() is False
+    assert status_rows(second) == [] and len(journal_files(store_dir)) == 2
+    add_evaluation(second._tracker._conn, "a")
+    assert second._flush_pending_receipt_finalizations() is True
+    assert sorted(r[0] for r in status_rows(second)) == ["s-a", "s-b"]
+
+
+@pytest.mark.parametrize("name, content, stays", [
+    ("queue__1__torn.json", '{"source_kind": "queue", "sou', True),       # torn: reported, kept
+    ("queue__2__list.json", "[1, 2]", True),                               # foreign JSON
+    ("queue__3__x.json.owner.tmp", "{}", True),                            # leftover of a write: never read
+    ("other__4__x.json", json.dumps({"source_kind": "other", "source_id": 4, "submission_id": "x",
+                                     "payload": {}}), False),
+    ("queue__5___.json", json.dumps({"source_kind": "queue", "source_id": 5, "submission_id": "",
+                                    "payload": {}}), False),
+])
+def test_damaged_or_foreign_files_never_block_the_search(handle, store_dir, name, content, stays):
+    d = os.path.join(store_dir, JOURNAL_DIR)
+    os.makedirs(d)
+    with open(os.path.join(d, name), "w", encoding="utf-8") as f:
+        f.write(content)
+    payload = claimed(handle)
+    handle._handle_submission_success(payload, Receipt("sub-ok"))
+    assert handle._flush_pending_receipt_finalizations() is True
+    assert [r[0] for r in status_rows(handle)] == ["sub-ok"]
+    assert journal_files(store_dir) == ([name] if stays else [])
+    assert handle._submission_backoff is False  # a bad file costs no back-off
+
+
+@pytest.mark.parametrize("submission_id, source, file_name", [
+    ("sub/1 x", {"_queue_id": 7}, "queue__7__sub_1_x.json"),
+    ("a.b-c_d", {"retry_id": 8, "_queue_id": 7}, "retry__8__a.b-c_d.json"),
+    ("", {"_queue_id": 7}, "queue__7___.json"),
+])
+def test_file_names_of_keys(handle, store_dir, submission_id, source, file_name):
+    key = handle._receipt_journal_key_for_payload(source, submission_id)
+    assert handle._receipt_journal_file_path(key) == os.path.join(store_dir, JOURNAL_DIR, file_name)
+
+
+def test_journal_needs_a_place(handle):
+    handle._data_dir = None
+    handle._tracker = type("Bare", (), {"_conn": handle._tracker._conn})()
+    payload = {"eval_id": "e", "submission_type": "signal", "era_id": 3, "_queue_id": 1}
+    assert handle._append_receipt_journal(payload, Receipt("s")) is None
+    with pytest.raises(RuntimeError, match="receipt journal path unavailable"):
+        handle._append_receipt_journal(payload, Receipt("s"), required=True)
+    assert handle._submission_failures == 0
+
+
+def test_abort_after_the_send_drops_the_receipt_with_the_payload(handle, store_dir):
+    payload = claimed(handle)
+    handle._replacement_abort_event_handle().set()
+    handle._handle_submission_success(payload, Receipt("sub-x"))
+    assert status_rows(handle) == [] and queue_ids(handle) == [] and journal_files(store_dir) == []
+
+
+@pytest.mark.parametrize("before, trigger", [(0, "first_signal"), (9, "10_signals"), (99, "strategy_unlock"),
+                                             (1, None), (10, None)])
+def test_milestones_fire_when_the_count_crosses_them(handle, nudges, before, trigger):
+    handle._total_found = before
+    handle._finalize_persisted_receipt({"eval_id": "e", "submission_type": "signal", "era_id": 3}, "s")
+    assert [t for t, _ in nudges] == ([trigger] if trigger else [])
+
+
+@pytest.mark.parametrize("prior, current, fires", [(12, 8, True), (12, 9, False), (0, 0, False), (0, 5, False)])
+def test_discovery_rate_nudge(handle, nudges, prior, current, fires):
+    now = time.time()
+    conn = handle._tracker._conn
+    for i in range(prior):
+        conn.execute("INSERT INTO submission_status (eval_id, eval_type, era_id, submission_id, submitted_at) "
+                     "VALUES ('e', 'signal', 3, ?, ?)", (f"p{i}", now - 30000))
+    for i in range(current):
+        conn.execute("INSERT INTO submission_status (eval_id, eval_type, era_id, submission_id, submitted_at) "
+                     "VALUES ('e', 'signal', 3, ?, ?)", (f"c{i}", now - 100))
+    handle._maybe_fire_discovery_rate_declining_nudge()
+    handle._maybe_fire_discovery_rate_declining_nudge()  # edge-triggered: once per decline
+    fired = [c for t, c in nudges if t == "discovery_rate_declining"]
+    assert fired == ([{"current_window": current / 6.0, "prior_window": prior / 6.0}] if fires else [])
+
+
+def test_discovery_rate_nudge_fires_again_only_after_a_recovery(handle, nudges):
+    now = time.time()
+    conn = handle._tracker._conn
+    conn.executemany("INSERT INTO submission_status (eval_id, eval_type, era_id, submission_id, submitted_at) "
+                     "VALUES ('e', 'signal', 3, ?, ?)", [(f"p{i}", now - 30000) for i in range(6)])
+    handle._maybe_fire_discovery_rate_declining_nudge()
+    conn.executemany("INSERT INTO submission_status (eval_id, eval_type, era_id, submission_id, submitted_at) "
+                     "VALUES ('e', 'signal', 3, ?, ?)", [(f"c{i}", now - 100) for i in range(6)])
+    handle._maybe_fire_discovery_rate_declining_nudge()
+    conn.execute("DELETE FROM submission_status WHERE submission_id LIKE 'c%'")
+    handle._maybe_fire_discovery_rate_declining_nudge()
+    assert [t for t, _ in nudges].count("discovery_rate_declining") == 2
