@@ -4,6 +4,7 @@
     quillmarsh status  [--data-dir D] [--database-url URL]
     quillmarsh db-info [--data-dir D] [--database-url URL]
     quillmarsh analyze [--data-dir D] [--database-url URL]
+    quillmarsh serve --data-dir D [--host 127.0.0.1] [--port N] [...]
 
 The tracking store is the SQLite file in the data directory, or the PostgreSQL database of
 ``--database-url`` (default: the environment's QUILLMARSH_DATABASE_URL).
@@ -73,6 +74,12 @@ def _parser() -> argparse.ArgumentParser:
     demo.add_argument("--seed", type=int, default=7, help="seed of the generated market (default: 7)")
     demo.add_argument("--plot", help="where to write the picture of the best signals (default: in the data directory)")
 
+    from quillmarsh.local.service.runner import add_serve_arguments
+    serve = sub.add_parser("serve", help="run the local signal service in the foreground",
+                           description="Run the local signal service on the platform's account and market until "
+                                       "Ctrl-C or SIGTERM; it prints the URL it listens on.")
+    add_serve_arguments(serve)
+
     for name, text in (("status", "the platform's era, universe and store counts"),
                        ("db-info", "the tracking store's tables, sizes and counts"),
                        ("analyze", "random_weighted's view of the vocabulary and the weights it has learnt")):
@@ -118,6 +125,14 @@ def _progress_text(status, found: int, baseline: int = 0) -> str:
             f"elapsed {status.elapsed_seconds:.0f}s  memory {status.memory_usage_mb:.0f} MB  "
             f"errors {len(status.errors)}")
     return text
+
+
+def submission_text(status) -> str:
+    """What became of the signals sent to the signal service, from a search's status."""
+    judged = status.submission_accepted + status.submission_rejected
+    return (f"Signals sent to the service: {status.total_found}; pending {status.submission_pending}, "
+            f"judged {judged} (accepted {status.submission_accepted}, rejected {status.submission_rejected}), "
+            f"retrying {status.submission_retrying}")
 
 
 def _watch(handle, seconds: float, found, out) -> object:
@@ -262,15 +277,30 @@ def run_demo(args, out=None) -> dict:
     conn = _open_store(local.data_dir)
     found = lambda: conn.execute(  # noqa: E731
         "SELECT COUNT(*) FROM signal_evaluations WHERE passed = 1 AND created_at >= ?", (started,)).fetchone()[0]
-    handle = st.search(st.random_weighted, n_jobs=args.jobs)
-    try:
-        status = _watch(handle, args.minutes * 60.0, found, out)
-    finally:
-        handle.stop()
-    if status.error_code:
-        print(f"The search stopped: {status.error_code}: {status.recovery_advice}", file=out)
-    plot_path = Path(args.plot) if args.plot else local.data_dir / "best_signals.png"
-    return summarise(conn, started, local.evaluator, plot_path, out)
+    from quillmarsh import agent_onboarding
+    from quillmarsh.local.service import ServiceConfig, report, running_service
+
+    service_config = ServiceConfig(n_instruments=args.instruments, n_days=args.days, seed=args.seed,
+                                   review_delay_seconds=1.0)
+    with running_service(local.data_dir, config=service_config) as service:
+        previous_url, agent_onboarding._config["server_url"] = agent_onboarding._config.get("server_url"), service.url
+        print(f"Signal service listening on {service.url}", file=out, flush=True)
+        try:
+            handle = st.search(st.random_weighted, n_jobs=args.jobs)
+            try:
+                status = _watch(handle, args.minutes * 60.0, found, out)
+            finally:
+                handle.stop()
+            if status.error_code:
+                print(f"The search stopped: {status.error_code}: {status.recovery_advice}", file=out)
+            else:
+                print(submission_text(handle.status()), file=out)
+            plot_path = Path(args.plot) if args.plot else local.data_dir / "best_signals.png"
+            result = summarise(conn, started, local.evaluator, plot_path, out)
+            result["service"] = report.report_to(out, local.data_dir, service.url, started)
+        finally:
+            agent_onboarding._config["server_url"] = previous_url
+    return result
 
 
 def _runtime(args):
@@ -344,7 +374,14 @@ def render_report(report: dict, limit: int = 15) -> str:
     return "\n\n".join(parts)
 
 
-COMMANDS = {"demo": run_demo, "status": run_status, "db-info": run_db_info, "analyze": run_analyze}
+def run_serve(args, out=None) -> None:
+    from quillmarsh.local.service import serve_from_args
+
+    serve_from_args(args, out=out)
+
+
+COMMANDS = {"demo": run_demo, "status": run_status, "db-info": run_db_info, "analyze": run_analyze,
+            "serve": run_serve}
 
 
 def main(argv=None) -> int:

@@ -14,7 +14,7 @@ from dataclasses import dataclass
 from pathlib import Path
 
 from quillmarsh import agent_onboarding, obfuscation
-from quillmarsh.local.era import LocalEraConfig, local_era_map
+from quillmarsh.local.era import SIGNAL_POOL_ID, LocalEraConfig, local_era_map
 from quillmarsh.local.evaluator import LocalEvaluator
 from quillmarsh.local.market import load_market
 from quillmarsh.sync import ERA_CONFIG_FILE_NAME
@@ -35,6 +35,7 @@ class LocalPlatform:
     era: dict
     universe_id: str
     account: dict
+    follower: object = None
 
 
 def resolve_data_dir(data_dir=None) -> Path:
@@ -80,8 +81,12 @@ def setup(data_dir=None, *, n_instruments: int = 500, n_days: int = 1260, seed: 
           era_id: int = 1, max_depth: int = 4, max_node_count: int = 40) -> LocalPlatform:
     """Prepare the local platform in ``data_dir`` and log in; returns what was set up."""
     path = resolve_data_dir(data_dir)
+    from quillmarsh.local.service.feed import FoundSignalFollower, found_signal_ids
+
     market = load_market(path, n_instruments, n_days, seed)
-    era = local_era_map(era_id=era_id, max_depth=max_depth, max_node_count=max_node_count)
+    # The signals that the signal service has accepted so far stay in the pool across runs.
+    era = local_era_map(era_id=era_id, max_depth=max_depth, max_node_count=max_node_count,
+                        found_signal_ids=found_signal_ids(path, SIGNAL_POOL_ID))
     evaluator = LocalEvaluator(market, seed=seed, era=LocalEraConfig(era))
     universe_id = era["valid_universe_id"]
 
@@ -94,4 +99,5 @@ def setup(data_dir=None, *, n_instruments: int = 500, n_days: int = 1260, seed: 
     agent_onboarding._config["data_dir"] = str(path)
     agent_onboarding.set_evaluator_factory(lambda _data_dir, _era_config: evaluator)
     account = agent_onboarding.register()
-    return LocalPlatform(path, evaluator, era, universe_id, account)
+    follower = FoundSignalFollower(evaluator, path).start()
+    return LocalPlatform(path, evaluator, era, universe_id, account, follower)

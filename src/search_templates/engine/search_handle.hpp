@@ -87,10 +87,6 @@ public:
     bool replacement_abort_requested();
     void drop_replacement_aborted_payload(py::object payload, py::object journal_key);
 
-    // ---- the submission and polling threads ----
-    void submission_loop();
-    void polling_loop();
-
     // ---- queue claims and leases (submission/queue_claims.cpp) ----
     bool ensure_submission_claim_columns();
     bool ensure_retry_claim_columns();

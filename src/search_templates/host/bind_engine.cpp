@@ -146,9 +146,7 @@ void bind_handle(py::module_& m) {
     cls.def("_drop_replacement_aborted_payload", &Handle::drop_replacement_aborted_payload, py::arg("payload"),
             py::arg("journal_key") = py::none());
 
-    // The submission and polling threads, and the operations of the submission pipeline.
-    cls.def("_submission_loop", &Handle::submission_loop);
-    cls.def("_polling_loop", &Handle::polling_loop);
+    // The operations of the submission pipeline; its two threads are bound by bind_submission_loops.
     bind_submission_handle(cls);
 
     m.attr("SearchHandle") = cls;

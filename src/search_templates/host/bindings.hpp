@@ -14,6 +14,8 @@ void bind_evaluation(py::module_& m);
 void bind_submission(py::module_& m);
 void bind_templates(py::module_& m);
 void bind_engine(py::module_& m);
+// After bind_engine: the submission and polling threads are methods of the handle class.
+void bind_submission_loops(py::module_& m);
 
 class SearchHandle;
 // The handle's operations of the submission pipeline (claims, retry store, receipt journal, finalisation),

@@ -13,4 +13,5 @@ PYBIND11_MODULE(search_templates, m) {
     bind_submission(m);
     bind_templates(m);
     bind_engine(m);
+    bind_submission_loops(m);
 }

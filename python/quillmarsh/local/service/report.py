@@ -1,0 +1,127 @@
+"""What the service made of an account's submissions, for the end of a demo: sent, judged, accepted, and
+the best accepted signals with their in-sample and out-of-sample Sharpe."""
+from __future__ import annotations
+
+import json
+import sqlite3
+import time
+import urllib.request
+
+from quillmarsh.submit import SIGNAL_SUBMIT_FIELDS, SignalServiceClient
+
+from .judge import ACCEPTED_STATUSES
+
+_TERMINAL = ACCEPTED_STATUSES + ("is_rejected", "not_useful", "os_failed", "useful_transition_failed")
+
+
+def fetch_submissions(url: str, token: str, limit: int = 10_000) -> dict:
+    """The service's list of the account's submissions (``submissions`` newest first, and ``counts``)."""
+    request = urllib.request.Request(f"{url.rstrip('/')}/v1/signals?limit={int(limit)}",
+                                     headers={"Authorization": "Bearer " + token, "Accept": "application/json"})
+    opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
+    with opener.open(request, timeout=30.0) as response:
+        return json.loads(response.read())
+
+
+def send_queued(store_path, url: str, token: str) -> int:
+    """Send the signals still waiting in a search's ``submission_queue``; returns how many the service took.
+
+    Each goes with the idempotency key the search's own pipeline would give it, so a later search that sends
+    the same row is answered with the same submission."""
+    conn = sqlite3.connect(f"file:{store_path}?mode=ro", uri=True, timeout=10.0)
+    try:
+        rows = conn.execute("SELECT payload_json FROM submission_queue ORDER BY queue_id").fetchall()
+    except sqlite3.Error:
+        rows = []
+    finally:
+        conn.close()
+    taken = 0
+    client = SignalServiceClient(url, token)
+    for (text,) in rows:
+        try:
+            payload = json.loads(text)
+        except ValueError:
+            continue
+        body = {k: payload[k] for k in SIGNAL_SUBMIT_FIELDS if k in payload and k != "idempotency_key"}
+        body["idempotency_key"] = payload.get("idempotency_key") or SignalServiceClient._idempotency_key_for_body(body)
+        try:
+            result = client.submit_signal(**body)
+        except TypeError:  # a row without the fields of a signal submission
+            continue
+        taken += 200 <= result.status_code <= 299
+    client.close()
+    return taken
+
+
+def wait_for_verdicts(url: str, token: str, timeout: float) -> dict:
+    """The listing once no submission is still being judged, or when ``timeout`` seconds have passed."""
+    deadline = time.monotonic() + timeout
+    while True:
+        listing = fetch_submissions(url, token)
+        waiting = sum(1 for s in listing["submissions"] if s["status"] not in _TERMINAL)
+        if not waiting or time.monotonic() >= deadline:
+            return listing
+        time.sleep(0.25)
+
+
+def summary(listing: dict, best: int = 5, since: float = 0.0) -> dict:
+    """Counts of the submissions received since ``since`` and the best accepted, by out-of-sample Sharpe."""
+    subs = [s for s in listing["submissions"] if (s.get("received_at") or 0.0) >= since]
+    accepted = [s for s in subs if s["status"] in ACCEPTED_STATUSES]
+    accepted.sort(key=lambda s: -(s["is_stats"].get("sharpe") or 0.0))
+    reasons: dict = {}
+    for s in subs:
+        if s["status"] not in ACCEPTED_STATUSES:
+            key = s["rejection_reason"] or s["status"]
+            reasons[key] = reasons.get(key, 0) + 1
+    return {"sent": len(subs), "accepted": len(accepted), "refused": reasons, "best": accepted[:best]}
+
+
+def render(s: dict) -> str:
+    lines = [f"{s['sent']} signals sent to the signal service; {s['accepted']} accepted out of sample"]
+    if s["refused"]:
+        lines.append("refused: " + ", ".join(f"{k} {n}" for k, n in sorted(s["refused"].items(), key=lambda kv: -kv[1])))
+    if s["best"]:
+        rows = [("#", "IS sharpe", "OOS sharpe", "OOS fitness", "correlation", "payment", "expression")]
+        for i, sub in enumerate(s["best"], 1):
+            pay = sub.get("payment") or {}
+            rows.append((str(i), _num(sub.get("in_sample_sharpe")), _num(sub["is_stats"].get("sharpe")),
+                         _num(sub["is_stats"].get("fitness")), _num(sub.get("is_correlation")),
+                         _num(pay.get("amount")), _expression(sub.get("graph"))))
+        widths = [max(len(r[i]) for r in rows) for i in range(len(rows[0]))]
+        rows.insert(1, tuple("-" * w for w in widths))
+        lines.append(f"Best {len(s['best'])} accepted signals:")
+        lines += ["  ".join(c.ljust(w) for c, w in zip(r, widths)).rstrip() for r in rows]
+    return "\n".join(lines)
+
+
+def _num(value, digits=2) -> str:
+    return "-" if value is None else f"{value:.{digits}f}"
+
+
+def _expression(graph) -> str:
+    if not isinstance(graph, dict):
+        return repr(graph)
+    if graph.get("type") == "feature":
+        return str(graph.get("node"))
+    if graph.get("type") in ("int", "float", "bool", "string"):
+        return repr(graph.get("node"))
+    return f"{graph.get('node')}({', '.join(_expression(c) for c in graph.get('children') or [])})"
+
+
+def report_to(out, data_dir, url: str, since: float, review_timeout: float = 60.0) -> dict:
+    """Send what the search left queued, wait for the verdicts, and print the summary of this run."""
+    from pathlib import Path
+
+    from quillmarsh.search_tracking import DB_FILE_NAME
+
+    from .service import account_auth
+
+    token = account_auth(data_dir).get_token()
+    send_queued(Path(data_dir) / DB_FILE_NAME, url, token)
+    s = summary(wait_for_verdicts(url, token, review_timeout), since=since)
+    print("\n" + render(s), file=out, flush=True)
+    return s
+
+
+__all__ = ["fetch_submissions", "render", "report_to", "send_queued", "summary", "wait_for_verdicts"]
