@@ -220,3 +220,22 @@ def test_discovery_rate_nudge_fires_again_only_after_a_recovery(handle, nudges):
     conn.execute("DELETE FROM submission_status WHERE submission_id LIKE 'c%'")
     handle._maybe_fire_discovery_rate_declining_nudge()
     assert [t for t, _ in nudges].count("discovery_rate_declining") == 2
+
+
+def test_entry_replayed_by_another_live_search_is_neither_lost_nor_recorded_twice(open_handle, store_dir,
+                                                                                monkeypatch):
+    writer, other = open_handle(), open_handle()
+    payload = claimed(writer)
+    real_replace = os.replace
+
+    def replace_then_let_the_other_search_flush(src, dst):
+        real_replace(src, dst)
+        if dst.endswith(".json"):  # the entry is in place and the writer has not committed yet
+            monkeypatch.setattr(os, "replace", real_replace)
+            assert other._flush_pending_receipt_finalizations() is True
+    monkeypatch.setattr(os, "replace", replace_then_let_the_other_search_flush)
+    writer._handle_submission_success(payload, Receipt("sub-race"))
+    assert [r[0] for r in status_rows(writer)] == ["sub-race"]
+    assert queue_ids(writer) == [] and journal_files(store_dir) == []
+    assert writer._pending_receipts_by_queue_id == {} and writer._submission_failures == 0
+    assert list(other._pending_submissions) == ["sub-race"] and writer._pending_submissions == {}

@@ -130,6 +130,9 @@ public:
     py::list read_receipt_journal();
     void rewrite_receipt_journal_without(py::object completed_key);
     bool submission_status_exists(py::object submission_id);
+    // After a failed record: true when the store holds the receipt all the same, because another search on
+    // this store replayed its journal entry first. A store error counts as false.
+    bool receipt_recorded_meanwhile(py::object submission_id);
     bool journal_source_still_matches(py::object payload);
     bool replay_receipt_journal();
 

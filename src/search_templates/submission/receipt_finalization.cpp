@@ -179,6 +179,13 @@ void SearchHandle::handle_submission_success(py::object payload, py::object rece
             update_submission_counts();
             return;
         }
+        // Another search on this store replayed the journal entry and committed it first: the receipt is
+        // recorded, and that search follows it.
+        if (receipt_recorded_meanwhile(key_or_attr(receipt, "submission_id"))) {
+            rewrite_receipt_journal_without(journal_key);
+            update_submission_counts();
+            return;
+        }
         // The commit failed: now the journal must hold the receipt, whatever it takes.
         if (journal_key.is_none() && !receipt_journal_entry(payload, receipt).is_none())
             journal_key = append_receipt_journal_until_durable(payload, receipt);
@@ -216,20 +223,25 @@ bool SearchHandle::flush_pending_receipt_finalizations() {
         py::object value = item[py::int_(1)];
         py::object payload = value[py::int_(0)];
         py::object receipt = value[py::int_(1)];
+        py::object submission_id = key_or_attr(receipt, "submission_id");
+        bool recorded_here = true;
         try {
             record_submission_and_delete_queue(payload, receipt);
         } catch (...) {
             py::object exc = caught_general_exception();
-            record_background_failure(py::str("submission"), py::str("record_submission"), exc, true);
-            return false;
+            // Recorded meanwhile by another search's replay of the journal entry: that search follows it.
+            recorded_here = false;
+            if (!receipt_recorded_meanwhile(submission_id)) {
+                record_background_failure(py::str("submission"), py::str("record_submission"), exc, true);
+                return false;
+            }
         }
-        py::object submission_id = key_or_attr(receipt, "submission_id");
         {
             PyLockHold hold(_lock);
             _pending_receipts_by_queue_id.attr("pop")(pair_key, py::none());
         }
         rewrite_receipt_journal_without(receipt_journal_key_for_payload(payload, submission_id));
-        finalize_persisted_receipt(payload, submission_id);
+        if (recorded_here) finalize_persisted_receipt(payload, submission_id);
     }
     return replay_receipt_journal();
 }

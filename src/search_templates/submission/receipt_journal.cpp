@@ -106,8 +106,7 @@ py::object SearchHandle::append_receipt_journal(py::object payload, py::object r
                 write_receipt_journal_file(directory, path, tmp_path, text);
                 return key;
             } catch (py::error_already_set& e) {
-                if (attempt >= 3 || !e.matches(PyExc_FileNotFoundError) || truthy(os_path().attr("isdir")(directory)))
-                    throw;
+                if (attempt >= 5 || !e.matches(PyExc_FileNotFoundError)) throw;
             }
         }
     } catch (...) {
@@ -149,7 +148,14 @@ py::list SearchHandle::read_receipt_journal() {
         if (!truthy(name.attr("endswith")(".json"))) continue;
         try {
             py::object path = os_path().attr("join")(directory, name);
-            py::object f = io.attr("open")(path, "r", py::arg("encoding") = "utf-8");
+            py::object f;
+            try {
+                f = io.attr("open")(path, "r", py::arg("encoding") = "utf-8");
+            } catch (py::error_already_set& e) {
+                // Finished and removed by another search on this store since the listing: nothing to read.
+                if (e.matches(PyExc_FileNotFoundError)) continue;
+                throw;
+            }
             py::object entry;
             try {
                 entry = json.attr("load")(f);
@@ -181,11 +187,20 @@ void SearchHandle::rewrite_receipt_journal_without(py::object completed_key) {
         }
         py::object directory = receipt_journal_path();
         if (!directory.is_none() && truthy(os_path().attr("isdir")(directory))) {
-            fsync_directory(directory);
+            bool gone = false;
             try {
-                os.attr("rmdir")(directory);  // only once the last entry is gone
+                fsync_directory(directory);
             } catch (py::error_already_set& e) {
-                if (!e.matches(PyExc_OSError)) throw;
+                // Removed by another search on this store since the test above: nothing left to sync.
+                if (!e.matches(PyExc_FileNotFoundError)) throw;
+                gone = true;
+            }
+            if (!gone) {
+                try {
+                    os.attr("rmdir")(directory);  // only once the last entry is gone
+                } catch (py::error_already_set& e) {
+                    if (!e.matches(PyExc_OSError)) throw;
+                }
             }
         }
     } catch (...) {
@@ -200,6 +215,15 @@ bool SearchHandle::submission_status_exists(py::object submission_id) {
                              py::make_tuple(submission_id))
                          .attr("fetchone")();
     return !row.is_none();
+}
+
+bool SearchHandle::receipt_recorded_meanwhile(py::object submission_id) {
+    try {
+        return truthy(submission_id) && submission_status_exists(submission_id);
+    } catch (...) {
+        caught_general_exception();
+        return false;
+    }
 }
 
 bool SearchHandle::journal_source_still_matches(py::object payload) {
@@ -268,8 +292,13 @@ bool SearchHandle::replay_receipt_journal() {
             }
             record_submission_and_delete_queue(payload, module_attr("_ReceiptRecord")(submission_id));
         } catch (...) {
-            // This entry and those after it wait for the next flush.
             py::object exc = caught_general_exception();
+            // The search that wrote the entry was alive and committed it first: only the file is left.
+            if (receipt_recorded_meanwhile(submission_id)) {
+                rewrite_receipt_journal_without(key);
+                continue;
+            }
+            // This entry and those after it wait for the next flush.
             record_background_failure(py::str("submission"), py::str("receipt_journal_replay"), exc, true);
             return false;
         }
