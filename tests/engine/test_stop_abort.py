@@ -15,13 +15,24 @@ def all_threads(h):
 
 
 def recorder(h, name, calls, result=None):
+    """Records the calls made on the test's own thread; the handle's threads keep the real operation."""
+    me, original = threading.current_thread(), getattr(h, name)
+
     def record(*args):
+        if threading.current_thread() is not me:
+            return original(*args)
         calls.append((name, *args))
         return result
     setattr(h, name, record)
 
 
-def test_stop_flushes_twice_joins_releases_and_clears_the_module_state(make_handle):
+@pytest.fixture
+def idle_submission_thread(monkeypatch):
+    """A submission thread that only waits for stop, so that what stop and abort do is seen alone."""
+    monkeypatch.setattr(st._SearchHandleImpl, "_submission_loop", lambda self: self._stop_event.wait())
+
+
+def test_stop_flushes_twice_joins_releases_and_clears_the_module_state(make_handle, idle_submission_thread):
     sync = FakeSyncManager()
     h = make_handle(idle_template, n_jobs=2, sync_mgr=sync)
     st._search_active, st._active_search_handle = True, h
@@ -100,7 +111,8 @@ def insert(conn, table, payload, owner=None):
                  (payload["eval_id"], json.dumps(payload, sort_keys=True), owner))
 
 
-def test_abort_deletes_only_this_handles_rows_and_clears_its_state(make_handle, tracker, caplog):
+def test_abort_deletes_only_this_handles_rows_and_clears_its_state(make_handle, tracker, caplog,
+                                                                   idle_submission_thread):
     sync = FakeSyncManager()
     h = make_handle(idle_template, tracker=tracker, sync_mgr=sync)
     st._search_active, st._active_search_handle = True, h
@@ -200,16 +212,11 @@ def test_collection_of_an_unstopped_handle_signals_and_releases(make_handle):
     assert stop_event.is_set() and sync.ref_count == 0
 
 
-def test_the_seams_keep_the_engines_contract(make_handle):
+@pytest.mark.parametrize("loop", ["_submission_loop", "_polling_loop"])
+def test_a_stopped_search_with_nothing_in_memory_ends_its_background_loops(make_handle, loop):
     h = make_handle(idle_template, bt=None)
-    h._submission_queue.put({"eval_id": "a"})
-    h._retry_queue.append({"eval_id": "b"})
-    h._update_submission_counts()
-    assert (h._submission_queued, h._submission_retrying, h._submission_pending) == (1, 1, 0)
-    assert h._flush_pending_receipt_finalizations() is True
-    assert h._delete_claimed_submission_source({"eval_id": "a"}) is False
-    t = threading.Thread(target=h._submission_loop)
-    t.start()
     h._stop_event.set()
-    t.join(5.0)
+    t = threading.Thread(target=getattr(h, loop))
+    t.start()
+    t.join(2.0)
     assert not t.is_alive()

@@ -74,5 +74,18 @@ class RecordingTracker:
     def enqueue_submission(self, *args):
         self.enqueued.append(args)
 
+    # Without a store, the queues live in the search's memory: nothing to hand out, nothing pending.
+    def dequeue_submission(self):
+        return None
+
+    def dequeue_retryable(self):
+        return None
+
+    def requeue_submission(self, *args):
+        self.enqueued.append(args)
+
+    def get_pending_submissions(self):
+        return []
+
     def set_search_active(self, flag):
         self.search_active.append(bool(flag))

@@ -24,7 +24,7 @@ def test_bad_arguments_give_one_line_and_exit_non_zero(capsys, argv, fragment):
     assert fragment in err and "Traceback" not in err
 
 
-@pytest.mark.parametrize("command", ["demo", "status", "db-info", "analyze"])
+@pytest.mark.parametrize("command", ["demo", "status", "db-info", "analyze", "serve"])
 def test_every_command_has_help(capsys, command):
     with pytest.raises(SystemExit) as info:
         cli.main([command, "--help"])
@@ -114,6 +114,14 @@ def test_demo_runs_a_short_search_on_a_small_market(tmp_path, capsys, restore_on
         "SELECT COUNT(*) FROM signal_evaluations").fetchone()[0]
     assert evaluated > 0
     assert (data_dir / "best_signals.png").read_bytes()[:8] == b"\x89PNG\r\n\x1a\n"
+    # Every signal that passed went to the service, which the demo started and stopped, and was judged there.
+    service = sqlite3.connect(data_dir / "signal_service.sqlite3")
+    sent, accepted, waiting = service.execute(
+        "SELECT COUNT(*), SUM(status IN ('found', 'useful')), SUM(status = 'is_validating') FROM submissions").fetchone()
+    passed = sqlite3.connect(data_dir / "search_tracking.db").execute(
+        "SELECT COUNT(*) FROM signal_evaluations WHERE passed = 1").fetchone()[0]
+    assert sent <= passed and not waiting  # a body that passed twice is one submission
+    assert f"{sent} signals sent to the signal service; {accepted or 0} accepted out of sample" in out
 
 
 def test_the_report_renders_as_tables():

@@ -44,7 +44,7 @@ def test_a_search_sends_its_signals_and_follows_them_to_a_verdict(local_platform
     finally:
         handle.stop()
     status = handle.status()
-    assert status.total_found >= 1 and status.running is False
+    assert status.total_found >= 1 and status.running is False, status.errors
     conn = handle._tracker._conn
     passed = {r[0] for r in conn.execute("SELECT eval_id FROM signal_evaluations WHERE passed=1")}
     submitted = {r[0] for r in conn.execute("SELECT eval_id FROM signal_evaluations WHERE submitted=1")}

@@ -70,11 +70,11 @@ def test_each_outcome_of_a_send_is_routed_where_it_belongs(quiet_handle, service
     h._submission_backoff_seconds = 40.0  # a pause from earlier failures
     send_next(h)
     queue = rows(h, "SELECT priority, in_flight_owner FROM submission_queue")
-    retry = rows(h, "SELECT eval_id, retry_after, last_rejection_reason, in_flight_owner FROM submission_retry")
+    retry = rows(h, "SELECT eval_id, retry_after, last_rejection_reason FROM submission_retry")
     kind = outcome[0]
     assert rows(h, "SELECT COUNT(*) FROM submission_status") == [(0,)]
     if kind == "retry":
-        assert queue == [] and retry == [(eval_id, outcome[1], outcome[2], None)]
+        assert queue == [] and retry == [(eval_id, outcome[1], outcome[2])]
         assert (h._submission_discarded, h._submission_backoff) == (0, False)
     elif kind == "later":
         assert queue == [(1, None)] and retry == []

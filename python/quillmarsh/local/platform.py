@@ -22,6 +22,7 @@ from quillmarsh.sync import ERA_CONFIG_FILE_NAME
 DEFAULT_DATA_DIR = "~/.quillmarsh/local"
 SHUFFLE_SEED_FILE_NAME = "shuffle_seed.enc"
 SHUFFLE_SEED_BYTES = 60
+_follower = None  # the found-signal follower of the last platform set up in this process
 
 
 class PlatformError(RuntimeError):
@@ -99,5 +100,8 @@ def setup(data_dir=None, *, n_instruments: int = 500, n_days: int = 1260, seed: 
     agent_onboarding._config["data_dir"] = str(path)
     agent_onboarding.set_evaluator_factory(lambda _data_dir, _era_config: evaluator)
     account = agent_onboarding.register()
-    follower = FoundSignalFollower(evaluator, path).start()
-    return LocalPlatform(path, evaluator, era, universe_id, account, follower)
+    global _follower
+    if _follower is not None:
+        _follower.stop()
+    _follower = FoundSignalFollower(evaluator, path).start()
+    return LocalPlatform(path, evaluator, era, universe_id, account, _follower)

@@ -18,6 +18,7 @@ namespace {
 constexpr double BACKOFF_RESET_SECONDS = 5.0;
 constexpr double BACKOFF_FACTOR = 2.0;
 constexpr double BACKOFF_CEILING_SECONDS = 300.0;
+constexpr double PAUSED_STEP_SECONDS = 0.05;
 
 bool event_is_set(const py::object& event) { return truthy(event.attr("is_set")()); }
 
@@ -271,8 +272,8 @@ void submission_loop_inner(SearchHandle& h) {
         }
         if (paused_for > 0.0) {
             // Sending is paused. A pass that did not wait for the wake-up (work in memory after a stop)
-            // sleeps a short while here instead of spinning.
-            if (!waited) submission_backoff_sleep(py::float_(paused_for));
+            // sleeps a short step here instead of spinning, and sees at once when stop has drained it.
+            if (!waited) sleep_without_gil(std::min(paused_for, PAUSED_STEP_SECONDS));
             continue;
         }
 

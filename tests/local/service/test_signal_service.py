@@ -155,6 +155,8 @@ BAD_BODIES = [
     (_with(signal_pool_id="elsewhere"), 422, "unknown signal pool"),
     (_with(universe_id="XX"), 422, "unknown universe"),
     (_with(metaparameters={"decay": -1}), 422, "metaparameters.decay"),
+    (_with(metaparameters={"decay": "two"}), 422, "metaparameters.decay"),
+    (_with(metaparameters={"truncation": "1.5"}), 422, "metaparameters.truncation"),
     (_with(metaparameters={"normalization": "magic"}), 422, "metaparameters.normalization"),
     (_with(graph={"type": "feature", "node": "no_such_feature"}), 422, "graph: unknown feature"),
     (_with(graph=rot("cs_rank", feature("nope"))), 422, "graph.children[0]: unknown feature"),
@@ -211,7 +213,8 @@ def test_a_near_copy_of_a_found_signal_is_refused_as_too_correlated(start):
     client = client_of(svc)
     original = client.submit_signal(**submission(rot("cs_rank", feature("quality"))))
     assert wait_terminal(client, original.submission_id)["status"] == "found"
-    copy = client.submit_signal(**submission(rot("cs_zscore", feature("quality")), metaparameters={"truncation": 0.1}))
+    copy = client.submit_signal(**submission(rot("cs_zscore", feature("quality")),
+                                          metaparameters={"decay": "0", "truncation": "0.1", "normalization": "rank"}))
     unrelated = client.submit_signal(**submission(rot("cs_rank", feature("alt_7"))))
     judged_copy = wait_terminal(client, copy.submission_id)
     assert (judged_copy["status"], judged_copy["rejection_reason"]) == ("not_useful", "correlation_exceeded")

@@ -106,6 +106,28 @@ def _has_retired_field(value) -> bool:
     return False
 
 
+_BAD = object()
+
+
+def _as_number(value, kind):
+    """``value`` as an int or float (from a number or its text), None for None, ``_BAD`` otherwise."""
+    if value is None:
+        return None
+    if isinstance(value, bool):
+        return _BAD
+    if kind is int and type(value) is float and value.is_integer():
+        value = int(value)
+    if isinstance(value, (int, float)) and (kind is float or type(value) is int):
+        return value if math.isfinite(value) else _BAD
+    if isinstance(value, str):
+        try:
+            number = kind(value.strip())
+        except ValueError:
+            return _BAD
+        return number if math.isfinite(number) else _BAD
+    return _BAD
+
+
 class SubmissionContract:
     """The checks of a submission body for one market: its universe, pools, vocabulary and graph limits."""
 
@@ -165,12 +187,15 @@ class SubmissionContract:
         norm = meta.get("normalization")
         if norm is not None and norm not in _NORMALIZATIONS:
             raise ContractError(f"metaparameters.normalization must be one of {list(_NORMALIZATIONS)}, got {norm!r:.80}")
-        decay = meta.get("decay")
-        if decay is not None and (type(decay) is not int or not 0 <= decay <= _MAX_DECAY):
-            raise ContractError(f"metaparameters.decay must be an integer in [0, {_MAX_DECAY}], got {decay!r:.80}")
-        trunc = meta.get("truncation")
-        if trunc is not None and (not _finite_number(trunc) or not 0.0 <= trunc <= 1.0):
-            raise ContractError(f"metaparameters.truncation must be a number in [0, 1], got {trunc!r:.80}")
+        # Searches store metaparameters in canonical text form ("0", "0.05"); numbers are taken as well.
+        decay = _as_number(meta.get("decay"), int)
+        if decay is _BAD or (decay is not None and not 0 <= decay <= _MAX_DECAY):
+            raise ContractError(f"metaparameters.decay must be an integer in [0, {_MAX_DECAY}], "
+                                f"got {meta.get('decay')!r:.80}")
+        trunc = _as_number(meta.get("truncation"), float)
+        if trunc is _BAD or (trunc is not None and not 0.0 <= trunc <= 1.0):
+            raise ContractError(f"metaparameters.truncation must be a number in [0, 1], "
+                                f"got {meta.get('truncation')!r:.80}")
 
     def check_graph(self, graph) -> None:
         count = [0]

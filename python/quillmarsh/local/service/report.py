@@ -23,8 +23,9 @@ def fetch_submissions(url: str, token: str, limit: int = 10_000) -> dict:
         return json.loads(response.read())
 
 
-def send_queued(store_path, url: str, token: str) -> int:
-    """Send the signals still waiting in a search's ``submission_queue``; returns how many the service took.
+def send_queued(store_path, url: str, token: str) -> tuple:
+    """Send the signals still waiting in a search's ``submission_queue``; returns how many the service took
+    and the refusals, error text -> count.
 
     Each goes with the idempotency key the search's own pipeline would give it, so a later search that sends
     the same row is answered with the same submission."""
@@ -35,7 +36,7 @@ def send_queued(store_path, url: str, token: str) -> int:
         rows = []
     finally:
         conn.close()
-    taken = 0
+    taken, refused = 0, {}
     client = SignalServiceClient(url, token)
     for (text,) in rows:
         try:
@@ -46,11 +47,16 @@ def send_queued(store_path, url: str, token: str) -> int:
         body["idempotency_key"] = payload.get("idempotency_key") or SignalServiceClient._idempotency_key_for_body(body)
         try:
             result = client.submit_signal(**body)
-        except TypeError:  # a row without the fields of a signal submission
+        except TypeError as exc:  # a row without the fields of a signal submission
+            refused[str(exc)] = refused.get(str(exc), 0) + 1
             continue
-        taken += 200 <= result.status_code <= 299
+        if 200 <= result.status_code <= 299:
+            taken += 1
+        else:
+            reason = f"{result.status_code} {result.error}"
+            refused[reason] = refused.get(reason, 0) + 1
     client.close()
-    return taken
+    return taken, refused
 
 
 def wait_for_verdicts(url: str, token: str, timeout: float) -> dict:
@@ -79,6 +85,8 @@ def summary(listing: dict, best: int = 5, since: float = 0.0) -> dict:
 
 def render(s: dict) -> str:
     lines = [f"{s['sent']} signals sent to the signal service; {s['accepted']} accepted out of sample"]
+    for reason, n in sorted((s.get("not_taken") or {}).items()):
+        lines.append(f"not taken by the service ({n}): {reason}")
     if s["refused"]:
         lines.append("refused: " + ", ".join(f"{k} {n}" for k, n in sorted(s["refused"].items(), key=lambda kv: -kv[1])))
     if s["best"]:
@@ -118,8 +126,9 @@ def report_to(out, data_dir, url: str, since: float, review_timeout: float = 60.
     from .service import account_auth
 
     token = account_auth(data_dir).get_token()
-    send_queued(Path(data_dir) / DB_FILE_NAME, url, token)
+    _taken, refused = send_queued(Path(data_dir) / DB_FILE_NAME, url, token)
     s = summary(wait_for_verdicts(url, token, review_timeout), since=since)
+    s["not_taken"] = refused
     print("\n" + render(s), file=out, flush=True)
     return s
 

@@ -153,10 +153,10 @@ class SignalService:
             received_at = time.time()
             answer = {"submission_id": submission_id, "status": PENDING_STATUS, "idempotency_key": key,
                       "signal_pool_id": body["signal_pool_id"], "received_at": received_at}
-            stored = self.store.insert_submission(
+            stored = await asyncio.wrap_future(self.store.insert_submission_later(
                 submission_id=submission_id, account_id=account, key=key, fingerprint=fp, body=body,
                 status_code=ACCEPTED_CODE, answer=answer, received_at=received_at,
-                review_at=received_at + self.config.review_delay_seconds)
+                review_at=received_at + self.config.review_delay_seconds))
             if stored.submission_id != submission_id:  # stored by another process on the same file
                 return self._replay(stored, fp)
             with self._lock:

@@ -5,7 +5,10 @@ are kept with it and replayed for every repeat of the key. Bad requests and refu
 """
 from __future__ import annotations
 
+import concurrent.futures
 import json
+import logging
+import queue
 import sqlite3
 import threading
 import time
@@ -13,7 +16,10 @@ from pathlib import Path
 
 import numpy as np
 
+logger = logging.getLogger(__name__)
+
 DB_FILE_NAME = "signal_service.sqlite3"
+MAX_BATCH = 256
 PENDING_STATUS = "is_validating"
 
 _SCHEMA = (
@@ -51,57 +57,150 @@ class StoredAnswer:
         self.body = body
 
 
+def _connect(path: Path, durable: bool, check_same_thread: bool = True) -> sqlite3.Connection:
+    conn = sqlite3.connect(str(path), timeout=30.0, isolation_level=None, check_same_thread=check_same_thread)
+    conn.execute("PRAGMA journal_mode=WAL")
+    # FULL syncs the log at each commit (safe against power loss); NORMAL syncs at checkpoints only, which
+    # still loses nothing when the process alone dies.
+    conn.execute("PRAGMA synchronous=%s" % ("FULL" if durable else "NORMAL"))
+    conn.execute("PRAGMA busy_timeout=30000")
+    return conn
+
+
+_INSERT = ("INSERT INTO submissions (submission_id, account_id, idempotency_key, fingerprint, signal_pool_id, "
+           "universe_id, body_json, response_code, response_json, received_at, review_at, status) "
+           "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT (account_id, idempotency_key) DO NOTHING")
+_SELECT_ANSWER = ("SELECT submission_id, fingerprint, response_code, response_json FROM submissions "
+                  "WHERE account_id = ? AND idempotency_key = ?")
+
+
+class _GroupWriter:
+    """The one thread that inserts submissions, a batch per transaction."""
+
+    def __init__(self, path: Path, durable: bool, checkpoint_interval: float = 0.5):
+        self._queue: queue.SimpleQueue = queue.SimpleQueue()
+        self._conn = _connect(path, durable, check_same_thread=False)
+        # The log is copied back into the database by a thread of its own, so that no commit waits for it.
+        self._conn.execute("PRAGMA wal_autocheckpoint=0")
+        self._checkpoint_conn = _connect(path, durable, check_same_thread=False)
+        self._checkpoint_interval = checkpoint_interval
+        self._stop = threading.Event()
+        self._thread = threading.Thread(target=self._run, name="signal_store_writer", daemon=True)
+        self._thread.start()
+        self._checkpointer = threading.Thread(target=self._checkpoints, name="signal_store_checkpoint", daemon=True)
+        self._checkpointer.start()
+
+    def insert(self, row: tuple) -> concurrent.futures.Future:
+        future: concurrent.futures.Future = concurrent.futures.Future()
+        self._queue.put((row, future))
+        return future
+
+    def close(self, timeout: float = 10.0) -> None:
+        self._queue.put(None)
+        self._stop.set()
+        self._thread.join(timeout)
+        self._checkpointer.join(timeout)
+        self._conn.close()
+        self._checkpoint_conn.close()
+
+    def _checkpoints(self) -> None:
+        while not self._stop.wait(self._checkpoint_interval):
+            try:
+                self._checkpoint_conn.execute("PRAGMA wal_checkpoint(PASSIVE)")
+            except sqlite3.Error as exc:  # busy or locked: the next round copies what this one could not
+                logger.debug("checkpoint skipped: %s", exc)
+
+    def _run(self) -> None:
+        stopping = False
+        while not stopping:
+            item = self._queue.get()
+            if item is None:
+                break
+            batch = [item]
+            while len(batch) < MAX_BATCH:
+                try:
+                    item = self._queue.get_nowait()
+                except queue.Empty:
+                    break
+                if item is None:
+                    stopping = True
+                    break
+                batch.append(item)
+            self._commit(batch)
+
+    def _commit(self, batch: list) -> None:
+        conn = self._conn
+        try:
+            conn.execute("BEGIN IMMEDIATE")
+            answers = []
+            for row, _future in batch:
+                if conn.execute(_INSERT, row).rowcount == 1:
+                    answers.append(None)  # stored as given
+                else:
+                    found = conn.execute(_SELECT_ANSWER, (row[1], row[2])).fetchone()
+                    answers.append(StoredAnswer(found[0], found[1], int(found[2]), json.loads(found[3])))
+            conn.execute("COMMIT")
+        except Exception as exc:
+            try:
+                conn.execute("ROLLBACK")
+            except sqlite3.Error as rollback_error:
+                logger.warning("rollback after a failed insert failed: %s", rollback_error)
+            for _row, future in batch:
+                future.set_exception(exc)
+            return
+        for (_row, future), answer in zip(batch, answers):
+            future.set_result(answer)
+
+
 class ServiceStore:
-    """Thread-safe access to the service's SQLite file; every write is its own committed transaction."""
+    """Thread-safe access to the service's SQLite file. Reads and verdicts go through one connection under a
+    lock; new submissions through the group writer."""
 
     def __init__(self, data_dir, *, durable: bool = True):
         self.path = Path(data_dir) / DB_FILE_NAME
         self._lock = threading.Lock()
-        self._conn = sqlite3.connect(str(self.path), timeout=30.0, isolation_level=None, check_same_thread=False)
-        self._conn.execute("PRAGMA journal_mode=WAL")
-        # FULL syncs the log at each commit (safe against power loss); NORMAL syncs at checkpoints only, which
-        # still loses nothing when the process alone dies.
-        self._conn.execute("PRAGMA synchronous=%s" % ("FULL" if durable else "NORMAL"))
-        self._conn.execute("PRAGMA busy_timeout=30000")
+        self._conn = _connect(self.path, durable, check_same_thread=False)
         with self._lock:
             for statement in _SCHEMA:
                 self._conn.execute(statement)
+        self._writer = _GroupWriter(self.path, durable)
 
     def close(self) -> None:
+        self._writer.close()
         with self._lock:
             self._conn.close()
 
     # ----- submissions --------------------------------------------------------------------------------
     def answer_for_key(self, account_id: str, key: str) -> StoredAnswer | None:
         with self._lock:
-            row = self._conn.execute(
-                "SELECT submission_id, fingerprint, response_code, response_json FROM submissions "
-                "WHERE account_id = ? AND idempotency_key = ?", (account_id, key)).fetchone()
+            row = self._conn.execute(_SELECT_ANSWER, (account_id, key)).fetchone()
         if row is None:
             return None
         return StoredAnswer(row[0], row[1], int(row[2]), json.loads(row[3]))
 
-    def insert_submission(self, *, submission_id, account_id, key, fingerprint, body: dict, status_code: int,
-                          answer: dict, received_at: float, review_at: float) -> StoredAnswer:
-        """Store a new submission with its answer. If the key was stored meanwhile, the stored answer is
-        returned instead and nothing is written."""
-        with self._lock:
-            try:
-                self._conn.execute(
-                    "INSERT INTO submissions (submission_id, account_id, idempotency_key, fingerprint, "
-                    "signal_pool_id, universe_id, body_json, response_code, response_json, received_at, "
-                    "review_at, status) VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)",
-                    (submission_id, account_id, key, fingerprint, body["signal_pool_id"], body["universe_id"],
-                     json.dumps(body, sort_keys=True, allow_nan=False), status_code,
-                     json.dumps(answer, sort_keys=True), received_at, review_at, PENDING_STATUS))
-            except sqlite3.IntegrityError:
-                existing = None
+    def insert_submission_later(self, *, submission_id, account_id, key, fingerprint, body: dict, status_code: int,
+                                answer: dict, received_at: float, review_at: float) -> concurrent.futures.Future:
+        """Queue a new submission with its answer for the next group commit. The future's result is the
+        answer stored for the key once committed: this one, or the earlier one if the key was stored
+        meanwhile (then nothing is written)."""
+        row = (submission_id, account_id, key, fingerprint, body["signal_pool_id"], body["universe_id"],
+               json.dumps(body, sort_keys=True, allow_nan=False), status_code, json.dumps(answer, sort_keys=True),
+               received_at, review_at, PENDING_STATUS)
+        mine = StoredAnswer(submission_id, fingerprint, status_code, answer)
+        future: concurrent.futures.Future = concurrent.futures.Future()
+
+        def done(inner):
+            exc = inner.exception()
+            if exc is not None:
+                future.set_exception(exc)
             else:
-                return StoredAnswer(submission_id, fingerprint, status_code, answer)
-        existing = self.answer_for_key(account_id, key)
-        if existing is None:  # the id itself collided: not a repeat of the key
-            raise RuntimeError(f"submission id {submission_id!r} is already taken")
-        return existing
+                future.set_result(inner.result() or mine)
+
+        self._writer.insert(row).add_done_callback(done)
+        return future
+
+    def insert_submission(self, **fields) -> StoredAnswer:
+        return self.insert_submission_later(**fields).result()
 
     def submission(self, submission_id: str, account_id: str | None = None) -> dict | None:
         sql = ("SELECT submission_id, account_id, idempotency_key, signal_pool_id, universe_id, body_json, "
