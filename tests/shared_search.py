@@ -34,12 +34,11 @@ def run(data_dir, seconds, server_url=None, jobs=1, drain_seconds=0.0):
         deadline = time.monotonic() + seconds
         while time.monotonic() < deadline:
             time.sleep(min(0.5, max(0.0, deadline - time.monotonic())))
-            status = handle.status()
-            if not status.running:
+            if not handle.status().running:
                 break
-        status = handle.status()
     finally:
         handle.stop()
+    status = handle.status()  # after the stop, which finishes what was in flight
     return {"started": started, "stopped": time.time(), "total_evaluated": status.total_evaluated,
             "total_found": status.total_found, "running": status.running, "error_code": status.error_code,
             "errors": [str(e) for e in status.errors][-5:]}
