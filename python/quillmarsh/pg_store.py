@@ -387,11 +387,10 @@ class PostgresConnection:
                 raise psycopg.ProgrammingError("cannot start a transaction within a transaction")
             try:
                 if kind == "begin_immediate":
-                    conn.execute("BEGIN")
-                    try:
-                        conn.execute("SELECT pg_advisory_xact_lock(%s)", (self._lock_key,))
+                    try:  # one round trip: the transaction and the store's write lock
+                        conn.execute("BEGIN; SELECT pg_advisory_xact_lock(%d)" % self._lock_key)
                     except BaseException:
-                        if not self._is_lost(conn, None):
+                        if not self._is_lost(conn, None) and self.in_transaction:
                             conn.execute("ROLLBACK")
                         raise
                     return PostgresCursor([], -1)
