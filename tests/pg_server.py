@@ -46,6 +46,20 @@ def _free_port() -> int:
         return s.getsockname()[1]
 
 
+def _reachable_temp_dir(account) -> str | None:
+    """A temporary directory whose every parent another account may pass through, for the server's files."""
+    if account is None:
+        return None
+    for candidate in (tempfile.gettempdir(), "/tmp", "/var/tmp", "/dev/shm"):
+        path, ok = os.path.abspath(candidate), os.path.isdir(candidate)
+        while ok and path != "/":
+            ok = bool(os.stat(path).st_mode & 0o001)
+            path = os.path.dirname(path)
+        if ok:
+            return candidate
+    raise RuntimeError("no temporary directory that the account %r can reach" % account[2])
+
+
 def _server_account():
     """(uid, gid, name) to run the server as, or None to run it as this process."""
     if os.geteuid() != 0:
@@ -88,7 +102,7 @@ class PostgresServer:
 
     def start(self):
         self._account = _server_account()
-        self.root = tempfile.mkdtemp(prefix="quillmarsh-pg-")
+        self.root = tempfile.mkdtemp(prefix="quillmarsh-pg-", dir=_reachable_temp_dir(self._account))
         if self._account is not None:
             os.chown(self.root, self._account[0], self._account[1])
         atexit.register(self.stop)
