@@ -1,6 +1,8 @@
 # `make test`  : create .venv if missing, (re)build and install the package with its test extras, run pytest
 # `make demo`  : the same set-up, then run the main job on the embedded local platform
 # `make bench` : the same set-up, then run the benchmarks under benchmarks/
+# `make stubs` : regenerate the type stubs of the native modules from the built modules (kept in git)
+# `make chaos` : the same set-up, then the kill-injection crash harness (50 trials)
 PYTHON ?= python3
 VENV   := .venv
 VPY    := $(VENV)/bin/python
@@ -11,7 +13,7 @@ BUILD_INPUTS := CMakeLists.txt pyproject.toml \
 	$(shell find src -name '*.cpp' -o -name '*.hpp' -o -name 'CMakeLists.txt' 2>/dev/null) \
 	$(shell find python -name '*.py' 2>/dev/null)
 
-.PHONY: test demo bench build clean postgres-server
+.PHONY: test demo bench chaos build clean stubs postgres-server
 
 test: $(VENV)/.installed postgres-server
 	$(VPY) -m pytest $(PYTEST_ARGS)
@@ -21,9 +23,26 @@ build: $(VENV)/.installed
 demo: $(VENV)/.installed
 	$(VENV)/bin/quillmarsh demo --minutes 1 --jobs $(JOBS)
 
+# Kill the search and the signal service at random, 50 times, and count what was lost (several minutes).
+chaos: $(VENV)/.installed
+	$(VPY) benchmarks/crash_harness.py --trials 50
+
 bench: $(VENV)/.installed postgres-server
 	@set -e; for b in benchmarks/bench_*.py; do \
 	  [ -e "$$b" ] || continue; echo "== $$b"; $(VPY) "$$b"; done
+
+# The stubs are generated from the built modules, then kept in the repository beside them; a test fails when
+# a public name of a module is missing from its stub, so regenerate after adding one.
+STUB_OUT := build/stubs
+stubs: $(VENV)/.installed
+	rm -rf $(STUB_OUT)
+	$(VPY) -m pybind11_stubgen --output-dir $(STUB_OUT) --exit-code \
+	  --ignore-unresolved-names '^(_thread\.|quillmarsh\.search_templates\._helpers\.)' \
+	  quillmarsh.search_templates quillmarsh.local._evaluator
+	$(VPY) tools/refine_stubs.py $(STUB_OUT)/quillmarsh/search_templates/__init__.pyi python/quillmarsh/search_templates.pyi \
+	  quillmarsh.search_templates
+	$(VPY) tools/refine_stubs.py $(STUB_OUT)/quillmarsh/local/_evaluator.pyi python/quillmarsh/local/_evaluator.pyi \
+	  quillmarsh.local._evaluator
 
 $(VPY):
 	$(PYTHON) -m venv $(VENV)

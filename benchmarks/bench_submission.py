@@ -77,16 +77,20 @@ class Receipt:
 
 
 def quiet_handle(data_dir):
-    h = st._SearchHandleImpl(template=idle, n_jobs=1, tracker=SearchTracker(data_dir), sync_mgr=None,
-                             bt=Backtester(), obf=Obfuscation(), era_cfg=EraConfig(**ERA_FIELDS), auth_mock=Auth(),
-                             data_dir=data_dir)
-    h._stop_event.set()
-    for t in list(h._worker_threads) + [h._supervisor_thread, h._era_thread, h._submission_thread,
-                                        h._polling_thread]:
-        if t is not None:
-            t.join(5.0)
-    h._stop_event.clear()
-    return h
+    """A handle on ``data_dir`` whose own threads are made but never started: only the benchmark drives it."""
+    real_start = threading.Thread.start
+    names = ("supervisor", "era_thread", "submission_thread", "polling_thread")
+
+    def start(thread):
+        if thread.name not in names and not thread.name.startswith("worker_"):
+            real_start(thread)
+    threading.Thread.start = start
+    try:
+        return st._SearchHandleImpl(template=idle, n_jobs=0, tracker=SearchTracker(data_dir), sync_mgr=None,
+                                    bt=Backtester(), obf=Obfuscation(), era_cfg=EraConfig(**ERA_FIELDS),
+                                    auth_mock=Auth(), data_dir=data_dir)
+    finally:
+        threading.Thread.start = real_start
 
 
 def close(h):
@@ -274,6 +278,9 @@ def main():
         for name, seconds in parts.items():
             print(f"  {name:16s} {1e3 * seconds / n_split:7.3f} ms  ({100 * seconds / total:4.1f} %)")
         print(f"  {'total':16s} {1e3 * total / n_split:7.3f} ms = {n_split / total:.0f} receipts/s")
+        store_side = parts["claim"] + parts["transaction"] + parts["in memory"]
+        print(f"  store side alone (claim, transaction, in memory): {1e3 * store_side / n_split:.3f} ms = "
+              f"{n_split / store_side:.0f} receipts/s; the rest is the journal's file system work")
 
         na, nb, elapsed2, fsyncs2 = two_handles(root)
         rate2 = (na + nb) / elapsed2
@@ -281,6 +288,16 @@ def main():
               f"{fsyncs2 / (na + nb):.2f} fsyncs per receipt, every row recorded once")
 
         print_disk(root, "after")
+        if os.path.isdir("/dev/shm"):
+            # For reference only: the same road with the data directory in memory, where fsync costs nothing
+            # and nothing is durable. It shows what the code itself costs; the targets are judged on disk.
+            shm = tempfile.mkdtemp(prefix="bench_submission_", dir="/dev/shm")
+            try:
+                n_mem, elapsed_mem, _ = one_thread(shm)
+                print(f"reference, data directory in memory (not durable): {n_mem / elapsed_mem:.0f} receipts/s "
+                      f"with one thread")
+            finally:
+                shutil.rmtree(shm, ignore_errors=True)
         for name, value in (("one thread", rate), ("two handles", rate2)):
             verdict = "met" if value >= TARGET_PER_SECOND else "NOT met"
             print(f"target {TARGET_PER_SECOND:.0f} receipts/s, {name}: {verdict}")

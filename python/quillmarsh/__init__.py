@@ -3,14 +3,19 @@
 ``register()`` and ``login(private_key)`` set up the account and runtime; the search API (``search``,
 ``status``, ``random_weighted``, ...) is that of ``quillmarsh.search_templates``, whose public names are
 available here too. The extension is imported only when one of its names is used, so the package itself
-imports even where the extension cannot be loaded.
+imports even where the extension cannot be loaded. Searches still running when the interpreter exits are
+stopped first, as ``stop()`` does (``quillmarsh._exit_stop``).
 """
 
 from __future__ import annotations
 
 import importlib
 
-__all__ = ["register", "login", "logout"]
+from quillmarsh import _exit_stop
+
+__all__ = ["register", "login", "logout", "harden_template_sandbox"]
+
+_exit_stop.register()
 
 
 def register() -> dict:
@@ -29,6 +34,21 @@ def logout() -> None:
     """Forget the login and close the runtime."""
     from quillmarsh.agent_onboarding import logout as _logout
     _logout()
+
+
+def harden_template_sandbox() -> None:
+    """Close every door out of the process to template code, for the rest of the process's life.
+
+    By default a template's worker thread is refused only ``open``, ``sqlite3.connect`` and
+    ``urllib.request.urlopen``. After this call it is refused, through an audit hook, every other way of
+    opening or changing files (``io.open``, ``os.open``, pathlib, ...), of connecting or binding sockets, of
+    starting processes (``subprocess``, ``os.system``, ``os.exec*``, ``os.posix_spawn``, ``os.fork``), of
+    loading native code and of opening SQLite, with the same ``TemplateSandboxViolation``; and threads a
+    template starts are inside the sandbox as long as they run. Imports keep reading their module files.
+    Threads outside the sandbox are not affected. It cannot be undone.
+    """
+    from quillmarsh import search_templates as _st
+    _st._harden_template_sandbox()
 
 
 def __getattr__(name: str):

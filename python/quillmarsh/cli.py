@@ -1,9 +1,12 @@
 """The `quillmarsh` command: run a search on the local platform, and look at what it found.
 
     quillmarsh demo [--minutes M] [--jobs N] [--data-dir D] [--database-url URL]
+    quillmarsh watch   [--data-dir D] [--seconds S]
+    quillmarsh signals [--data-dir D] [--status S] [--limit N] [--since T] [--format table|csv|json]
+    quillmarsh report  [--data-dir D] [--output PATH.png|PATH.svg] [--top N] [--since T]
     quillmarsh status  [--data-dir D] [--database-url URL]
     quillmarsh db-info [--data-dir D] [--database-url URL]
-    quillmarsh analyze [--data-dir D] [--database-url URL]
+    quillmarsh analyze [--data-dir D] [--database-url URL] [--format table|json]
     quillmarsh serve --data-dir D [--host 127.0.0.1] [--port N] [...]
 
 The tracking store is the SQLite file in the data directory, or the PostgreSQL database of
@@ -17,6 +20,9 @@ import math
 import sys
 import time
 from pathlib import Path
+
+from quillmarsh.signals import FORMATS, format_expression
+from quillmarsh.signals import plain_table as _table
 
 PROGRESS_INTERVAL = 1.0        # seconds between refreshes of a live progress line
 PLAIN_PROGRESS_INTERVAL = 5.0  # seconds between plain progress lines (no terminal)
@@ -86,45 +92,17 @@ def _parser() -> argparse.ArgumentParser:
         p = sub.add_parser(name, help=text, description=text[0].upper() + text[1:] + ".")
         p.add_argument("--data-dir", help=data_dir_help)
         p.add_argument("--database-url", help=database_url_help)
+        if name == "analyze":
+            p.add_argument("--format", choices=("table", "json"), default="table",
+                           help="tables of the weights (default) or the report as JSON")
+    _add_view_commands(sub, data_dir_help)
     return parser
 
 
 # ----- formatting ---------------------------------------------------------------------------------------
 
-def format_expression(graph) -> str:
-    """An expression graph in functional form: cs_rank(ts_mean_20(f_3a9c))."""
-    if not isinstance(graph, dict):
-        return repr(graph)
-    kind, node = graph.get("type"), graph.get("node")
-    if kind == "feature":
-        return str(node)
-    if kind in ("int", "float", "bool", "string"):
-        return repr(node)
-    children = graph.get("children") or []
-    return f"{node}({', '.join(format_expression(c) for c in children)})"
-
-
-def _table(rows, headers) -> str:
-    rows = [[str(c) for c in r] for r in rows]
-    widths = [max([len(h)] + [len(r[i]) for r in rows]) for i, h in enumerate(headers)]
-    line = lambda cells: "  ".join(c.ljust(w) for c, w in zip(cells, widths)).rstrip()  # noqa: E731
-    return "\n".join([line(headers), line(["-" * w for w in widths])] + [line(r) for r in rows])
-
-
 def _number(value, digits=3) -> str:
     return "-" if value is None else f"{value:.{digits}f}"
-
-
-# ----- progress -----------------------------------------------------------------------------------------
-
-def _progress_text(status, found: int, baseline: int = 0) -> str:
-    """One progress line; `baseline` is the count of evaluations that the store held before this run."""
-    evaluated = status.total_evaluated - baseline
-    rate = evaluated / status.elapsed_seconds if status.elapsed_seconds > 0 else 0.0
-    text = (f"evaluated {evaluated}  found {found}  {rate:.1f} eval/s  "
-            f"elapsed {status.elapsed_seconds:.0f}s  memory {status.memory_usage_mb:.0f} MB  "
-            f"errors {len(status.errors)}")
-    return text
 
 
 def submission_text(status) -> str:
@@ -133,35 +111,6 @@ def submission_text(status) -> str:
     return (f"Signals sent to the service: {status.total_found}; pending {status.submission_pending}, "
             f"judged {judged} (accepted {status.submission_accepted}, rejected {status.submission_rejected}), "
             f"retrying {status.submission_retrying}")
-
-
-def _watch(handle, seconds: float, found, out) -> object:
-    """Follow the search for `seconds`, refreshing a live line on a terminal and printing plain lines
-    otherwise; returns the last status. `found()` counts the signals that passed so far: the handle's own
-    `total_found` counts only submissions the service has acknowledged."""
-    deadline = time.monotonic() + seconds
-    status = handle.status()
-    baseline = status.total_evaluated  # a search counts what earlier runs stored, too
-    if out.isatty():
-        from rich.console import Console
-        from rich.live import Live
-        from rich.text import Text
-
-        with Live(Text(_progress_text(status, found(), baseline)), console=Console(file=out), refresh_per_second=4) as live:
-            while time.monotonic() < deadline and status.running:
-                time.sleep(min(PROGRESS_INTERVAL, max(0.0, deadline - time.monotonic())))
-                status = handle.status()
-                live.update(Text(_progress_text(status, found(), baseline)))
-        return status
-    next_line = 0.0
-    while time.monotonic() < deadline and status.running:
-        if time.monotonic() >= next_line:
-            print(_progress_text(status, found(), baseline), file=out, flush=True)
-            next_line = time.monotonic() + PLAIN_PROGRESS_INTERVAL
-        time.sleep(min(PROGRESS_INTERVAL, max(0.0, deadline - time.monotonic())))
-        status = handle.status()
-    print(_progress_text(status, found(), baseline), file=out, flush=True)
-    return status
 
 
 # ----- summary ------------------------------------------------------------------------------------------
@@ -275,31 +224,18 @@ def run_demo(args, out=None) -> dict:
     started = time.time()
     # A reader of its own: the store's connection belongs to the search's threads.
     conn = _open_store(local.data_dir)
-    found = lambda: conn.execute(  # noqa: E731
-        "SELECT COUNT(*) FROM signal_evaluations WHERE passed = 1 AND created_at >= ?", (started,)).fetchone()[0]
-    from quillmarsh import agent_onboarding
-    from quillmarsh.local.service import ServiceConfig, report, running_service
+    from quillmarsh.local.service import start_demo_service
 
-    service_config = ServiceConfig(n_instruments=args.instruments, n_days=args.days, seed=args.seed,
-                                   review_delay_seconds=1.0)
-    with running_service(local.data_dir, config=service_config) as service:
-        previous_url, agent_onboarding._config["server_url"] = agent_onboarding._config.get("server_url"), service.url
-        print(f"Signal service listening on {service.url}", file=out, flush=True)
-        try:
-            handle = st.search(st.random_weighted, n_jobs=args.jobs)
-            try:
-                status = _watch(handle, args.minutes * 60.0, found, out)
-            finally:
-                handle.stop()
-            if status.error_code:
-                print(f"The search stopped: {status.error_code}: {status.recovery_advice}", file=out)
-            else:
-                print(submission_text(handle.status()), file=out)
-            plot_path = Path(args.plot) if args.plot else local.data_dir / "best_signals.png"
-            result = summarise(conn, started, local.evaluator, plot_path, out)
-            result["service"] = report.report_to(out, local.data_dir, service.url, started)
-        finally:
-            agent_onboarding._config["server_url"] = previous_url
+    service = start_demo_service(local.data_dir, args.instruments, args.days, args.seed, out)
+    handle = st.search(st.random_weighted, n_jobs=args.jobs)
+    snap = _follow_search(handle, conn, local.data_dir, args.minutes * 60.0, out)
+    if snap.error_code:
+        print(f"The search stopped: {snap.error_code}: {snap.recovery_advice}", file=out)
+    else:
+        print(submission_text(handle.status()), file=out)
+    plot_path = Path(args.plot) if args.plot else local.data_dir / "best_signals.png"
+    result = summarise(conn, started, local.evaluator, plot_path, out)
+    result["service"] = service.finish(out, started)
     return result
 
 
@@ -344,21 +280,29 @@ def run_analyze(args, out=None) -> None:
     ctx = st.SearchContext(vocab, local.universe_id, {}, getattr(era, "max_depth", 4), runtime.search_tracker,
                            runtime.sync_manager, runtime.evaluator, None, era)
     report = st.analyze_random_weighted(ctx)
-    print(render_report(report), file=out)
+    if getattr(args, "format", "table") == "json":
+        print(json.dumps(report, indent=1, sort_keys=True, default=str), file=out)
+    else:
+        print(render_report(report), file=out)
 
 
 def _weight_rows(weights: dict, limit: int):
-    ranked = sorted(weights.items(), key=lambda kv: -(kv[1].get("warm_weight") or 0.0))[:limit]
-    return [(name, _number(w.get("warm_weight"), 4), _number(w.get("cold_weight"), 4), _number(w.get("yield_rate")),
-             w.get("evaluation_count", 0), w.get("function_family") or w.get("feature_family") or "-")
+    ranked = sorted(weights.items(), key=lambda kv: (-(kv[1].get("warm_weight") or 0.0), kv[0]))[:limit]
+    return [(name, _number(w.get("warm_weight"), 4), _number(w.get("cold_weight"), 4),
+             _signed(w.get("warm_delta"), 4), _number(w.get("yield_rate")), w.get("evaluation_count", 0),
+             w.get("function_family") or w.get("feature_family") or "-")
             for name, w in ranked]
+
+
+def _signed(value, digits=3) -> str:
+    return "-" if value is None else f"{value:+.{digits}f}"
 
 
 def render_report(report: dict, limit: int = 15) -> str:
     """random_weighted's report as tables: its scalars, the heaviest functions and features, the exclusions."""
     scalars = [(k, v) for k, v in report.items() if not isinstance(v, (dict, list))]
     parts = [_table(scalars, ["", "value"])] if scalars else []
-    headers = ["name", "weight", "cold weight", "yield rate", "evaluations", "family"]
+    headers = ["name", "weight", "cold weight", "learnt", "yield rate", "evaluations", "family"]
     for key, title in (("function_weights", "functions"), ("feature_weights", "features")):
         weights = report.get(key) or {}
         if weights:
@@ -382,6 +326,146 @@ def run_serve(args, out=None) -> None:
 
 COMMANDS = {"demo": run_demo, "status": run_status, "db-info": run_db_info, "analyze": run_analyze,
             "serve": run_serve}
+
+
+# ----- the live view, the signals and the report --------------------------------------------------------
+
+def _add_view_commands(sub, data_dir_help: str) -> None:
+    watch = sub.add_parser("watch", help="a live view of the search that runs in a data directory",
+                           description="Attach to the data directory of a running search and show its "
+                                       "evaluations, rate, signals and threads until Ctrl-C (or --seconds). "
+                                       "Without a terminal, prints one plain line every few seconds.")
+    watch.add_argument("--data-dir", help=data_dir_help)
+    watch.add_argument("--seconds", type=_positive_float, help="stop after this long (default: until Ctrl-C)")
+    watch.add_argument("--interval", type=_positive_float, default=PROGRESS_INTERVAL,
+                       help="seconds between refreshes (default: 1)")
+    watch.add_argument("--plain-interval", type=_positive_float, default=PLAIN_PROGRESS_INTERVAL,
+                       help="seconds between plain lines when stdout is not a terminal (default: 5)")
+
+    signals = sub.add_parser("signals", help="the signals found, best first, with their verdicts",
+                             description="The signals that passed in a data directory, best first: expression, "
+                                         "in-sample metrics, submission status and out-of-sample statistics.")
+    signals.add_argument("--data-dir", help=data_dir_help)
+    signals.add_argument("--status", type=_statuses,
+                         help="only these statuses, comma-separated: unsent, queued, retrying, pending, accepted, "
+                              "rejected, or a service status such as found")
+    signals.add_argument("--limit", type=_at_least(1), help="at most this many")
+    signals.add_argument("--since", type=_since, help="evaluated since: 90m, 2h, 3d, an ISO date or time")
+    signals.add_argument("--format", choices=FORMATS, default="table", help="table (default), csv or json")
+    signals.add_argument("--all-evaluations", action="store_true",
+                         help="every passing evaluation, also of an expression that passed before")
+
+    report = sub.add_parser("report", help="a picture of the best signals in and out of sample",
+                            description="Draw the cumulative pnl of the best signals in sample and out of sample "
+                                        "side by side, and the distribution of rejection reasons, as PNG or SVG.")
+    report.add_argument("--data-dir", help=data_dir_help)
+    report.add_argument("--output", help="the picture, .png or .svg (default: report.png in the data directory)")
+    report.add_argument("--top", type=_at_least(1), default=BEST_SIGNALS, help="how many signals (default: 5)")
+    report.add_argument("--since", type=_since, help="evaluated since: 90m, 2h, 3d, an ISO date or time")
+
+
+def _statuses(text: str):
+    from quillmarsh.signals import parse_statuses
+    try:
+        return parse_statuses(text)
+    except ValueError as exc:
+        raise argparse.ArgumentTypeError(str(exc)) from None
+
+
+def _since(text: str) -> float:
+    from quillmarsh.signals import parse_since
+    try:
+        return parse_since(text)
+    except ValueError as exc:
+        raise argparse.ArgumentTypeError(str(exc)) from None
+
+
+def _data_dir_of(args) -> Path:
+    """The data directory named by the arguments, as it is: the viewing commands never create one."""
+    import os
+    from quillmarsh.local.platform import DEFAULT_DATA_DIR
+    return Path(os.path.expanduser(args.data_dir or DEFAULT_DATA_DIR)).resolve()
+
+
+def _read_store(data_dir: Path):
+    from quillmarsh.signals import open_store
+    try:
+        return open_store(data_dir)
+    except FileNotFoundError as exc:
+        raise CliError(str(exc)) from None
+
+
+def _follow_search(handle, conn, data_dir: Path, seconds: float, out):
+    """The live view of a search of this process for `seconds`, then stop it; returns the last snapshot."""
+    from quillmarsh.live import HandleSource, follow, plain_line
+
+    source = HandleSource(handle, conn, publish_dir=data_dir)
+    try:
+        follow(source, out, seconds=seconds, interval=PROGRESS_INTERVAL, plain_interval=PLAIN_PROGRESS_INTERVAL)
+    finally:
+        handle.stop()
+    snap = source.snapshot()  # published too: a watcher learns that the search has stopped
+    if not out.isatty():
+        print(plain_line(snap), file=out, flush=True)
+    return snap
+
+
+def run_watch(args, out=None) -> None:
+    from quillmarsh.live import DirectorySource, follow
+
+    out = out or sys.stdout
+    data_dir = _data_dir_of(args)
+    conn = _read_store(data_dir)
+    try:
+        follow(DirectorySource(data_dir, conn), out, seconds=args.seconds, interval=args.interval,
+               plain_interval=args.plain_interval)
+    except KeyboardInterrupt:  # the way to leave a watch
+        pass
+    finally:
+        conn.close()
+
+
+def run_signals(args, out=None) -> None:
+    from quillmarsh.signals import load_signals, write_signals
+
+    out = out or sys.stdout
+    conn = _read_store(_data_dir_of(args))
+    try:
+        signals = load_signals(conn, statuses=args.status, limit=args.limit, since=args.since,
+                               distinct=not args.all_evaluations)
+    finally:
+        conn.close()
+    write_signals(signals, args.format, out)
+
+
+def run_report(args, out=None) -> Path:
+    from quillmarsh.report import PICTURE_SUFFIXES, best_distinct, draw_report, local_evaluator_for, pnl_curves
+    from quillmarsh.report import rejection_counts
+
+    out = out or sys.stdout
+    data_dir = _data_dir_of(args)
+    path = Path(args.output).expanduser() if args.output else data_dir / "report.png"
+    if path.suffix.lower() not in PICTURE_SUFFIXES:
+        raise CliError(f"--output must end in .png or .svg, got {path.name!r}")
+    conn = _read_store(data_dir)
+    try:
+        signals = best_distinct(conn, args.top, args.since)
+        rejections = rejection_counts(conn, args.since)
+    finally:
+        conn.close()
+    curves = []
+    if signals:
+        try:
+            evaluator = local_evaluator_for(data_dir)
+        except FileNotFoundError as exc:
+            raise CliError(str(exc)) from None
+        curves = [pnl_curves(evaluator, s) for s in signals]
+    draw_report(path, signals, curves, rejections, title=f"quillmarsh: best signals of {data_dir}")
+    print(f"{len(signals)} signal(s), {sum(n for _, n in rejections)} rejections: {path}", file=out)
+    return path
+
+
+COMMANDS.update({"watch": run_watch, "signals": run_signals, "report": run_report})
 
 
 def main(argv=None) -> int:

@@ -11,6 +11,7 @@ from __future__ import annotations
 
 import dataclasses
 import hashlib
+import http.client
 import json
 import urllib.error
 import urllib.parse
@@ -140,7 +141,8 @@ class SignalServiceClient:
             except OSError:
                 raw = b""
             return self._result(exc.code, raw, str(exc.reason or "HTTP %s" % exc.code))
-        except (urllib.error.URLError, OSError, ValueError) as exc:
+        except (urllib.error.URLError, OSError, ValueError, http.client.HTTPException) as exc:
+            # HTTPException: the connection broke inside the answer (a server that died mid-reply).
             reason = getattr(exc, "reason", None) or exc
             return SignalServiceResult(status_code=0, error="%s: %s" % (type(exc).__name__, reason))
 

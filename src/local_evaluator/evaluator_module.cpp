@@ -278,22 +278,106 @@ PYBIND11_MODULE(_evaluator, m) {
   m.doc() = "Panel kernels of the local backtester (float64, C-contiguous, (days, instruments)).";
   m.def("ts", &ts, py::arg("op"), py::arg("x"), py::arg("window"),
         "Rolling operator over the last `window` days: sum, mean, std, zscore, min, max, rank, "
-        "decay_linear, delay, delta.");
+        "decay_linear, delay, delta.\n\n"
+        "Args:\n"
+        "    op: the operator's name.\n"
+        "    x: a float64, C-contiguous (days, instruments) panel; NaN marks a missing value.\n"
+        "    window: days in the window, at least 1.\n\n"
+        "Returns:\n"
+        "    numpy.ndarray: a new panel of the shape of `x`; NaN where the window holds too few values.\n\n"
+        "Raises:\n"
+        "    TypeError: a panel is not float64.\n"
+        "    ValueError: an unknown `op`, a panel not 2-D or not C-contiguous, panels of different shapes,\n"
+        "        or a bad window.");
   m.def("ts2", &ts2, py::arg("op"), py::arg("x"), py::arg("y"), py::arg("window"),
-        "Rolling two-input operator: corr, cov.");
-  m.def("cs", &cs, py::arg("op"), py::arg("x"), "Cross-sectional operator: rank, zscore, demean, scale.");
+        "Rolling two-input operator: corr, cov.\n\n"
+        "Args:\n"
+        "    op: \"corr\" or \"cov\".\n"
+        "    x, y: float64, C-contiguous (days, instruments) panels of one shape.\n"
+        "    window: days in the window, at least 1.\n\n"
+        "Returns:\n"
+        "    numpy.ndarray: a new panel of that shape; NaN where the window holds too few pairs.\n\n"
+        "Raises:\n"
+        "    TypeError: a panel is not float64.\n"
+        "    ValueError: an unknown `op`, a panel not 2-D or not C-contiguous, panels of different shapes,\n"
+        "        or a bad window.");
+  m.def("cs", &cs, py::arg("op"), py::arg("x"), 
+        "Cross-sectional operator: rank, zscore, demean, scale.\n\n"
+        "Args:\n"
+        "    op: the operator's name, applied to each day's row.\n"
+        "    x: a float64, C-contiguous (days, instruments) panel; NaN cells are left out and stay NaN.\n\n"
+        "Returns:\n"
+        "    numpy.ndarray: a new panel of the shape of `x`.\n\n"
+        "Raises:\n"
+        "    TypeError: a panel is not float64.\n"
+        "    ValueError: an unknown `op`, a panel not 2-D or not C-contiguous, panels of different shapes,\n"
+        "        or a bad window.");
   m.def("unary", &unary, py::arg("op"), py::arg("x"),
-        "Element-wise: neg, abs, sign, slog, ssqrt, square, inverse.");
+        "Element-wise: neg, abs, sign, slog, ssqrt, square, inverse.\n\n"
+        "Args:\n"
+        "    op: the operator's name.\n"
+        "    x: a float64, C-contiguous (days, instruments) panel.\n\n"
+        "Returns:\n"
+        "    numpy.ndarray: a new panel of the shape of `x`.\n\n"
+        "Raises:\n"
+        "    TypeError: a panel is not float64.\n"
+        "    ValueError: an unknown `op`, a panel not 2-D or not C-contiguous, panels of different shapes,\n"
+        "        or a bad window.");
   m.def("binary", &binary, py::arg("op"), py::arg("x"), py::arg("y"),
-        "Element-wise: add, sub, mul, div, min, max.");
+        "Element-wise: add, sub, mul, div, min, max.\n\n"
+        "Args:\n"
+        "    op: the operator's name.\n"
+        "    x, y: float64, C-contiguous (days, instruments) panels of one shape.\n\n"
+        "Returns:\n"
+        "    numpy.ndarray: a new panel of that shape.\n\n"
+        "Raises:\n"
+        "    TypeError: a panel is not float64.\n"
+        "    ValueError: an unknown `op`, a panel not 2-D or not C-contiguous, panels of different shapes,\n"
+        "        or a bad window.");
   m.def("book_weights", &book_weights, py::arg("signal"), py::arg("normalization"), py::arg("decay"),
-        py::arg("truncation"), "Dollar-neutral book with unit gross from a raw signal.");
+        py::arg("truncation"),
+        "Dollar-neutral book with unit gross from a raw signal.\n\n"
+        "Args:\n"
+        "    signal: a float64, C-contiguous (days, instruments) panel of raw signal values.\n"
+        "    normalization: \"none\", \"rank\", \"zscore\" or \"rescale\", applied per day.\n"
+        "    decay: days of linear decay (0 or 1: none), not negative.\n"
+        "    truncation: the largest weight as a share of the book, in [0, 1] (0: no clip).\n\n"
+        "Returns:\n"
+        "    numpy.ndarray: the weights, a panel of the signal's shape; each day sums to 0 with\n"
+        "    sum(|w|) = 1, or is all 0 without a signal.\n\n"
+        "Raises:\n"
+        "    TypeError: the signal is not float64.\n"
+        "    ValueError: an unknown normalization, a negative decay, a truncation outside [0, 1], or a\n"
+        "        panel not 2-D or not C-contiguous.");
   m.def("book_daily", &book_daily, py::arg("weights"), py::arg("fwd_returns"), py::arg("flag") = py::none(),
-        "Daily (pnl, traded, longs, shorts, net, abs_sum, max_share, held, flagged) of a book.");
+        "Daily (pnl, traded, longs, shorts, net, abs_sum, max_share, held, flagged) of a book.\n\n"
+        "Args:\n"
+        "    weights: the book, a float64, C-contiguous (days, instruments) panel.\n"
+        "    fwd_returns: next-day returns, a panel of the same shape; NaN earns nothing.\n"
+        "    flag: None, or a bool/uint8 panel of that shape marking cells to count as flagged.\n\n"
+        "Returns:\n"
+        "    tuple[numpy.ndarray, ...]: nine float64 arrays of one value per day, in the order above.\n\n"
+        "Raises:\n"
+        "    TypeError: a panel is not float64, or the flag not bool/uint8.\n"
+        "    ValueError: panels not 2-D, not C-contiguous or of different shapes.");
   m.def("book_series", &book_series, py::arg("signal"), py::arg("fwd_returns"), py::arg("normalization"),
         py::arg("decay"), py::arg("truncation"), py::arg("flag") = py::none(),
-        "book_weights then book_daily in one pass, without materialising the book.");
-  m.def("min_periods", &ql::min_periods, py::arg("window"), py::arg("needs_two"));
+        "book_weights then book_daily in one pass, without materialising the book.\n\n"
+        "Args:\n"
+        "    signal, fwd_returns: float64, C-contiguous (days, instruments) panels of one shape.\n"
+        "    normalization, decay, truncation: as for book_weights.\n"
+        "    flag: as for book_daily.\n\n"
+        "Returns:\n"
+        "    tuple[numpy.ndarray, ...]: the nine daily series of book_daily.\n\n"
+        "Raises:\n"
+        "    TypeError, ValueError: as book_weights and book_daily do.");
+  m.def("min_periods", &ql::min_periods, py::arg("window"), py::arg("needs_two"),
+        "The fewest valid values a rolling window needs before it yields one.\n\n"
+        "Args:\n"
+        "    window: days in the window.\n"
+        "    needs_two: the operator needs at least two values (std, corr, ...).\n\n"
+        "Returns:\n"
+        "    int: the minimum count of valid values.");
   // The instruction set of the kernels in use: "x86-64-v3" where the machine has AVX2 and FMA, else (or
   // with QUILLMARSH_KERNELS=baseline in the environment) "x86-64".
   m.attr("kernel_build") = ql::kernels().name;

@@ -1,5 +1,7 @@
 """The helpers every subsystem uses at the boundary: tolerant reads, type tests, logging."""
+import functools
 import logging
+import sys
 
 import pytest
 
@@ -110,16 +112,37 @@ def test_log_goes_through_the_current_module_logger(monkeypatch):
     assert seen == [(logging.INFO, "n=%d", (3,))]
 
 
-def test_log_exception_keeps_the_traceback(caplog):
-    def fail():
-        raise ValueError("inner")
+def _raise_inner():
+    raise ValueError("inner")
 
+
+@pytest.mark.parametrize("fail, has_traceback", [
+    (_raise_inner, True),
+    # raised by native code straight back to native code: the error carries no traceback at all
+    (functools.partial(int, "inner"), False),
+])
+def test_log_exception_logs_the_error_with_whatever_traceback_it_has(caplog, fail, has_traceback):
     h.log_exception("worker_loop_crashed", fail)
     (record,) = caplog.records
     assert record.levelno == logging.ERROR
     assert record.getMessage() == "worker_loop_crashed"
-    assert record.exc_info[0] is ValueError
-    assert "inner" in caplog.text and "Traceback" in caplog.text
+    assert record.exc_info[0] is ValueError and "inner" in str(record.exc_info[1])
+    assert (record.exc_info[2] is not None) == has_traceback
+    assert "ValueError" in caplog.text and ("Traceback" in caplog.text) == has_traceback
+
+
+def test_log_exception_survives_a_failing_logger(monkeypatch):
+    class Broken:
+        def isEnabledFor(self, level):
+            return True
+
+        def log(self, *args, **kwargs):
+            raise OSError("disk full")
+    monkeypatch.setattr(st, "logger", Broken())
+    unraisable = []
+    monkeypatch.setattr(sys, "unraisablehook", unraisable.append)
+    h.log_exception("worker_loop_crashed", _raise_inner)  # returns: the failure is reported, not raised
+    assert isinstance(unraisable[0].exc_value, OSError)
 
 
 def test_module_attr_is_read_live(monkeypatch):

@@ -5,7 +5,7 @@ import threading
 import pytest
 
 import quillmarsh.search_templates as st
-from engine.helpers import finite_template, graph, idle_template, join_all, wait_until
+from engine.helpers import ERA_FIELDS, FakeEraConfig, finite_template, graph, idle_template, join_all, wait_until
 from evaluation.fakes import FakeBacktester
 
 
@@ -142,3 +142,14 @@ def test_a_stop_ends_workers_without_evaluating_what_they_pulled(make_handle):
     h = make_handle(template)
     join_all(h._worker_threads)
     assert h._total_evaluated == 2 and pulled == [0, 1, 2]
+
+
+def test_a_worker_whose_context_cannot_be_built_logs_its_crash_and_ends(make_handle, monkeypatch, caplog):
+    escaped = []
+    monkeypatch.setattr(threading, "excepthook", escaped.append)
+    h = make_handle(idle_template, era_cfg=FakeEraConfig(**dict(ERA_FIELDS, thresholds=[0.5, 1.0])))
+    join_all(h._worker_threads)
+    (crash,) = [r for r in caplog.records if r.getMessage() == "worker_loop_crashed"]
+    assert crash.levelno == logging.ERROR
+    assert crash.exc_info[0] is ValueError and "thresholds" in str(crash.exc_info[1])
+    assert escaped == []

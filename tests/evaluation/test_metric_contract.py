@@ -127,6 +127,16 @@ def test_normalize_factor_pnl(value, expected):
     assert out is not value
 
 
+class IntSubclass(int):
+    pass
+
+
+@pytest.mark.parametrize("value", [FailingNumber(4.0), IntSubclass(4), 4])
+def test_a_lone_number_becomes_a_plain_float(value):
+    (item,) = st._normalize_factor_pnl(value)
+    assert type(item) is float and item == 4.0
+
+
 def test_per_column_stats_are_copied_and_only_a_map_is_kept():
     table = {"a": 1}
     assert st._normalize_per_column_stats(table) == table and st._normalize_per_column_stats(table) is not table

@@ -24,7 +24,7 @@ def test_bad_arguments_give_one_line_and_exit_non_zero(capsys, argv, fragment):
     assert fragment in err and "Traceback" not in err
 
 
-@pytest.mark.parametrize("command", ["demo", "status", "db-info", "analyze", "serve"])
+@pytest.mark.parametrize("command", ["demo", "status", "db-info", "analyze", "serve", "watch", "signals", "report"])
 def test_every_command_has_help(capsys, command):
     with pytest.raises(SystemExit) as info:
         cli.main([command, "--help"])
@@ -105,6 +105,11 @@ def test_demo_runs_a_short_search_on_a_small_market(tmp_path, capsys, restore_on
     out = capsys.readouterr().out
     assert code == 0, out
     assert "expressions evaluated" in out and "Picture of the best signals" in out
+    # not a terminal: the live view is plain progress lines, and the last one says the search stopped
+    progress = [line for line in out.splitlines() if " elapsed " in line and " eval/s " in line]
+    assert progress and "\x1b" not in out and " stopped " in progress[-1]
+    published = json.loads((data_dir / "live_status.json").read_text())
+    assert published["running"] is False and published["evaluated"] > 0
     for name in ("era_config.json", "shuffle_seed.enc", "private_key", "search_tracking.db",
                  "universes/QM500/vocabulary.json", "best_signals.png"):
         assert (data_dir / name).exists(), name
@@ -137,12 +142,5 @@ def test_the_report_renders_as_tables():
     rows = [line.split() for line in lines]
     names = [r[0] for r in rows if r and r[0] in ("a", "b")]
     assert names == ["b", "a"]  # heaviest first
-    assert ["b", "0.8000", "0.5000", "0.300", "9", "cs"] in rows
+    assert ["b", "0.8000", "0.5000", "-", "0.300", "9", "cs"] in rows
     assert ["z", "engine_only", "runtime", "transform"] in rows and "features" not in text
-
-
-def test_progress_counts_only_this_run():
-    from types import SimpleNamespace
-    status = SimpleNamespace(total_evaluated=1500, elapsed_seconds=10.0, memory_usage_mb=80.0, errors=["x"])
-    line = cli._progress_text(status, 7, baseline=1000)
-    assert line.startswith("evaluated 500  found 7  50.0 eval/s") and "errors 1" in line

@@ -112,6 +112,31 @@ def test_no_answer_gives_status_zero_and_an_error():
         assert result.status_code == 0 and "refused" in result.error.lower()
 
 
+def test_an_answer_cut_short_gives_status_zero():
+    """A server that dies inside its answer: the client reports no answer instead of raising."""
+    listener = socket.socket()
+    listener.bind(("127.0.0.1", 0))
+    listener.listen(4)
+
+    def half_answers():
+        for _ in range(2):
+            conn, _addr = listener.accept()
+            with conn:
+                conn.recv(65536)
+                conn.sendall(b"HTTP/1.1 202 Accepted\r\nContent-Type: application/json\r\n"
+                             b"Content-Length: 200\r\n\r\n{\"submission_id\": ")
+
+    thread = threading.Thread(target=half_answers, daemon=True)
+    thread.start()
+    client = SignalServiceClient("http://127.0.0.1:%d" % listener.getsockname()[1], "tok", timeout=5)
+    try:
+        for result in (client.submit_signal(**SUBMISSION), client.get_signal_status("sub-1")):
+            assert result.status_code == 0 and "IncompleteRead" in result.error
+    finally:
+        thread.join(5)
+        listener.close()
+
+
 @pytest.mark.parametrize("url, token, timeout", [("ftp://x", "t", 1), ("http://", "t", 1), (None, "t", 1),
                                                  ("http://h", "", 1), ("http://h", "t", 0)])
 def test_client_refuses_bad_settings(url, token, timeout):

@@ -1,14 +1,15 @@
 """Handles on a real store: a ``SearchTracker`` in ``tmp_path`` (or, in a module marked ``both_dialects``,
 also on the suite's PostgreSQL server) behind a handle whose threads are quiet.
 
-A handle starts all its threads when it is built; the helpers here stop and join them at once and clear the
-stop event again, so that a test drives the store operations itself, as the submission thread would, with
-nothing else touching the rows.
+A handle starts all its threads when it is built; here they are made but never started, so that a test
+drives the store operations itself, as the submission thread would, with nothing else touching the rows.
 """
 from __future__ import annotations
 
+import contextlib
 import json
 import os
+import threading
 import time
 
 import pytest
@@ -30,21 +31,35 @@ class Receipt:
         self.submission_id = submission_id
 
 
+HANDLE_THREADS = ("supervisor", "era_thread", "submission_thread", "polling_thread")
+
+
+@contextlib.contextmanager
+def threads_not_started():
+    """While a handle is built, its own threads are made but not started; any other thread starts."""
+    real_start = threading.Thread.start
+
+    def start(thread):
+        if thread.name in HANDLE_THREADS or thread.name.startswith("worker_"):
+            return
+        real_start(thread)
+    threading.Thread.start = start
+    try:
+        yield
+    finally:
+        threading.Thread.start = real_start
+
+
 def quiet_handle(data_dir, tracker=None, database_url=None):
     """A handle on ``data_dir`` (with its own tracker, as another process would have, on the store of
-    ``database_url`` if given) and no live threads."""
+    ``database_url`` if given) whose threads never run, so that only the test drives the store operations."""
     tracker = tracker if tracker is not None else SearchTracker(data_dir, database_url=database_url)
-    h = st._SearchHandleImpl(template=idle_template, n_jobs=1, tracker=tracker, sync_mgr=None, bt=FakeBacktester(),
-                             obf=Obfuscation(json.dumps(VOCAB), ERA_ID, "U1"), era_cfg=FakeEraConfig(**ERA_FIELDS),
-                             auth_mock=FakeAuth(), data_dir=data_dir)
-    h._stop_event.set()
-    threads = list(h._worker_threads) + [h._supervisor_thread, h._era_thread, h._submission_thread,
-                                         h._polling_thread]
-    for t in threads:
-        if t is not None:
-            t.join(5.0)
-            assert not t.is_alive(), t.name
-    h._stop_event.clear()
+    with threads_not_started():
+        h = st._SearchHandleImpl(template=idle_template, n_jobs=0, tracker=tracker, sync_mgr=None,
+                                 bt=FakeBacktester(), obf=Obfuscation(json.dumps(VOCAB), ERA_ID, "U1"),
+                                 era_cfg=FakeEraConfig(**ERA_FIELDS), auth_mock=FakeAuth(), data_dir=data_dir)
+    assert not any(t is not None and t.is_alive()
+                   for t in [h._supervisor_thread, h._era_thread, h._submission_thread, h._polling_thread])
     return h
 
 

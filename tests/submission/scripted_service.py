@@ -1,8 +1,8 @@
 """A signal service on a loopback port that answers each request as the test scripts it.
 
 ``ScriptedService.script("submit", (401, {"error": "token expired"}), ...)`` queues answers for the next
-submissions; ``"poll"`` does the same for status polls. An answer is ``(status, body)`` or ``DROP``, which
-closes the connection without a word (a transport failure). When a script runs dry, a submission is
+submissions; ``"poll"`` does the same for status polls. An answer is ``(status, body)``, ``DROP``, which closes the
+connection without a word (a transport failure), or ``Slow(seconds, answer)``, given after a delay. When a script runs dry, a submission is
 accepted with a new id and a poll gets ``poll_default`` ("is_validating" unless the test sets it). Every request is kept in ``requests``.
 """
 from __future__ import annotations
@@ -11,9 +11,15 @@ import itertools
 import json
 import socket
 import threading
+import time
 from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
 DROP = object()
+
+
+class Slow:
+    def __init__(self, seconds, answer):
+        self.seconds, self.answer = seconds, answer
 
 
 def refused_url() -> str:
@@ -72,6 +78,9 @@ class ScriptedService:
             if answer is None:
                 answer = ((200, {"submission_id": "sub-%d" % next(self._ids)}) if kind == "submit"
                           else self.poll_default)
+        if isinstance(answer, Slow):
+            time.sleep(answer.seconds)
+            answer = answer.answer
         if answer is DROP:
             handler.close_connection = True
             handler.connection.shutdown(socket.SHUT_RDWR)

@@ -239,3 +239,41 @@ def test_entry_replayed_by_another_live_search_is_neither_lost_nor_recorded_twic
     assert queue_ids(writer) == [] and journal_files(store_dir) == []
     assert writer._pending_receipts_by_queue_id == {} and writer._submission_failures == 0
     assert list(other._pending_submissions) == ["sub-race"] and writer._pending_submissions == {}
+
+
+class StorelessTracker:
+    """A tracker without SQL tables; ``old_style`` takes the evaluation type only by position."""
+
+    _conn = None
+
+    def __init__(self, old_style=False):
+        self.old_style, self.recorded, self.marked = old_style, [], []
+
+    def record_submission(self, eval_id, submission_type, submission_id, era_id, sim_id=None, pool_id=None,
+                          signal_pool_id=None):
+        self.recorded.append((eval_id, submission_type, submission_id, era_id, pool_id, signal_pool_id))
+
+    def mark_submitted(self, eval_id, *args, **kwargs):
+        if self.old_style and kwargs:
+            raise TypeError("mark_submitted() got an unexpected keyword argument 'eval_type'")
+        self.marked.append((eval_id, *args, *kwargs.values()))
+
+
+@pytest.mark.parametrize("old_style", [False, True])
+@pytest.mark.parametrize("kind, pools, expected", [
+    ("signal", {"signal_pool_id": "sp"}, ("sp", "sp")),
+    ("signal", {"pool_id": "p", "signal_pool_id": "sp"}, ("p", "sp")),
+    ("strategy", {"strategy_pool_id": "st", "pool_id": "p", "signal_pool_id": "sp"}, ("st", "sp")),
+])
+def test_receipt_without_a_store_goes_to_the_tracker(handle, store_dir, old_style, kind, pools, expected):
+    real = handle._tracker
+    handle._tracker = tracker = StorelessTracker(old_style)
+    handle._tracker_uses_persistent_store = False
+    try:
+        payload = {"eval_id": "e1", "submission_type": kind, "era_id": 3, **pools}
+        handle._handle_submission_success(payload, Receipt("sub-m"))
+    finally:
+        handle._tracker = real
+    assert tracker.recorded == [("e1", kind, "sub-m", 3, *expected)]
+    assert tracker.marked == [("e1", kind)]
+    assert list(handle._pending_submissions) == ["sub-m"] and journal_files(store_dir) == []

@@ -173,3 +173,14 @@ def test_receipt_after_retries_is_recorded_against_the_retry_row(handle):
     handle._handle_submission_success(payload, Receipt("sub-r"))
     assert retry_rows(handle) == []
     assert [r[0] for r in status_rows(handle)] == ["sub-r"]
+
+
+@pytest.mark.parametrize("retry_count", [0, 1, 3])
+def test_refused_payload_that_no_table_takes_waits_in_memory(handle, retry_count):
+    # An in-memory retry (its first move to the store failed) refused again: the real tracker has no
+    # store-less retry calls, so only memory can keep it, and it must not vanish.
+    payload = {"eval_id": "e1", "submission_type": "signal", "era_id": 3, "retry_count": retry_count}
+    handle._enqueue_retry_payload(payload, "token_expired", 7.0)
+    assert [(p["eval_id"], p["retry_count"], p["retry_after"]) for p in handle._retry_queue] == [
+        ("e1", retry_count + 1, 7.0)]
+    assert handle._submission_retrying == 1

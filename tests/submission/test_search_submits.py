@@ -43,6 +43,9 @@ def test_a_search_sends_its_signals_and_follows_them_to_a_verdict(local_platform
         assert wait_until(lambda: judged() >= 1, 150.0), handle.status()
     finally:
         handle.stop()
+    for thread in (handle._submission_thread, handle._polling_thread):
+        thread.join(30.0)  # a send or poll that outlived stop's join has ended before the store is read
+        assert not thread.is_alive()
     status = handle.status()
     assert status.total_found >= 1 and status.running is False, status.errors
     conn = handle._tracker._conn

@@ -10,7 +10,7 @@ import pytest
 
 import quillmarsh.search_templates as st
 from submission.loop_helpers import quiet_handle, queue_signal, rows, run_thread, wait_until  # noqa: F401
-from submission.scripted_service import DROP, refused_url
+from submission.scripted_service import DROP, Slow, refused_url
 from submission.service_fixtures import server_url, service  # noqa: F401  (fixtures)
 
 BAN = time.time() + 3600.0
@@ -158,3 +158,21 @@ def test_a_payload_sent_again_after_a_crash_carries_the_same_idempotency_key(qui
     assert first["idempotency_key"] == second["idempotency_key"] and first["body"] == second["body"]
     assert rows(h, "SELECT eval_id FROM submission_status") == [(eval_id,)]
     assert rows(h, "SELECT COUNT(*) FROM submission_queue") == [(0,)]
+
+
+def test_a_replacement_waits_for_the_send_in_flight_and_nothing_leaves_after_it(quiet_handle, service):
+    h = quiet_handle
+    first, second = queue_signal(h), queue_signal(h)
+    service.script("submit", Slow(0.3, (200, {"submission_id": "sub-slow"})))
+    sender = run_thread(h._submission_loop, "submission_thread")
+    assert wait_until(lambda: len(service.of("submit")) == 1, 5.0)
+    began = time.monotonic()
+    h._abort_for_replacement()
+    assert time.monotonic() - began >= 0.2  # it held on until the send in flight had its answer
+    sender.join(5.0)
+    assert not sender.is_alive()
+    time.sleep(0.1)
+    assert len(service.of("submit")) == 1  # the second signal never left
+    assert rows(h, "SELECT COUNT(*) FROM submission_queue") == [(0,)]  # this handle's rows went with it
+    recorded = rows(h, "SELECT eval_id FROM submission_status")
+    assert recorded in ([], [(first,)]) and (second,) not in recorded

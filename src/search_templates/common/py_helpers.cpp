@@ -195,9 +195,28 @@ void log_with_extra(LogLevel level, const char* msg, py::dict extra) {
     module_attr("logger").attr("log")(static_cast<int>(level), msg, py::arg("extra") = extra);
 }
 
+namespace {
+py::object or_none(py::handle h) { return h ? py::reinterpret_borrow<py::object>(h) : py::object(py::none()); }
+}  // namespace
+
+py::tuple exc_info_of(const py::error_already_set& err) {
+    // An error raised by native code and never unwound through a Python frame has no traceback: logging
+    // takes None there, as sys.exc_info() would show it.
+    return py::make_tuple(or_none(err.type()), or_none(err.value()), or_none(err.trace()));
+}
+
 void log_exception(const char* msg, const py::error_already_set& err) {
     // (type, value, traceback): the value alone may not carry its traceback once fetched from C.
-    log_args(LogLevel::Error, msg, py::tuple(), py::make_tuple(err.type(), err.value(), err.trace()));
+    try {
+        log_args(LogLevel::Error, msg, py::tuple(), exc_info_of(err));
+    } catch (py::error_already_set& failure) {
+        // Called from the last guard of a thread loop: a logger that fails must not end the thread with an
+        // escaped error; the failure goes where Python reports errors nobody can catch.
+        failure.discard_as_unraisable(msg);
+    } catch (const std::exception& failure) {
+        PyErr_SetString(PyExc_RuntimeError, failure.what());
+        PyErr_WriteUnraisable(nullptr);
+    }
 }
 
 void raise_instance(py::handle instance) {

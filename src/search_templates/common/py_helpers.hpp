@@ -147,7 +147,11 @@ template <typename... Args> void log_info(const char* fmt, Args&&... a) { log(Lo
 template <typename... Args> void log_warning(const char* fmt, Args&&... a) { log(LogLevel::Warning, fmt, std::forward<Args>(a)...); }
 template <typename... Args> void log_error(const char* fmt, Args&&... a) { log(LogLevel::Error, fmt, std::forward<Args>(a)...); }
 
-// logger.error(msg, exc_info=<the exception>): a loop's crash line with its traceback.
+// (type, value, traceback) of an error, as `exc_info` takes it: None for a part that is missing, such as
+// the traceback of an error that native code raised.
+py::tuple exc_info_of(const py::error_already_set& err);
+// logger.error(msg, exc_info=<the exception>): a loop's crash line with its traceback. Never throws: a
+// failure of the logging itself is reported as unraisable.
 void log_exception(const char* msg, const py::error_already_set& err);
 
 // ---- raising ---------------------------------------------------------------------------------

@@ -136,7 +136,7 @@ void SearchHandle::worker_loop_inner(py::object worker_id) {
                     } catch (py::error_already_set& record_error) {
                         if (!is_general_exception(record_error)) throw;
                         log_args(LogLevel::Warning, "Expression evaluation failure recording failed", py::tuple(),
-                                 py::make_tuple(record_error.type(), record_error.value(), record_error.trace()));
+                                 exc_info_of(record_error));
                     }
                 }
                 PyLockHold hold(_lock);

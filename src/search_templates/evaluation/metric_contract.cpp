@@ -138,8 +138,11 @@ py::list normalize_factor_pnl(py::handle value) {
         }
     }
     if (is_real_not_bool(value)) {
+        // float(value): a plain float even for a subclass of float (py::float_ would keep the subclass).
+        PyObject* number = PyNumber_Float(value.ptr());
+        if (number == nullptr) throw py::error_already_set();
         py::list out;
-        out.append(py::float_(py::reinterpret_borrow<py::object>(value)));
+        out.append(py::reinterpret_steal<py::object>(number));
         return out;
     }
     return one_zero();

@@ -112,7 +112,15 @@ void bind_handle(py::module_& m) {
     cls.def("_record_background_failure", &Handle::record_background_failure, py::arg("component"),
             py::arg("operation"), py::arg("exc"), py::arg("backoff") = true);
     cls.def("_reset_background_failures", &Handle::reset_background_failures, py::arg("component"));
-    cls.def("status", &Handle::status);
+    cls.def("status", &Handle::status,
+            "The state of this search now.\n\n"
+            "Returns:\n"
+            "    SearchStatus: a snapshot: running flag, evaluations (counting those stored by earlier runs),\n"
+            "    rate, memory, era, background errors, and the submission counts (queued, pending,\n"
+            "    accepted, rejected, retrying, discarded).\n\n"
+            "Raises:\n"
+            "    SearchError: the search ended in a fatal error; its error_code and recovery_advice say what\n"
+            "        to do, and its status holds the counts at that moment. Raised anew on every call.");
 
     // Threads.
     cls.def("_start_all_threads", &Handle::start_all_threads);
@@ -126,7 +134,16 @@ void bind_handle(py::module_& m) {
     cls.def("_supervisor_loop_inner", &Handle::supervisor_loop_inner);
 
     // Stop and replacement.
-    cls.def("stop", &Handle::stop, py::arg("join_timeout") = 2.0);
+    cls.def("stop", &Handle::stop, py::arg("join_timeout") = 2.0,
+            "Stop the search in order: finish the receipts in hand, stop and join the threads, release the\n"
+            "data sync. Queued submissions stay in the store for a later search. A second call does nothing.\n\n"
+            "Args:\n"
+            "    join_timeout: seconds to wait for each background thread (workers get 5.0 each, to\n"
+            "        finish the evaluation in hand).\n\n"
+            "Returns:\n"
+            "    None.\n\n"
+            "Raises:\n"
+            "    Nothing of its own: failures while releasing are logged.");
     cls.def("_abort_for_replacement", &Handle::abort_for_replacement);
     cls.def("__del__", [](py::handle self) {
         if (!py::isinstance<Handle>(self)) return;
@@ -162,13 +179,60 @@ void bind_engine(py::module_& m) {
     m.def("_restart_worker", &restart_worker, py::arg("handle"), py::arg("count"));
 
     m.def("search", &search, py::arg("template"), py::arg("n_jobs") = 1,
-          "Start a search: run `template` on `n_jobs` worker threads and return its SearchHandle.");
-    m.def("status", &module_status, "The status of the active search.");
+          "Start a search: run `template` on `n_jobs` worker threads and return its SearchHandle.\n\n"
+          "Needs a login (register() or login(private_key)) and a configured data directory. A search\n"
+          "still running in this process is replaced: it is aborted before this one starts. Call\n"
+          "stop() on the handle before the program exits.\n\n"
+          "Args:\n"
+          "    template: a callable taking a SearchContext and yielding expression graphs (usually a\n"
+          "        generator); each is judged by ctx.evaluate. random_weighted is the built-in one.\n"
+          "    n_jobs: worker threads, at least 1; more than the machine's cores is cut to that count.\n\n"
+          "Returns:\n"
+          "    SearchHandle: the running search; handle.status() reports on it, handle.stop() ends it.\n\n"
+          "Raises:\n"
+          "    TypeError: `template` is not callable.\n"
+          "    ValueError: `n_jobs` is below 1.\n"
+          "    SearchError: the search cannot start; error_code is one of AUTH_ERROR,\n"
+          "        RUNTIME_BOOTSTRAP_FAILED, OUT_OF_MEMORY, DISK_FULL, DATA_DIR_REQUIRED,\n"
+          "        VALID_UNIVERSE_UNAVAILABLE, SEARCH_TRACKER_UNAVAILABLE, ERA_CONFIG_UNAVAILABLE,\n"
+          "        VOCABULARY_UNAVAILABLE, BACKTESTER_UNAVAILABLE, and recovery_advice tells what to do.\n"
+          "    SyncError: the data sync before the start failed.");
+    m.def("status", &module_status,
+          "The status of the active search.\n\n"
+          "Returns:\n"
+          "    SearchStatus: the status of the search started last in this process (as handle.status()).\n\n"
+          "Raises:\n"
+          "    SearchError: NO_ACTIVE_SEARCH when no search runs, or the fatal error of the active search.");
     m.def("delete_evaluations", &delete_evaluations, py::arg("eval_type") = py::none(), py::arg("keep_last") = 50000,
-          "Delete all but the newest `keep_last` evaluations; not while a search runs.");
+          "Delete all but the newest `keep_last` evaluations; not while a search runs.\n\n"
+          "Evaluations that a queued or retrying submission still refers to are kept.\n\n"
+          "Args:\n"
+          "    eval_type: \"signal\" or \"strategy\" to thin only that table; None for both.\n"
+          "    keep_last: how many of the newest evaluations to keep (a non-negative integer).\n\n"
+          "Returns:\n"
+          "    dict: the deleted rows per type and in total (\"deleted\").\n\n"
+          "Raises:\n"
+          "    RuntimeError: a search is running; stop it first.\n"
+          "    OSError: no data directory is configured.\n"
+          "    ValueError: a bad `eval_type` or `keep_last`.");
     m.def("delete_failed_evaluations", &delete_failed_evaluations, py::arg("eval_type") = py::none(),
-          "Delete the evaluations that failed; not while a search runs.");
-    m.def("get_db_info", &get_db_info, "Describe the local tracking database.");
+          "Delete the evaluations that failed; not while a search runs.\n\n"
+          "Args:\n"
+          "    eval_type: \"signal\" or \"strategy\" to thin only that table; None for both.\n\n"
+          "Returns:\n"
+          "    dict: the deleted rows per type and in total (\"deleted\").\n\n"
+          "Raises:\n"
+          "    RuntimeError: a search is running; stop it first.\n"
+          "    OSError: no data directory is configured.\n"
+          "    ValueError: a bad `eval_type`.");
+    m.def("get_db_info", &get_db_info,
+          "Describe the local tracking database.\n\n"
+          "Allowed while a search runs.\n\n"
+          "Returns:\n"
+          "    dict: the store's path, size in bytes, journal mode, row counts per table, passed and failed\n"
+          "    evaluations, pending submissions and whether a search is active.\n\n"
+          "Raises:\n"
+          "    OSError: no data directory is configured.");
     m.def("inject_heartbeat", &inject_heartbeat, "Inject heartbeat during search startup.");
 }
 

@@ -23,7 +23,17 @@ void read_only(py::class_<SearchContext>& cls, const char* name, Getter getter) 
 }
 
 void bind_search_context(py::module_& m) {
-    py::class_<SearchContext> cls(m, "SearchContext", py::dynamic_attr(), "Context passed to template functions.");
+    py::class_<SearchContext> cls(m, "SearchContext", py::dynamic_attr(), 
+                                  "Context passed to template functions.\n\n"
+                                  "A template is called with one per worker thread and reads what to build from it;\n"
+                                  "ctx.evaluate(graph) judges an expression it built.\n\n"
+                                  "Attributes (read-only):\n"
+                                  "    vocabulary (dict): a copy of the vocabulary: lists \"functions\" and \"features\".\n"
+                                  "    universe_id (str): the universe the expressions are evaluated in.\n"
+                                  "    metaparameters (dict): the metaparameters of the signal pool.\n"
+                                  "    max_depth (int): the largest expression depth allowed.\n"
+                                  "    analytics: the statistics of earlier evaluations, as of construction or the last\n"
+                                  "        refresh_analytics().");
     cls.def(py::init<py::object, py::object, py::object, py::object, py::object, py::object, py::object, py::object,
                      py::object, py::object, py::object, py::object, py::object, py::object, py::object, py::object>(),
             py::arg("vocab"), py::arg("universe"), py::arg("metaparams"), py::arg("depth"), py::arg("tracker"),
@@ -31,14 +41,47 @@ void bind_search_context(py::module_& m) {
             py::arg("fatal_callback") = py::none(), py::arg("submission_queue") = py::none(),
             py::arg("tracker_write_lock") = py::none(), py::arg("submission_wakeup") = py::none(),
             py::arg("stop_event") = py::none(), py::arg("submission_owner") = py::none(),
-            py::arg("replacement_abort_event") = py::none());
+            py::arg("replacement_abort_event") = py::none(),
+            "A context for one worker. A search builds one per worker thread; build one yourself only to\n"
+            "drive a template or analyze_random_weighted outside a search.\n\n"
+            "Args:\n"
+            "    vocab: the vocabulary map (lists \"functions\" and \"features\").\n"
+            "    universe: the universe id the expressions are evaluated in.\n"
+            "    metaparams: the metaparameters of the signal pool (a map, may be empty).\n"
+            "    depth: the largest expression depth allowed.\n"
+            "    tracker: the SearchTracker that records evaluations.\n"
+            "    sync_mgr: the SyncManager, or None.\n"
+            "    bt: the backtester (evaluator).\n"
+            "    thresholds: the era's thresholds; None reads them from `era_config`.\n"
+            "    era_config: the era configuration.\n"
+            "    fatal_callback, submission_queue, tracker_write_lock, submission_wakeup, stop_event,\n"
+            "    submission_owner, replacement_abort_event: the search's plumbing; None outside a search.\n\n"
+            "Raises:\n"
+            "    ValueError: a required threshold is missing or not a number.");
     read_only(cls, "vocabulary", [](const SearchContext& c) { return c.vocabulary_copy(); });
     read_only(cls, "universe_id", [](const SearchContext& c) { return c._universe_id; });
     read_only(cls, "metaparameters", [](const SearchContext& c) { return c._metaparameters; });
     read_only(cls, "max_depth", [](const SearchContext& c) { return c._max_depth; });
     cls.def_property_readonly("analytics", [](const SearchContext& c) { return c._analytics; });
-    cls.def("evaluate", &SearchContext::evaluate, py::arg("expr_graph"));
-    cls.def("refresh_analytics", &SearchContext::refresh_analytics);
+    cls.def("evaluate", &SearchContext::evaluate, py::arg("expr_graph"),
+            "Judge one expression: check it, backtest it against the era's thresholds, record the outcome\n"
+            "in the tracking store and, when it passes, queue it durably for submission.\n\n"
+            "Args:\n"
+            "    expr_graph: an expression graph: a map with \"type\" and, as the type requires, \"node\"\n"
+            "        and \"children\", e.g. {\"type\": \"rotation\", \"node\": \"cs_rank\", \"children\": [...]}.\n\n"
+            "Returns:\n"
+            "    BacktestResult | None: the result of a pass; None for a rejection, whose reason is\n"
+            "    recorded in the store.\n\n"
+            "Raises:\n"
+            "    ValueError: the era lacks a threshold or max_expression_generation_seconds (nothing is\n"
+            "        recorded). A bad expression is a rejection, not an error.");
+    cls.def("refresh_analytics", &SearchContext::refresh_analytics,
+            "Re-read the search statistics of the store, keep them as `analytics` and return them.\n\n"
+            "Returns:\n"
+            "    SearchStatsResult: the evaluations so far: total_evaluations and the per-name rows.\n\n"
+            "Raises:\n"
+            "    AttributeError: the context has no analytics engine (a tracker without statistics).\n"
+            "    Exception: an error of the statistics query passes through; `analytics` stays as it was.");
     cls.def("_submission_cancelled", &SearchContext::submission_cancelled);
     cls.def("_safe_record", &SearchContext::safe_record, py::arg("graph"), py::arg("passed_thresholds"),
             py::arg("rejection_reason") = py::none(), py::arg("stats") = py::none(),

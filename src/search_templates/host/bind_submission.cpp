@@ -21,6 +21,15 @@ ClaimTable claim_table_by_name(const std::string& name) {
 
 void bind_submission(py::module_& m) {
     py::object row_schema_error = create_row_schema_error_type();
+    row_schema_error.attr("__doc__") =
+        "A stored submission row whose payload lacks what identifies it (eval_id, submission_type, era_id).\n\n"
+        "Args:\n"
+        "    source_kind: the table of the row (\"submission_queue\", \"submission_retry\") or \"tracker_item\".\n"
+        "    missing: the keys that are missing (default: none).\n"
+        "    row_id: the id of the row, or None.\n"
+        "    message: the text to use instead of the standard one, or None.\n\n"
+        "Attributes:\n"
+        "    source_kind, missing, row_id: as given.";
     m.attr("RowSchemaError") = row_schema_error;
     register_row_schema_error_type(row_schema_error);
     m.attr("_ReceiptRecord") = create_receipt_record_type();

@@ -225,7 +225,17 @@ void bind_generator(py::module_& m) {
     m.attr("_RandomWeightedGenerator") = random_weighted_generator_type();
     m.def("random_weighted", &random_weighted, py::arg("ctx"),
           "Built-in template: yields weighted random SIGNAL expression graphs for as long as it is asked. Nothing "
-          "runs before the first request for a value.");
+          "runs before the first request for a value.\n\n"
+          "Functions and features are drawn with weights learnt from the analytics of earlier evaluations\n"
+          "(those that passed more often are drawn more often); functions that cannot be used safely are\n"
+          "left out (see analyze_random_weighted). Pass it to search(): search(random_weighted).\n\n"
+          "Args:\n"
+          "    ctx: the SearchContext of the worker.\n\n"
+          "Returns:\n"
+          "    Iterator[dict]: an endless generator of expression graphs; it ends at once when the\n"
+          "    vocabulary or the era leaves nothing to draw.\n\n"
+          "Raises:\n"
+          "    Nothing for bad vocabulary, analytics or era values: those end the generator quietly.");
     m.def("_build_random_signal_expression", &build_random_signal_expression, py::arg("func_names"),
           py::arg("func_specs"), py::arg("func_weights"), py::arg("feat_names"), py::arg("feat_weights"),
           py::arg("target_depth"));
@@ -234,7 +244,17 @@ void bind_generator(py::module_& m) {
 
 void bind_report(py::module_& m) {
     m.def("analyze_random_weighted", [](py::object ctx) { return analyze_random_weighted(ctx); }, py::arg("ctx"),
-          "JSON-serializable diagnostics for random_weighted sampling.");
+          "JSON-serializable diagnostics for random_weighted sampling.\n\n"
+          "Draws nothing and changes nothing: it shows what random_weighted would do now.\n\n"
+          "Args:\n"
+          "    ctx: a SearchContext (its vocabulary, max_depth, era and analytics are read).\n\n"
+          "Returns:\n"
+          "    dict: \"analytics_rows_seen\" (int); \"function_weights\" and \"feature_weights\", maps of\n"
+          "    name to yield_rate, failure_rate, evaluation_count, cold_weight (with no analytics),\n"
+          "    warm_weight (with them), warm_delta and the family; \"unsafe_functions\", a map of name to\n"
+          "    the reason it is left out.\n\n"
+          "Raises:\n"
+          "    Nothing for bad vocabulary or analytics; an error of ctx.vocabulary passes through.");
     m.def("_random_weighted_function_weight_report",
           [](py::object rotations, py::object weights, py::object stats) {
               return random_weighted_function_weight_report(rotations, weights, stats);

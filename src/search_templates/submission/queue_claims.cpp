@@ -58,7 +58,8 @@ struct ClaimedRow {
     bool ok = false;
 };
 
-// Steps 2 to 8 of a claim: the transaction that reads one claimable row and writes this owner's claim.
+// The transaction of a claim: it reads one claimable row and writes this owner's claim on it. A lost claim or
+// a store error rolls back, is recorded, and yields no row.
 ClaimedRow claim_one_row(SearchHandle& h, const ClaimSql& sql, bool retry) {
     double now = wall_now();
     double expired_before = now - submission_queue_lease_seconds();
@@ -86,8 +87,8 @@ ClaimedRow claim_one_row(SearchHandle& h, const ClaimSql& sql, bool retry) {
         execute(conn, "COMMIT");
         return {row, true};
     } catch (...) {
+        rollback_quietly(conn, sql.rollback_message);  // whatever the error, the transaction ends here
         py::object exc = caught_general_exception();
-        rollback_quietly(conn, sql.rollback_message);
         h.record_background_failure(py::str("submission"), py::str(sql.failure_operation), exc, true);
         return {py::none(), false};
     }
@@ -112,8 +113,9 @@ py::object decode_claimed_row(SearchHandle& h, const py::object& row_id, const p
     }
 }
 
-// The tracker of a store-less search: dequeue_submission()/dequeue_retryable(), as a payload or None.
-// Returns {found, payload}; an abort drops what came.
+// What the tracker of a store-less search hands out (dequeue_submission()/dequeue_retryable()): a map is
+// the payload itself, anything else an item with `queue_id` and `payload_json`. When it gave something,
+// the dequeue returns `payload` (None if an abort dropped it); else the dequeue goes on to memory.
 struct TrackerTake {
     bool returned = false;  // the caller returns `payload`
     py::object payload;
@@ -145,7 +147,8 @@ TrackerTake take_from_tracker(SearchHandle& h, const char* method, const char* o
     return {true, payload};
 }
 
-// Steps 7 to 9 of a dequeue on the persistent store: peek until a payload, nothing, or a reason to stop.
+// A dequeue from the persistent store: peek until a payload, nothing, or a reason to stop (stop, abort,
+// degraded submission); a payload that an abort overtook is dropped.
 py::object dequeue_from_store(SearchHandle& h, bool retry) {
     py::object payload;
     while (true) {

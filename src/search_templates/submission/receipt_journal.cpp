@@ -218,6 +218,7 @@ bool SearchHandle::submission_status_exists(py::object submission_id) {
 }
 
 bool SearchHandle::receipt_recorded_meanwhile(py::object submission_id) {
+    if (!_tracker_uses_persistent_store) return false;
     try {
         return truthy(submission_id) && submission_status_exists(submission_id);
     } catch (...) {

@@ -74,6 +74,7 @@ void SearchHandle::enqueue_retry_payload(py::object payload, py::object rejectio
 
     py::object retry_id = payload_get(payload, "retry_id");
     py::object queue_id = payload_get(payload, "_queue_id");
+    bool taken = true;  // some store took the payload
     try {
         if (!retry_id.is_none() && _tracker_uses_persistent_store) {
             update_claimed_retry_payload(payload, payload_json, rejection_reason, py::int_(next_retry_count),
@@ -98,8 +99,12 @@ void SearchHandle::enqueue_retry_payload(py::object payload, py::object rejectio
                                              payload_require(payload, "submission_type"), payload_json,
                                              payload_require(payload, "era_id"), rejection_reason,
                                              next_retry_count - 1, py::arg("retry_after") = retry_after);
+        } else {
+            // A payload that only ever lived in memory, on a persistent store, past its first retry: no
+            // table holds it, so memory keeps it rather than nothing.
+            taken = false;
         }
-        if (_tracker_uses_persistent_store) {
+        if (taken && _tracker_uses_persistent_store) {
             update_submission_counts();
             return;
         }

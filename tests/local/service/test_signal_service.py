@@ -54,7 +54,7 @@ def test_a_key_reused_with_another_body_is_refused(service):
 
 
 def test_a_repeat_while_the_first_is_in_progress_gets_409(start):
-    slow = start(faults=Faults(latency_seconds=1.0))
+    slow = start(faults=Faults(latency_seconds=2.0))
     body = submission(rot("cs_rank", feature("alt_5")), idempotency_key="concurrent-1")
     with concurrent.futures.ThreadPoolExecutor(2) as pool:
         first = pool.submit(lambda: client_of(slow).submit_signal(**body))
@@ -139,6 +139,7 @@ BAD_BODIES = [
     (b"", 400, "empty"),
     (b"{not json", 400, "not valid JSON"),
     (b"[1, 2]", 400, "JSON object"),
+    (b" " * (1 << 20) + b"{}", 400, "larger than"),
     (_with().replace(b'"sharpe": 1.5', b'"sharpe": NaN'), 400, "non-finite"),
     (_with().replace(b'"is_pnl_mi": 0.4', b'"is_pnl_mi": Infinity'), 400, "non-finite"),
     (_with().replace(b'"sharpe": 1.5', b'"sharpe": 1e999'), 422, "is_stats.sharpe is not a finite number"),
@@ -168,6 +169,9 @@ BAD_BODIES = [
     (_with(graph=rot("cs_rank", feature("ret_5")) | {"colour": 1}), 422, "unexpected key"),
     (_with(graph="cs_rank(ret_5)"), 422, "a node must be a map"),
     (_with(idempotency_key="body-key"), 400, "differ"),
+    (_with(is_pnl_mi=10 ** 400), 422, "is_pnl_mi must be a finite scalar number"),
+    (_with().replace(b'"search_state"', b"").replace(b"{", b'{"search_state": ' + b"[" * 50000 + b"]" * 50000 + b", ", 1),
+     400, "nested too deeply"),
 ]
 
 
@@ -235,6 +239,23 @@ def test_a_signal_below_the_out_of_sample_thresholds_is_rejected(start, override
     judged = wait_terminal(client, client.submit_signal(**submission()).submission_id)
     assert (judged["status"], judged["rejection_reason"]) == ("is_rejected", reason)
     assert judged["payment"] is None and judged["is_stats"]["sharpe"] < 50.0
+
+
+def test_a_signal_that_never_forms_a_book_is_rejected(service):
+    client = client_of(service)
+    no_stock_that_dear = {"type": "filtration", "node": "keep_above_price",
+                          "children": [feature("ret_5"), {"type": "float", "node": 1000.0}]}
+    judged = wait_terminal(client, client.submit_signal(**submission(no_stock_that_dear)).submission_id)
+    assert (judged["status"], judged["rejection_reason"]) == ("is_rejected", "empty_book")
+
+
+def test_the_quota_window_outlives_a_restart(start, tmp_path):
+    first = start(tmp_path, quota_per_hour=2)
+    for name in ("alt_1", "alt_2"):
+        assert client_of(first).submit_signal(**submission(rot("cs_rank", feature(name)))).status_code == 202
+    first.stop()
+    again = client_of(start(tmp_path, quota_per_hour=2)).submit_signal(**submission(rot("cs_rank", feature("alt_3"))))
+    assert again.status_code == 403 and again.body["ban_expiry"] > time.time() + 3500
 
 
 def _get(svc, path):

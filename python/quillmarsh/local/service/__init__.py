@@ -8,11 +8,14 @@ from .config import Faults, ServiceConfig
 from .runner import ServiceProcess, add_serve_arguments, config_from_args, running_service, serve, serve_from_args, start_service
 
 __all__ = ["Faults", "ServiceConfig", "ServiceProcess", "SignalService", "add_serve_arguments", "config_from_args",
-           "running_service", "serve", "serve_from_args", "start_service"]
+           "running_service", "serve", "serve_from_args", "start_demo_service", "start_service"]
 
 
 def __getattr__(name):
     if name == "SignalService":
         from .service import SignalService
         return SignalService
+    if name == "start_demo_service":
+        from .report import start_demo_service
+        return start_demo_service
     raise AttributeError(name)

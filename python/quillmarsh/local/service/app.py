@@ -9,7 +9,6 @@ Every refusal is a JSON object with an ``error`` text. Requests carry ``Authoriz
 """
 from __future__ import annotations
 
-import asyncio
 import json
 import logging
 import random
@@ -19,7 +18,7 @@ from fastapi.exceptions import RequestValidationError
 from fastapi.responses import JSONResponse
 from starlette.exceptions import HTTPException as StarletteHTTPException
 
-from .contract import ContractError
+from .contract import MAX_BODY_BYTES, ContractError
 
 logger = logging.getLogger(__name__)
 
@@ -38,6 +37,25 @@ class ServiceError(Exception):
 
 def _json(status_code: int, body, headers=None) -> JSONResponse:
     return JSONResponse(body, status_code=status_code, headers=headers)
+
+
+_NUMBER = {"type": "number"}
+# The body is read and checked by the service itself (so that every refusal says what is wrong, in the
+# same shape); this schema only documents it on the OpenAPI page.
+_SUBMISSION_DOC = {
+    "parameters": [{"name": "Idempotency-Key", "in": "header", "required": False, "schema": {"type": "string"}}],
+    "requestBody": {"required": True, "content": {"application/json": {"schema": {
+        "type": "object",
+        "required": ["graph", "universe_id", "signal_pool_id", "is_stats", "is_pnl_mi", "expression_elapsed_seconds"],
+        "properties": {
+            "graph": {"type": "object", "description": "expression graph: type, node, children"},
+            "universe_id": {"type": "string"}, "signal_pool_id": {"type": "string"},
+            "is_stats": {"type": "object", "additionalProperties": _NUMBER},
+            "is_pnl_mi": _NUMBER, "expression_elapsed_seconds": {"type": "number", "exclusiveMinimum": 0},
+            "metaparameters": {"type": ["object", "null"]}, "search_state": {},
+            "idempotency_key": {"type": ["string", "null"]},
+            "referenced_signal_ids": {"type": "array", "items": {"type": "string"}}}}}}},
+}
 
 
 def create_app(service) -> FastAPI:
@@ -71,10 +89,11 @@ def create_app(service) -> FastAPI:
     async def health():
         return {"status": "ok", "submissions_waiting": service.waiting_count()}
 
-    @app.post("/v1/signals", status_code=202)
+    @app.post("/v1/signals", status_code=202, openapi_extra=_SUBMISSION_DOC,
+              summary="Submit a signal; the first answer to an idempotency key is replayed for every repeat")
     async def submit(request: Request):
         account = service.authenticate(request.headers.get("authorization"))
-        raw = await request.body()
+        raw = await _read_body(request)
         status_code, body, replayed = await service.submit(account, raw, request.headers.get("idempotency-key"))
         return _json(status_code, body, {REPLAY_HEADER: "true"} if replayed else None)
 
@@ -92,6 +111,19 @@ def create_app(service) -> FastAPI:
         return _json(200, service.list_body(account, status, limit))
 
     return FaultInjector(app, service.config.faults)
+
+
+async def _read_body(request: Request) -> bytes:
+    """The body, read to its end so that the client always gets the answer; past the size limit the rest
+    is read and dropped, and the request refused."""
+    chunks, size = [], 0
+    async for chunk in request.stream():
+        size += len(chunk)
+        if size <= MAX_BODY_BYTES:
+            chunks.append(chunk)
+    if size > MAX_BODY_BYTES:
+        raise ServiceError(400, f"request body is larger than {MAX_BODY_BYTES} bytes")
+    return b"".join(chunks)
 
 
 class FaultInjector:

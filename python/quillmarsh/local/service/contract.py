@@ -47,6 +47,8 @@ def parse_body(raw: bytes) -> dict:
         raise ContractError("request body is not UTF-8 text", 400) from None
     except ContractError:
         raise
+    except RecursionError:
+        raise ContractError("request body is nested too deeply", 400) from None
     except ValueError as exc:
         raise ContractError(f"request body is not valid JSON: {exc}", 400) from None
     if not isinstance(body, dict):
@@ -78,7 +80,10 @@ def idempotency_key(body: dict, header_key: str | None) -> str:
 
 
 def _finite_number(value) -> bool:
-    return type(value) in (int, float) and math.isfinite(float(value))
+    try:
+        return type(value) in (int, float) and math.isfinite(float(value))
+    except OverflowError:  # an integer beyond any float
+        return False
 
 
 def _non_finite_path(value, path: str):
@@ -140,6 +145,12 @@ class SubmissionContract:
         self.max_node_count = max_node_count
 
     def check(self, body: dict) -> None:
+        try:
+            self._check(body)
+        except RecursionError:
+            raise ContractError("request body is nested too deeply") from None
+
+    def _check(self, body: dict) -> None:
         for name in _RETIRED_FIELDS:
             if name in body:
                 raise ContractError(f"{name} is no longer supported; provide is_pnl_mi as a scalar")

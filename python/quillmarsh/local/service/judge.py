@@ -19,7 +19,7 @@ import time
 
 import numpy as np
 
-from quillmarsh.local.evaluator import TRADING_DAYS, column_metrics, pnl_information
+from quillmarsh.local.evaluator import column_metrics, pnl_information
 
 from .config import ServiceConfig
 
@@ -55,18 +55,10 @@ class OutOfSampleJudge:
         self.first_day = evaluator.in_sample_days
         self._found: dict = {p: [] for p in self.pool_columns}  # pool -> [(id, {column: oos pnl})]
 
-    def held_out_days(self) -> int:
-        return max(0, self.evaluator.market.shape[0] - 1 - self.first_day)
-
     def add_found(self, submission_id: str, pool_id: str, oos_pnl) -> None:
         """Enter an accepted signal (its stacked out-of-sample gross and net pnl) in its pool."""
         series = np.asarray(oos_pnl, dtype=float).reshape(len(PNL_COLUMNS), -1)
         self._found.setdefault(pool_id, []).append((submission_id, dict(zip(PNL_COLUMNS, series))))
-
-    def found_count(self, pool_id: str | None = None) -> int:
-        if pool_id is not None:
-            return len(self._found.get(pool_id, ()))
-        return sum(len(v) for v in self._found.values())
 
     def judge(self, body: dict) -> Verdict:
         pool_id = body["signal_pool_id"]
@@ -202,5 +194,4 @@ class Reviewer:
                 self._wakeup.wait(wait)
 
 
-__all__ = ["ACCEPTED_STATUSES", "FOUND", "NOT_USEFUL", "REJECTED", "OutOfSampleJudge", "Reviewer", "Verdict",
-           "TRADING_DAYS"]
+__all__ = ["ACCEPTED_STATUSES", "FOUND", "NOT_USEFUL", "REJECTED", "OutOfSampleJudge", "Reviewer", "Verdict"]

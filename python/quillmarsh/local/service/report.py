@@ -2,6 +2,7 @@
 the best accepted signals with their in-sample and out-of-sample Sharpe."""
 from __future__ import annotations
 
+import atexit
 import json
 import sqlite3
 import time
@@ -76,17 +77,23 @@ def summary(listing: dict, best: int = 5, since: float = 0.0) -> dict:
     accepted = [s for s in subs if s["status"] in ACCEPTED_STATUSES]
     accepted.sort(key=lambda s: -(s["is_stats"].get("sharpe") or 0.0))
     reasons: dict = {}
+    waiting = sum(1 for s in subs if s["status"] not in _TERMINAL)
     for s in subs:
+        if s["status"] not in _TERMINAL:
+            continue
         if s["status"] not in ACCEPTED_STATUSES:
             key = s["rejection_reason"] or s["status"]
             reasons[key] = reasons.get(key, 0) + 1
-    return {"sent": len(subs), "accepted": len(accepted), "refused": reasons, "best": accepted[:best]}
+    return {"sent": len(subs), "accepted": len(accepted), "refused": reasons, "waiting": waiting,
+            "best": accepted[:best]}
 
 
 def render(s: dict) -> str:
     lines = [f"{s['sent']} signals sent to the signal service; {s['accepted']} accepted out of sample"]
     for reason, n in sorted((s.get("not_taken") or {}).items()):
         lines.append(f"not taken by the service ({n}): {reason}")
+    if s.get("waiting"):
+        lines.append(f"still being judged when the demo ended: {s['waiting']}")
     if s["refused"]:
         lines.append("refused: " + ", ".join(f"{k} {n}" for k, n in sorted(s["refused"].items(), key=lambda kv: -kv[1])))
     if s["best"]:
@@ -133,4 +140,44 @@ def report_to(out, data_dir, url: str, since: float, review_timeout: float = 60.
     return s
 
 
-__all__ = ["fetch_submissions", "render", "report_to", "send_queued", "summary", "wait_for_verdicts"]
+class DemoService:
+    """The service a demo searches against: started in a child process on a free loopback port, with the
+    platform's ``server_url`` pointed at it. ``finish`` reports on the run and stops it; if the demo fails
+    before that, it is stopped when the program exits."""
+
+    def __init__(self, data_dir, config, out):
+        from quillmarsh import agent_onboarding
+
+        from .runner import start_service
+
+        self.data_dir = data_dir
+        self.process = start_service(data_dir, config=config)
+        self._previous_url = agent_onboarding._config.get("server_url")
+        agent_onboarding._config["server_url"] = self.process.url
+        atexit.register(self.stop)
+        print(f"Signal service listening on {self.process.url}", file=out, flush=True)
+
+    def finish(self, out, since: float) -> dict:
+        try:
+            return report_to(out, self.data_dir, self.process.url, since)
+        finally:
+            self.stop()
+
+    def stop(self) -> None:
+        from quillmarsh import agent_onboarding
+
+        atexit.unregister(self.stop)
+        self.process.stop()
+        if agent_onboarding._config.get("server_url") == self.process.url:
+            agent_onboarding._config["server_url"] = self._previous_url
+
+
+def start_demo_service(data_dir, n_instruments: int, n_days: int, seed: int, out) -> DemoService:
+    """The demo's service over the market of these arguments, judging each signal a second after it comes."""
+    from .config import ServiceConfig
+
+    config = ServiceConfig(n_instruments=n_instruments, n_days=n_days, seed=seed, review_delay_seconds=1.0)
+    return DemoService(data_dir, config, out)
+
+
+__all__ = ["DemoService", "start_demo_service", "fetch_submissions", "render", "report_to", "send_queued", "summary", "wait_for_verdicts"]

@@ -10,6 +10,7 @@ from __future__ import annotations
 
 import asyncio
 import collections
+import concurrent.futures
 import json
 import logging
 import os
@@ -97,6 +98,7 @@ class SignalService:
         self._windows = {acc: collections.deque(times)
                          for acc, times in self.store.received_since(now - QUOTA_WINDOW_SECONDS).items()}
         self._app = None
+        self._batcher = CommitBatcher(self.store)
 
     # ----- life -----------------------------------------------------------------------------------------
     @property
@@ -111,6 +113,7 @@ class SignalService:
 
     def close(self) -> None:
         self.reviewer.stop()
+        self._batcher.close()
         self.store.close()
 
     # ----- accounts -------------------------------------------------------------------------------------
@@ -153,10 +156,11 @@ class SignalService:
             received_at = time.time()
             answer = {"submission_id": submission_id, "status": PENDING_STATUS, "idempotency_key": key,
                       "signal_pool_id": body["signal_pool_id"], "received_at": received_at}
-            stored = await asyncio.wrap_future(self.store.insert_submission_later(
+            row, mine = self.store.submission_row(
                 submission_id=submission_id, account_id=account, key=key, fingerprint=fp, body=body,
                 status_code=ACCEPTED_CODE, answer=answer, received_at=received_at,
-                review_at=received_at + self.config.review_delay_seconds))
+                review_at=received_at + self.config.review_delay_seconds)
+            stored = await self._batcher.insert(row) or mine
             if stored.submission_id != submission_id:  # stored by another process on the same file
                 return self._replay(stored, fp)
             with self._lock:
@@ -213,6 +217,46 @@ class SignalService:
         self._found_entries.append({"signal_id": submission_id, "signal_pool_id": pool_id, "graph": body["graph"],
                                     "metaparameters": body.get("metaparameters")})
         publish_found_signals(self.data_dir, self._found_entries)
+
+
+class CommitBatcher:
+    """Gathers the submissions of concurrent requests into shared commits, run on one thread off the event
+    loop: while one commit is under way, the rows that arrive wait for the next, which takes them all."""
+
+    def __init__(self, store: ServiceStore, max_batch: int = 256):
+        self.store = store
+        self.max_batch = max_batch
+        self._pending: list = []
+        self._task = None
+        self._executor = concurrent.futures.ThreadPoolExecutor(1, thread_name_prefix="signal_store_commit")
+
+    async def insert(self, row: tuple):
+        """The answer stored before for the row's key, or None once the row itself is committed."""
+        loop = asyncio.get_running_loop()
+        future = loop.create_future()
+        self._pending.append((row, future))
+        if self._task is None or self._task.done():
+            self._task = loop.create_task(self._flush())
+        return await future
+
+    async def _flush(self) -> None:
+        loop = asyncio.get_running_loop()
+        while self._pending:
+            batch, self._pending = self._pending[: self.max_batch], self._pending[self.max_batch:]
+            try:
+                answers = await loop.run_in_executor(self._executor, self.store.commit_submissions,
+                                                     [row for row, _ in batch])
+            except Exception as exc:
+                for _, future in batch:
+                    if not future.done():
+                        future.set_exception(exc)
+                continue
+            for (_, future), answer in zip(batch, answers):
+                if not future.done():  # a request given up meanwhile; its row is stored all the same
+                    future.set_result(answer)
+
+    def close(self) -> None:
+        self._executor.shutdown(wait=True)
 
 
 def _status_body(row: dict) -> dict:

@@ -5,10 +5,8 @@ are kept with it and replayed for every repeat of the key. Bad requests and refu
 """
 from __future__ import annotations
 
-import concurrent.futures
 import json
 import logging
-import queue
 import sqlite3
 import threading
 import time
@@ -74,33 +72,25 @@ _SELECT_ANSWER = ("SELECT submission_id, fingerprint, response_code, response_js
                   "WHERE account_id = ? AND idempotency_key = ?")
 
 
-class _GroupWriter:
-    """The one thread that inserts submissions, a batch per transaction."""
+class _SubmissionWriter:
+    """The connection that inserts submissions, a batch per transaction, and the thread that copies the
+    log back into the database (so that no commit waits for a checkpoint)."""
 
     def __init__(self, path: Path, durable: bool, checkpoint_interval: float = 0.5):
-        self._queue: queue.SimpleQueue = queue.SimpleQueue()
+        self._lock = threading.Lock()
         self._conn = _connect(path, durable, check_same_thread=False)
-        # The log is copied back into the database by a thread of its own, so that no commit waits for it.
         self._conn.execute("PRAGMA wal_autocheckpoint=0")
         self._checkpoint_conn = _connect(path, durable, check_same_thread=False)
         self._checkpoint_interval = checkpoint_interval
         self._stop = threading.Event()
-        self._thread = threading.Thread(target=self._run, name="signal_store_writer", daemon=True)
-        self._thread.start()
         self._checkpointer = threading.Thread(target=self._checkpoints, name="signal_store_checkpoint", daemon=True)
         self._checkpointer.start()
 
-    def insert(self, row: tuple) -> concurrent.futures.Future:
-        future: concurrent.futures.Future = concurrent.futures.Future()
-        self._queue.put((row, future))
-        return future
-
     def close(self, timeout: float = 10.0) -> None:
-        self._queue.put(None)
         self._stop.set()
-        self._thread.join(timeout)
         self._checkpointer.join(timeout)
-        self._conn.close()
+        with self._lock:
+            self._conn.close()
         self._checkpoint_conn.close()
 
     def _checkpoints(self) -> None:
@@ -110,51 +100,33 @@ class _GroupWriter:
             except sqlite3.Error as exc:  # busy or locked: the next round copies what this one could not
                 logger.debug("checkpoint skipped: %s", exc)
 
-    def _run(self) -> None:
-        stopping = False
-        while not stopping:
-            item = self._queue.get()
-            if item is None:
-                break
-            batch = [item]
-            while len(batch) < MAX_BATCH:
-                try:
-                    item = self._queue.get_nowait()
-                except queue.Empty:
-                    break
-                if item is None:
-                    stopping = True
-                    break
-                batch.append(item)
-            self._commit(batch)
-
-    def _commit(self, batch: list) -> None:
-        conn = self._conn
-        try:
-            conn.execute("BEGIN IMMEDIATE")
-            answers = []
-            for row, _future in batch:
-                if conn.execute(_INSERT, row).rowcount == 1:
-                    answers.append(None)  # stored as given
-                else:
-                    found = conn.execute(_SELECT_ANSWER, (row[1], row[2])).fetchone()
-                    answers.append(StoredAnswer(found[0], found[1], int(found[2]), json.loads(found[3])))
-            conn.execute("COMMIT")
-        except Exception as exc:
+    def commit(self, rows: list) -> list:
+        """Insert ``rows`` in one transaction; for each, None if stored, else the answer already stored for
+        its key (then that row is not written)."""
+        with self._lock:
+            conn = self._conn
             try:
-                conn.execute("ROLLBACK")
-            except sqlite3.Error as rollback_error:
-                logger.warning("rollback after a failed insert failed: %s", rollback_error)
-            for _row, future in batch:
-                future.set_exception(exc)
-            return
-        for (_row, future), answer in zip(batch, answers):
-            future.set_result(answer)
+                conn.execute("BEGIN IMMEDIATE")
+                answers = []
+                for row in rows:
+                    if conn.execute(_INSERT, row).rowcount == 1:
+                        answers.append(None)
+                    else:
+                        found = conn.execute(_SELECT_ANSWER, (row[1], row[2])).fetchone()
+                        answers.append(StoredAnswer(found[0], found[1], int(found[2]), json.loads(found[3])))
+                conn.execute("COMMIT")
+            except BaseException:
+                try:
+                    conn.execute("ROLLBACK")
+                except sqlite3.Error as rollback_error:
+                    logger.warning("rollback after a failed insert failed: %s", rollback_error)
+                raise
+            return answers
 
 
 class ServiceStore:
     """Thread-safe access to the service's SQLite file. Reads and verdicts go through one connection under a
-    lock; new submissions through the group writer."""
+    lock; new submissions through the writer's, in batches."""
 
     def __init__(self, data_dir, *, durable: bool = True):
         self.path = Path(data_dir) / DB_FILE_NAME
@@ -163,7 +135,7 @@ class ServiceStore:
         with self._lock:
             for statement in _SCHEMA:
                 self._conn.execute(statement)
-        self._writer = _GroupWriter(self.path, durable)
+        self._writer = _SubmissionWriter(self.path, durable)
 
     def close(self) -> None:
         self._writer.close()
@@ -178,29 +150,20 @@ class ServiceStore:
             return None
         return StoredAnswer(row[0], row[1], int(row[2]), json.loads(row[3]))
 
-    def insert_submission_later(self, *, submission_id, account_id, key, fingerprint, body: dict, status_code: int,
-                                answer: dict, received_at: float, review_at: float) -> concurrent.futures.Future:
-        """Queue a new submission with its answer for the next group commit. The future's result is the
-        answer stored for the key once committed: this one, or the earlier one if the key was stored
-        meanwhile (then nothing is written)."""
+    @staticmethod
+    def submission_row(*, submission_id, account_id, key, fingerprint, body: dict, status_code: int, answer: dict,
+                       received_at: float, review_at: float) -> tuple:
+        """The row of a new submission and the answer it is stored with, for ``commit_submissions``."""
         row = (submission_id, account_id, key, fingerprint, body["signal_pool_id"], body["universe_id"],
                json.dumps(body, sort_keys=True, allow_nan=False), status_code, json.dumps(answer, sort_keys=True),
                received_at, review_at, PENDING_STATUS)
-        mine = StoredAnswer(submission_id, fingerprint, status_code, answer)
-        future: concurrent.futures.Future = concurrent.futures.Future()
+        return row, StoredAnswer(submission_id, fingerprint, status_code, answer)
 
-        def done(inner):
-            exc = inner.exception()
-            if exc is not None:
-                future.set_exception(exc)
-            else:
-                future.set_result(inner.result() or mine)
-
-        self._writer.insert(row).add_done_callback(done)
-        return future
-
-    def insert_submission(self, **fields) -> StoredAnswer:
-        return self.insert_submission_later(**fields).result()
+    def commit_submissions(self, rows: list) -> list:
+        """Store new submissions in one committed transaction. For each row, the answer stored for its key
+        once committed: None for its own, or the earlier answer if the key was stored before (then that row
+        is not written)."""
+        return self._writer.commit(rows)
 
     def submission(self, submission_id: str, account_id: str | None = None) -> dict | None:
         sql = ("SELECT submission_id, account_id, idempotency_key, signal_pool_id, universe_id, body_json, "
