@@ -13,9 +13,9 @@ BUILD_INPUTS := CMakeLists.txt pyproject.toml \
 	$(shell find src -name '*.cpp' -o -name '*.hpp' -o -name 'CMakeLists.txt' 2>/dev/null) \
 	$(shell find python -name '*.py' 2>/dev/null)
 
-.PHONY: test demo bench chaos build clean stubs
+.PHONY: test demo bench chaos build clean stubs postgres-server
 
-test: $(VENV)/.installed
+test: $(VENV)/.installed postgres-server
 	$(VPY) -m pytest $(PYTEST_ARGS)
 
 build: $(VENV)/.installed
@@ -27,7 +27,7 @@ demo: $(VENV)/.installed
 chaos: $(VENV)/.installed
 	$(VPY) benchmarks/crash_harness.py --trials 50
 
-bench: $(VENV)/.installed
+bench: $(VENV)/.installed postgres-server
 	@set -e; for b in benchmarks/bench_*.py; do \
 	  [ -e "$$b" ] || continue; echo "== $$b"; $(VPY) "$$b"; done
 
@@ -56,6 +56,15 @@ $(VENV)/.build-deps: pyproject.toml | $(VPY)
 $(VENV)/.installed: $(BUILD_INPUTS) $(VENV)/.build-deps
 	$(VPY) -m pip install -q --no-build-isolation -e '.[test]'
 	touch $@
+
+# The tests and benchmarks start a PostgreSQL server of their own; install its binaries only when absent.
+postgres-server:
+	@if ! command -v initdb >/dev/null 2>&1 && ! ls /usr/lib/postgresql/*/bin/initdb >/dev/null 2>&1; then \
+	  if [ "$$(id -u)" = 0 ] && command -v apt-get >/dev/null 2>&1; then \
+	    echo "installing the PostgreSQL server binaries for the tests"; \
+	    (apt-get update -q && DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends \
+	      postgresql) || echo "PostgreSQL could not be installed: the tests on a Postgres store will be skipped"; \
+	  else echo "no PostgreSQL server binaries: the tests on a Postgres store will be skipped"; fi; fi
 
 clean:
 	rm -rf build $(VENV)

@@ -1,13 +1,17 @@
 """The `quillmarsh` command: run a search on the local platform, and look at what it found.
 
     quillmarsh demo [--minutes M] [--jobs N] [--data-dir D] [--template adaptive_weighted|random_weighted]
+                    [--database-url URL]
     quillmarsh watch   [--data-dir D] [--seconds S]
     quillmarsh signals [--data-dir D] [--status S] [--limit N] [--since T] [--format table|csv|json]
     quillmarsh report  [--data-dir D] [--output PATH.png|PATH.svg] [--top N] [--since T]
-    quillmarsh status  [--data-dir D]
-    quillmarsh db-info [--data-dir D]
-    quillmarsh analyze [--data-dir D] [--format table|json]
+    quillmarsh status  [--data-dir D] [--database-url URL]
+    quillmarsh db-info [--data-dir D] [--database-url URL]
+    quillmarsh analyze [--data-dir D] [--database-url URL] [--format table|json]
     quillmarsh serve --data-dir D [--host 127.0.0.1] [--port N] [...]
+
+The tracking store is the SQLite file in the data directory, or the PostgreSQL database of
+``--database-url`` (default: the environment's QUILLMARSH_DATABASE_URL).
 """
 from __future__ import annotations
 
@@ -61,6 +65,8 @@ def _parser() -> argparse.ArgumentParser:
         description="Search for trading signals on the local platform and inspect what was found.")
     sub = parser.add_subparsers(dest="command", required=True, metavar="COMMAND")
     data_dir_help = "data directory of the local platform (default: ~/.quillmarsh/local)"
+    database_url_help = ("postgresql:// URL of a tracking store shared by several processes or machines "
+                         "(default: $QUILLMARSH_DATABASE_URL, else SQLite in the data directory)")
 
     demo = sub.add_parser("demo", help="set up the local platform, search with a built-in template, summarise",
                           description="Set up the local platform (market, era, vocabulary, account), run a "
@@ -69,6 +75,7 @@ def _parser() -> argparse.ArgumentParser:
     demo.add_argument("--minutes", type=_positive_float, default=1.0, help="how long to search (default: 1)")
     demo.add_argument("--jobs", type=_at_least(1), default=1, help="worker threads (default: 1)")
     demo.add_argument("--data-dir", help=data_dir_help)
+    demo.add_argument("--database-url", help=database_url_help)
     demo.add_argument("--instruments", type=_at_least(10), default=500,
                       help="instruments of the generated market (default: 500)")
     demo.add_argument("--days", type=_at_least(100), default=1260, help="days of the generated market (default: 1260)")
@@ -88,6 +95,7 @@ def _parser() -> argparse.ArgumentParser:
                        ("analyze", "the templates' view of the vocabulary and the weights they have learnt")):
         p = sub.add_parser(name, help=text, description=text[0].upper() + text[1:] + ".")
         p.add_argument("--data-dir", help=data_dir_help)
+        p.add_argument("--database-url", help=database_url_help)
         if name == "analyze":
             p.add_argument("--format", choices=("table", "json"), default="table",
                            help="tables of the weights (default) or the report as JSON")
@@ -114,18 +122,24 @@ def submission_text(status) -> str:
 def outcome_counts(conn, since: float) -> list:
     """(outcome, count) of the evaluations since `since`, most frequent first; a pass counts as 'passed'."""
     return conn.execute(
-        "SELECT COALESCE(rejection_reason, CASE WHEN passed THEN 'passed' ELSE 'rejected' END), COUNT(*) "
+        "SELECT COALESCE(rejection_reason, CASE WHEN passed = 1 THEN 'passed' ELSE 'rejected' END), COUNT(*) "
         "FROM signal_evaluations WHERE created_at >= ? GROUP BY 1 ORDER BY 2 DESC, 1", (since,)).fetchall()
 
 
 def best_signals(conn, since: float, limit: int = BEST_SIGNALS) -> list:
     """The distinct expressions that passed since `since`, highest Sharpe first: (graph, metrics)."""
     rows = conn.execute(
-        "SELECT graph_json, MAX(sharpe), returns, turnover, quality_score, is_pnl_mi FROM signal_evaluations "
-        "WHERE passed = 1 AND created_at >= ? GROUP BY graph_json ORDER BY 2 DESC LIMIT ?",
-        (since, limit)).fetchall()
-    return [(json.loads(g), dict(sharpe=s, returns=r, turnover=t, fitness=q, is_pnl_mi=mi))
-            for g, s, r, t, q, mi in rows]
+        "SELECT graph_json, sharpe, returns, turnover, quality_score, is_pnl_mi FROM signal_evaluations "
+        "WHERE passed = 1 AND created_at >= ? ORDER BY sharpe IS NULL, sharpe DESC", (since,)).fetchall()
+    best, seen = [], set()
+    for g, s, r, t, q, mi in rows:  # the best evaluation of each distinct expression
+        if g in seen:
+            continue
+        seen.add(g)
+        best.append((json.loads(g), dict(sharpe=s, returns=r, turnover=t, fitness=q, is_pnl_mi=mi)))
+        if len(best) >= limit:
+            break
+    return best
 
 
 def plot_cumulative_pnl(evaluator, signals, path: Path) -> Path:
@@ -176,15 +190,33 @@ def summarise(conn, since: float, evaluator, plot_path: Path, out) -> dict:
 
 # ----- commands -----------------------------------------------------------------------------------------
 
+def _use_database_url(args) -> None:
+    """Point the platform's configuration at ``--database-url`` when one is given."""
+    url = getattr(args, "database_url", None)
+    if url:
+        from quillmarsh import agent_onboarding
+        from quillmarsh.search_tracking import resolve_database_url
+
+        agent_onboarding._config["database_url"] = resolve_database_url(url)
+
+
 def _open_store(data_dir: Path):
+    """A reader of the tracking store: the PostgreSQL database when one is configured, else the SQLite file."""
+    from quillmarsh.search_tracking import DB_FILE_NAME, resolve_database_url
+
+    url = resolve_database_url()
+    if url is not None:
+        from quillmarsh.pg_store import PostgresConnection
+
+        return PostgresConnection(url, read_only=True, application_name="quillmarsh-cli")
     import sqlite3
-    from quillmarsh.search_tracking import DB_FILE_NAME
 
     return sqlite3.connect(f"file:{data_dir / DB_FILE_NAME}?mode=ro", uri=True, timeout=10.0)
 
 
 def run_demo(args, out=None) -> dict:
     out = out or sys.stdout
+    _use_database_url(args)
     from quillmarsh.local import platform
 
     print("Setting up the local platform ...", file=out, flush=True)
@@ -215,37 +247,41 @@ def run_demo(args, out=None) -> dict:
     return result
 
 
-def _runtime(data_dir):
+def _runtime(args):
+    _use_database_url(args)
     from quillmarsh.local import platform
 
-    local = platform.setup(data_dir)
+    local = platform.setup(args.data_dir)
     import quillmarsh.search_templates as st
     return local, st
 
 
 def run_status(args, out=None) -> None:
     out = out or sys.stdout
-    local, st = _runtime(args.data_dir)
+    local, st = _runtime(args)
     conn = _open_store(local.data_dir)
     counts = dict(conn.execute("SELECT 'evaluated', COUNT(*) FROM signal_evaluations UNION ALL "
                                "SELECT 'passed', COUNT(*) FROM signal_evaluations WHERE passed = 1 UNION ALL "
                                "SELECT 'queued', COUNT(*) FROM submission_queue UNION ALL "
                                "SELECT 'retrying', COUNT(*) FROM submission_retry").fetchall())
-    rows = [("data directory", local.data_dir), ("account", local.account.get("account_id", "-")),
+    conn.close()
+    tracker = st._library_runtime.search_tracker
+    store = tracker._conn.url if getattr(tracker, "dialect", "sqlite") == "postgres" else tracker._db_path
+    rows = [("data directory", local.data_dir), ("store", store), ("account", local.account.get("account_id", "-")),
             ("era", local.era["era_id"]), ("universe", local.universe_id)] + sorted(counts.items())
     print(_table(rows, ["", "value"]), file=out)
 
 
 def run_db_info(args, out=None) -> None:
     out = out or sys.stdout
-    _local, st = _runtime(args.data_dir)
+    _local, st = _runtime(args)
     info = st._library_runtime.search_tracker.get_db_info()
     print(json.dumps(info, indent=2, sort_keys=True, default=str), file=out)
 
 
 def run_analyze(args, out=None) -> None:
     out = out or sys.stdout
-    local, st = _runtime(args.data_dir)
+    local, st = _runtime(args)
     runtime = st._library_runtime
     era = runtime.search_era_config
     vocab = st._normalize_template_vocabulary(runtime.vocabulary_raw)

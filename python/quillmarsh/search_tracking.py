@@ -1,8 +1,15 @@
-"""The local tracking store: ``<data_dir>/search_tracking.db``.
+"""The tracking store: ``<data_dir>/search_tracking.db``, or a PostgreSQL database shared by many processes.
 
 SQLite in WAL mode, one connection per tracker shared by the threads of a process
 (``check_same_thread=False``, ``isolation_level=None``: autocommit, so that a caller's explicit
 "BEGIN IMMEDIATE ... COMMIT" on ``tracker._conn`` works). Several processes may open the same file.
+
+Given a ``postgresql://`` URL (the ``database_url`` argument, else ``database_url`` in
+``quillmarsh.agent_onboarding._config``, else the environment variable ``QUILLMARSH_DATABASE_URL``), the
+store lives on that server instead, for searches on several machines: ``_conn`` is then a
+``quillmarsh.pg_store.PostgresConnection`` with ``dialect == "postgres"``, the same autocommit behaviour
+and the same statements, written once for SQLite and converted for the server. The data directory still
+holds what is local to a machine (the receipt journal, the key material).
 
 Tables: ``signal_evaluations``, ``strategy_evaluations``, ``submission_queue``, ``submission_retry`` and
 ``submission_status``, plus three small ones of the tracker's own: ``submission_simulations`` (the parent
@@ -25,6 +32,7 @@ import json
 import math
 import os
 import sqlite3
+import sys
 import threading
 import time
 import weakref
@@ -38,11 +46,15 @@ __all__ = [
     "TrackerWriteError",
     "_ensure_submission_sim_parent",
     "_synthetic_submission_sim_id",
+    "resolve_database_url",
 ]
 
 DB_FILE_NAME = "search_tracking.db"
 # A passing evaluation is held this long for its queue row before it is recorded on its own.
 PASS_HOLD_SECONDS = 5.0
+DATABASE_URL_ENV = "QUILLMARSH_DATABASE_URL"
+# The tables whose key the store generates, and that key: an insert there reports it as ``lastrowid``.
+GENERATED_KEYS = {"submission_queue": "queue_id", "submission_retry": "retry_id", "submission_status": "status_id"}
 EVAL_TYPES = ("signal", "strategy")
 _FUNCTION_NODE_TYPES = frozenset(("rotation", "filtration", "reduction"))
 _MAX_GRAPH_NODES = 100000
@@ -152,6 +164,30 @@ _SCHEMA = (
 
 STORE_TABLES = ("signal_evaluations", "strategy_evaluations", "submission_queue", "submission_retry",
                 "submission_status")
+OWN_TABLES = ("submission_simulations", "submission_attempts", "tracker_state")
+
+
+def resolve_database_url(database_url=None):
+    """The PostgreSQL URL the store should use, or None for SQLite in the data directory.
+
+    An explicit argument wins, then ``database_url`` of the platform's configuration, then the
+    environment's ``QUILLMARSH_DATABASE_URL``; an empty value counts as none. Anything but a
+    ``postgresql://`` (or ``postgres://``) URL is refused."""
+    url = database_url
+    if url is None or url == "":
+        onboarding = sys.modules.get("quillmarsh.agent_onboarding")
+        config = getattr(onboarding, "_config", None)
+        url = config.get("database_url") if isinstance(config, Mapping) else None
+    if url is None or url == "":
+        url = os.environ.get(DATABASE_URL_ENV) or None
+    if url is None:
+        return None
+    from quillmarsh.pg_store import is_postgres_url, redact_url
+
+    if not is_postgres_url(url):
+        shown = redact_url(url) if isinstance(url, str) else type(url).__name__
+        raise ValueError("database_url must be a postgresql:// URL, got %r" % (shown,))
+    return url
 
 
 class TrackerWriteError(OSError):
@@ -198,10 +234,8 @@ def _ensure_submission_sim_parent(conn, sim_id, era_id) -> None:
     """Make sure the simulation row named by ``sim_id`` exists; runs inside the caller's transaction."""
     if sim_id is None or str(sim_id) == "":
         raise ValueError("sim_id must be a non-empty id")
-    verb = "INSERT" if getattr(conn, "dialect", None) == "postgres" else "INSERT OR IGNORE"
-    tail = " ON CONFLICT DO NOTHING" if verb == "INSERT" else ""
-    conn.execute("%s INTO submission_simulations (sim_id, era_id, created_at) VALUES (?, ?, ?)%s"
-                 % (verb, tail), (str(sim_id), int(era_id), time.time()))
+    conn.execute("INSERT INTO submission_simulations (sim_id, era_id, created_at) VALUES (?, ?, ?) "
+                 "ON CONFLICT (sim_id) DO NOTHING", (str(sim_id), int(era_id), time.time()))
 
 
 _UPSERT_NAME_STATS = (
@@ -349,22 +383,41 @@ def _flush_held_passes_at_exit() -> None:
 class SearchTracker:
     """The tracking store of one data directory."""
 
-    def __init__(self, data_dir):
+    def __init__(self, data_dir, database_url=None):
         if data_dir is None or os.fspath(data_dir) == "":
             raise ValueError("SearchTracker needs a data directory")
+        url = resolve_database_url(database_url)
         self._data_dir = os.path.abspath(os.path.expanduser(os.fspath(data_dir)))
         os.makedirs(self._data_dir, exist_ok=True)
-        self._db_path = os.path.join(self._data_dir, DB_FILE_NAME)
         self._lock = threading.RLock()
         # Passing evaluations waiting for their queue row, so that the two are committed together:
         # eval_id -> (row, name counts, monotonic time held).
         self._held_passes = {}
         _OPEN_TRACKERS.add(self)
-        self._conn = sqlite3.connect(self._db_path, timeout=10.0, check_same_thread=False,
-                                     isolation_level=None)
+        self._conn = None
+        if url is None:
+            self.dialect = "sqlite"
+            self._db_path = os.path.join(self._data_dir, DB_FILE_NAME)
+            self._retryable, self._store_errors = (sqlite3.OperationalError,), (sqlite3.Error,)
+            self._row_order = "rowid"
+            self._conn = sqlite3.connect(self._db_path, timeout=10.0, check_same_thread=False,
+                                         isolation_level=None)
+        else:
+            from quillmarsh import pg_store
+
+            self.dialect = "postgres"
+            self._db_path = None
+            psycopg = pg_store._import_psycopg()
+            # busy store: a lock wait that timed out, a deadlock, a serialisation failure
+            self._retryable = (psycopg.errors.LockNotAvailable, psycopg.errors.DeadlockDetected,
+                               psycopg.errors.SerializationFailure)
+            self._store_errors = (psycopg.Error,)
+            self._row_order = "eval_id"  # no rowid there; the ids sort by creation time
+            self._conn = pg_store.PostgresConnection(url, generated_keys=GENERATED_KEYS)
         try:
-            self._conn.execute("PRAGMA journal_mode=WAL")
-            self._conn.execute("PRAGMA synchronous=NORMAL")
+            if self.dialect == "sqlite":
+                self._conn.execute("PRAGMA journal_mode=WAL")
+                self._conn.execute("PRAGMA synchronous=NORMAL")
             self._transaction(lambda conn: [conn.execute(sql) for sql in _SCHEMA])
             # A store written before the aggregates existed gets them counted once.
             if (self._conn.execute("SELECT 1 FROM signal_evaluations LIMIT 1").fetchall()
@@ -389,10 +442,12 @@ class SearchTracker:
             conn = self._connection()
             try:
                 return conn.execute(sql, params)
-            except sqlite3.OperationalError:
+            except self._retryable:
+                if conn.in_transaction and self.dialect == "postgres":
+                    raise  # the server has aborted the caller's transaction: nothing to retry within it
                 try:
                     return conn.execute(sql, params)
-                except sqlite3.Error as exc:
+                except self._store_errors as exc:
                     raise TrackerWriteError("Database write failed after retry: %s" % exc) from exc
 
     def _transaction(self, body):
@@ -404,7 +459,7 @@ class SearchTracker:
             for attempt in (1, 2):
                 try:
                     conn.execute("BEGIN IMMEDIATE")
-                except sqlite3.OperationalError as exc:
+                except self._retryable as exc:
                     if attempt == 2:
                         raise TrackerWriteError("Database write failed after retry: %s" % exc) from exc
                     continue
@@ -440,12 +495,11 @@ class SearchTracker:
         for eval_id in due:
             self._held_passes.pop(eval_id, None)
 
-    @staticmethod
-    def _insert_evaluation(conn, row, counts) -> None:
+    def _insert_evaluation(self, conn, row, counts) -> None:
         try:
             conn.execute(_INSERT_SIGNAL_EVALUATION, row)
             conn.executemany(_UPSERT_NAME_STATS, counts)
-        except sqlite3.Error as exc:
+        except self._store_errors as exc:
             raise TrackerWriteError("Database write failed: %s" % exc) from exc
 
     # -- evaluations -------------------------------------------------------------------------------
@@ -508,7 +562,7 @@ class SearchTracker:
             params.append(float(since))
         if clauses:
             sql += " WHERE " + " AND ".join(clauses)
-        rows = self._query(sql + " ORDER BY created_at, rowid", params)
+        rows = self._query(sql + " ORDER BY created_at, " + self._row_order, params)
         return [(json.loads(f), json.loads(fe), bool(p), t) for f, fe, p, t in rows]
 
     def signal_name_stats(self, pool_ids=None, recent_since=None) -> list:
@@ -598,8 +652,8 @@ class SearchTracker:
         if isinstance(keep_last, bool) or not isinstance(keep_last, int) or keep_last < 0:
             raise ValueError("keep_last must be a non-negative integer, got %r" % (keep_last,))
         return self._delete_evaluations(
-            eval_type, "rowid NOT IN (SELECT rowid FROM {table} ORDER BY created_at DESC, rowid DESC "
-            "LIMIT ?)", (keep_last,))
+            eval_type, "{key} NOT IN (SELECT {key} FROM {table} ORDER BY created_at DESC, {key} DESC "
+            "LIMIT ?)".replace("{key}", self._row_order), (keep_last,))
 
     def delete_failed_evaluations(self, eval_type=None) -> dict:
         """Delete every evaluation that did not pass."""
@@ -640,7 +694,7 @@ class SearchTracker:
         self._write(
             "INSERT INTO submission_attempts (idempotency_key, eval_id, eval_type, era_id, pool_id, "
             "payload_json, attempts, first_attempt_at, last_attempt_at) VALUES (?, ?, ?, ?, ?, ?, 1, ?, ?) "
-            "ON CONFLICT(idempotency_key) DO UPDATE SET attempts=attempts+1, "
+            "ON CONFLICT(idempotency_key) DO UPDATE SET attempts=submission_attempts.attempts+1, "
             "last_attempt_at=excluded.last_attempt_at, payload_json=excluded.payload_json",
             (key, _require_id(eval_id, "eval_id"), _require_eval_type(submission_type),
              _require_int(era_id, "era_id"), pool_id, _require_payload_json(payload_json), now, now))
@@ -686,19 +740,32 @@ class SearchTracker:
         rows = self._query("SELECT value FROM tracker_state WHERE key='search_active'")
         return bool(rows) and rows[0][0] == "1"
 
-    def get_db_info(self) -> dict:
-        counts = {table: int(self._query("SELECT COUNT(*) FROM %s" % table)[0][0]) for table in STORE_TABLES}
-        passed = int(self._query("SELECT COUNT(*) FROM signal_evaluations WHERE passed=1")[0][0])
+    def _store_size(self) -> tuple:
+        """(where the store is, its size in bytes, its journal mode or None)."""
+        if self.dialect == "postgres":
+            size = self._query(
+                "SELECT COALESCE(SUM(pg_total_relation_size(c.oid)), 0) FROM pg_class c "
+                "JOIN pg_namespace n ON n.oid = c.relnamespace WHERE n.nspname = current_schema() "
+                "AND c.relkind = 'r' AND c.relname IN (%s)" % ", ".join("?" * len(STORE_TABLES + OWN_TABLES)),
+                STORE_TABLES + OWN_TABLES)[0][0]
+            return self._conn.url, int(size), None
         size = 0
         for suffix in ("", "-wal", "-shm"):
             try:
                 size += os.path.getsize(self._db_path + suffix)
             except OSError:
                 pass
+        return self._db_path, size, self._query("PRAGMA journal_mode")[0][0]
+
+    def get_db_info(self) -> dict:
+        counts = {table: int(self._query("SELECT COUNT(*) FROM %s" % table)[0][0]) for table in STORE_TABLES}
+        passed = int(self._query("SELECT COUNT(*) FROM signal_evaluations WHERE passed=1")[0][0])
+        path, size, journal_mode = self._store_size()
         return {
-            "path": self._db_path,
+            "dialect": self.dialect,
+            "path": path,
             "size_bytes": size,
-            "journal_mode": self._query("PRAGMA journal_mode")[0][0],
+            "journal_mode": journal_mode,
             "tables": counts,
             "signal_evaluations_passed": passed,
             "signal_evaluations_failed": counts["signal_evaluations"] - passed,

@@ -6,6 +6,9 @@ import pytest
 
 from quillmarsh.search_tracking import (BacktestStats, SearchTracker, _ensure_submission_sim_parent,
                                         _synthetic_submission_sim_id)
+from store_helpers import table_columns
+
+pytestmark = pytest.mark.both_dialects
 
 GRAPH = {"type": "rotation", "node": "rank",
          "children": [{"type": "feature", "node": "close"}, {"type": "int", "node": 5}]}
@@ -22,7 +25,7 @@ EXPECTED_COLUMNS = {
 
 
 def columns(tracker, table):
-    return {row[1] for row in tracker._conn.execute('PRAGMA table_info("%s")' % table)}
+    return table_columns(tracker._conn, table)
 
 
 def record(tracker, passed=True, pool_id="pool-a", graph=GRAPH, **kwargs):
@@ -37,15 +40,23 @@ def test_store_tables_have_their_columns_but_no_claim_columns(tracker, table):
     assert not {"in_flight_owner", "in_flight_at"} & cols
 
 
-def test_store_is_a_shared_wal_connection(tracker):
-    assert tracker._conn.execute("PRAGMA journal_mode").fetchone()[0] == "wal"
-    assert tracker._conn.isolation_level is None
+def test_store_is_a_shared_autocommit_connection(tracker, data_dir, database_url):
+    if tracker.dialect == "sqlite":
+        assert tracker._conn.execute("PRAGMA journal_mode").fetchone()[0] == "wal"
+        assert tracker._conn.isolation_level is None
+    else:
+        assert tracker._conn.dialect == "postgres"
     assert tracker._data_dir == os.path.abspath(tracker._data_dir)
     # the component's explicit transactions work on the shared connection
     tracker._conn.execute("BEGIN IMMEDIATE")
     tracker._conn.execute("ALTER TABLE submission_queue ADD COLUMN in_flight_owner TEXT")
     tracker._conn.execute("COMMIT")
     assert "in_flight_owner" in columns(tracker, "submission_queue")
+    # a single statement outside a transaction is committed at once: another connection sees it
+    eval_id = record(tracker)
+    with SearchTracker(data_dir, database_url=database_url) as other:
+        assert other._conn.execute("SELECT COUNT(*) FROM signal_evaluations WHERE eval_id=?",
+                                   (eval_id,)).fetchone()[0] == 1
 
 
 def test_recorded_evaluation_is_stored_and_counted(tracker):
@@ -96,7 +107,7 @@ def test_concurrent_records_from_threads_all_land(tracker):
 def test_delete_evaluations_keeps_the_newest(tracker, eval_type, keep_last, remaining):
     ids = [record(tracker) for _ in range(5)]
     result = tracker.delete_evaluations(eval_type=eval_type, keep_last=keep_last)
-    left = [r[0] for r in tracker._conn.execute("SELECT eval_id FROM signal_evaluations ORDER BY rowid")]
+    left = [r[0] for r in tracker._conn.execute("SELECT eval_id FROM signal_evaluations ORDER BY created_at")]
     assert left == ids[len(ids) - remaining:]
     assert result["deleted"] == 5 - remaining
 
@@ -126,8 +137,11 @@ def test_get_db_info_reports_the_store(tracker):
     info = tracker.get_db_info()
     assert info["tables"]["signal_evaluations"] == 2 and info["tables"]["submission_queue"] == 0
     assert (info["signal_evaluations_passed"], info["signal_evaluations_failed"]) == (1, 1)
-    assert info["search_active"] is True and info["journal_mode"] == "wal"
-    assert info["path"].endswith("search_tracking.db") and info["size_bytes"] > 0
+    assert info["search_active"] is True and info["dialect"] == tracker.dialect and info["size_bytes"] > 0
+    if tracker.dialect == "sqlite":
+        assert info["journal_mode"] == "wal" and info["path"].endswith("search_tracking.db")
+    else:
+        assert info["path"].startswith("postgresql://") and info["journal_mode"] is None
     tracker.set_search_active(False)
     assert tracker.get_db_info()["search_active"] is False
 
@@ -184,8 +198,8 @@ def test_pending_submissions_and_mark_submitted(tracker):
     assert tracker.mark_submitted("missing") == 0
 
 
-def test_a_closed_tracker_refuses_work(data_dir):
-    t = SearchTracker(data_dir)
+def test_a_closed_tracker_refuses_work(data_dir, database_url):
+    t = SearchTracker(data_dir, database_url=database_url)
     t.close()
     t.close()
     assert t._conn is None
@@ -194,13 +208,13 @@ def test_a_closed_tracker_refuses_work(data_dir):
 
 
 def test_a_store_that_cannot_be_written_raises_os_error(tracker, monkeypatch):
-    import sqlite3
+    busy = tracker._retryable[0]  # the dialect's "store is busy" error
 
     class Locked:
         in_transaction = False
 
         def execute(self, *a):
-            raise sqlite3.OperationalError("database is locked")
+            raise busy("database is locked")
     monkeypatch.setattr(tracker, "_conn", Locked())
     with pytest.raises(OSError, match="after retry"):
         record(tracker, passed=False)  # a pass is written with its queue row

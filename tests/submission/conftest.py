@@ -1,4 +1,5 @@
-"""Handles on a real store: a ``SearchTracker`` in ``tmp_path`` behind a handle whose threads are quiet.
+"""Handles on a real store: a ``SearchTracker`` in ``tmp_path`` (or, in a module marked ``both_dialects``,
+also on the suite's PostgreSQL server) behind a handle whose threads are quiet.
 
 A handle starts all its threads when it is built; here they are made but never started, so that a test
 drives the store operations itself, as the submission thread would, with nothing else touching the rows.
@@ -49,10 +50,10 @@ def threads_not_started():
         threading.Thread.start = real_start
 
 
-def quiet_handle(data_dir, tracker=None):
-    """A handle on ``data_dir`` (with its own tracker, as another process would have) whose threads never run,
-    so that only the test drives the store operations."""
-    tracker = tracker if tracker is not None else SearchTracker(data_dir)
+def quiet_handle(data_dir, tracker=None, database_url=None):
+    """A handle on ``data_dir`` (with its own tracker, as another process would have, on the store of
+    ``database_url`` if given) whose threads never run, so that only the test drives the store operations."""
+    tracker = tracker if tracker is not None else SearchTracker(data_dir, database_url=database_url)
     with threads_not_started():
         h = st._SearchHandleImpl(template=idle_template, n_jobs=0, tracker=tracker, sync_mgr=None,
                                  bt=FakeBacktester(), obf=Obfuscation(json.dumps(VOCAB), ERA_ID, "U1"),
@@ -77,12 +78,12 @@ def store_dir(tmp_path):
 
 
 @pytest.fixture
-def open_handle(store_dir):
+def open_handle(store_dir, database_url):
     """``open_handle()`` builds another handle on the shared store; all are closed afterwards."""
     made = []
 
     def make(data_dir=None):
-        h = quiet_handle(data_dir or store_dir)
+        h = quiet_handle(data_dir or store_dir, database_url=database_url)
         made.append((h, h._tracker))
         return h
     yield make

@@ -10,6 +10,8 @@ import pytest
 import quillmarsh.search_templates as st
 from submission.conftest import enqueue, journal_files, rows, status_rows
 
+pytestmark = pytest.mark.both_dialects
+
 TESTS_DIR = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 
 CHILD = textwrap.dedent("""
@@ -28,18 +30,20 @@ CHILD = textwrap.dedent("""
 """)
 
 
-def run_and_kill(store_dir, step):
+def run_and_kill(store_dir, step, database_url=None):
     env = dict(os.environ, PYTHONPATH=os.pathsep.join([TESTS_DIR, os.environ.get("PYTHONPATH", "")]))
+    if database_url:
+        env["QUILLMARSH_DATABASE_URL"] = database_url  # the child's tracker opens the same shared store
     proc = subprocess.run([sys.executable, "-c", CHILD, store_dir, step], env=env, capture_output=True,
                           timeout=120)
     assert proc.returncode == -signal.SIGKILL, proc.stderr.decode()
 
 
 @pytest.mark.parametrize("step, files_left", [("after_claim", 0), ("after_journal", 1), ("after_commit", 1)])
-def test_receipt_survives_a_killed_process(open_handle, store_dir, monkeypatch, step, files_left):
+def test_receipt_survives_a_killed_process(open_handle, store_dir, database_url, monkeypatch, step, files_left):
     seeder = open_handle()
     qid = enqueue(seeder, "e1")
-    run_and_kill(store_dir, step)
+    run_and_kill(store_dir, step, database_url)
     assert len(journal_files(store_dir)) == files_left
 
     heir = open_handle()

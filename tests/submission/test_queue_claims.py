@@ -7,6 +7,8 @@ import pytest
 import quillmarsh.search_templates as st
 from submission.conftest import Receipt, add_retry_row, claim, enqueue, rows, status_rows
 
+pytestmark = pytest.mark.both_dialects
+
 
 def queue_rows(h):
     return rows(h, "SELECT queue_id, in_flight_owner FROM submission_queue ORDER BY queue_id")

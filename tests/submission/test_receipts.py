@@ -10,7 +10,13 @@ import quillmarsh.search_templates as st
 from submission.conftest import (JOURNAL_DIR, Receipt, add_evaluation, claim, close_handle, enqueue, journal_files,
                                  rows, status_rows)
 
-REFUSE = "CREATE TRIGGER refuse_status BEFORE INSERT ON submission_status BEGIN SELECT RAISE(ABORT, 'refused'); END"
+pytestmark = pytest.mark.both_dialects
+
+# The store refuses new status rows, on either dialect; the second statement of each pair lifts that.
+REFUSE = {"sqlite": ("CREATE TRIGGER refuse_status BEFORE INSERT ON submission_status BEGIN "
+                     "SELECT RAISE(ABORT, 'refused'); END", "DROP TRIGGER refuse_status"),
+          "postgres": ("ALTER TABLE submission_status ADD CONSTRAINT refuse_status CHECK (false) NOT VALID",
+                       "ALTER TABLE submission_status DROP CONSTRAINT refuse_status")}
 
 
 def claimed(h, eval_id="e1"):
@@ -43,7 +49,8 @@ def test_receipt_is_recorded_in_one_step_and_leaves_no_journal(handle, store_dir
 
 def test_refused_commit_keeps_the_receipt_until_a_flush_records_it_once(handle, store_dir):
     payload = claimed(handle)
-    handle._tracker._conn.execute(REFUSE)
+    refuse, accept = REFUSE[handle._tracker.dialect]
+    handle._tracker._conn.execute(refuse)
     handle._handle_submission_success(payload, Receipt("sub/1 x"))
     # In memory and on disk; the row stays claimed by us; nothing recorded.
     assert list(handle._pending_receipts_by_queue_id) == [("queue", payload["_queue_id"])]
@@ -60,7 +67,7 @@ def test_refused_commit_keeps_the_receipt_until_a_flush_records_it_once(handle, 
     enqueue(handle, "e2")
     assert handle._flush_pending_receipt_finalizations() is False
     assert handle._dequeue_submission_payload() is None
-    handle._tracker._conn.execute("DROP TRIGGER refuse_status")
+    handle._tracker._conn.execute(accept)
     assert handle._flush_pending_receipt_finalizations() is True
     assert handle._flush_pending_receipt_finalizations() is True
     assert [r[0] for r in status_rows(handle)] == ["sub/1 x"]

@@ -7,6 +7,8 @@ import pytest
 import quillmarsh.search_templates as st
 from submission.conftest import Receipt, add_retry_row, claim, enqueue, rows, status_rows
 
+pytestmark = pytest.mark.both_dialects
+
 BAN_END = 1_900_000_000.5
 
 

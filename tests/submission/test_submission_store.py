@@ -8,6 +8,8 @@ import pytest
 
 import quillmarsh.search_templates as st
 
+pytestmark = pytest.mark.both_dialects
+
 TRANSIENT = ("_queue_id", "retry_id", "retry_count", "retry_after", "_journal_replay",
              "_source_created_at", "_source_payload_json")
 
@@ -81,8 +83,14 @@ def test_required_keys_present_passes():
 
 
 @pytest.fixture
-def conn():
-    c = sqlite3.connect(":memory:", check_same_thread=False, isolation_level=None)
+def conn(dialect, request):
+    """A store with just the columns these tests need: SQLite in memory, or an empty PostgreSQL schema."""
+    if dialect == "postgres":
+        from quillmarsh.pg_store import PostgresConnection
+
+        c = PostgresConnection(request.getfixturevalue("postgres_url"))
+    else:
+        c = sqlite3.connect(":memory:", check_same_thread=False, isolation_level=None)
     c.execute("CREATE TABLE signal_evaluations (eval_id TEXT, pool_id TEXT, submitted INTEGER DEFAULT 0)")
     c.execute("CREATE TABLE strategy_evaluations (eval_id TEXT, strategy_pool_id TEXT, signal_pool_id TEXT,"
               " submitted INTEGER DEFAULT 0)")
@@ -138,6 +146,7 @@ def test_column_discovery_on_postgres_passes_the_name_as_a_parameter():
     assert params == ('odd"name',)
 
 
+@pytest.mark.parametrize("dialect", ["sqlite"])
 def test_column_discovery_on_sqlite_quotes_by_doubling(conn):
     conn.execute('CREATE TABLE "we""ird" (a INTEGER, b TEXT)')
     assert st._helpers.persistent_table_columns(conn, 'we"ird') == {"a", "b"}
@@ -180,6 +189,7 @@ def test_claim_columns_with_both_present_still_commit():
     assert conn.calls[-1] == ("COMMIT", ())
 
 
+@pytest.mark.parametrize("dialect", ["sqlite"])
 def test_claim_columns_failure_is_recorded_and_retried_later(conn):
     conn.execute("DROP TABLE submission_retry")
     conn.execute("CREATE VIEW submission_retry AS SELECT 1 AS retry_id")  # ALTER on a view fails
