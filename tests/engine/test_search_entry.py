@@ -1,5 +1,4 @@
 """search(): the order of the start-up checks, the data sync, replacement of earlier searches, publication."""
-import logging
 import threading
 
 import pytest

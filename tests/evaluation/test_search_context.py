@@ -1,11 +1,9 @@
 """The context a template receives: construction, read-only view, analytics, recording."""
-import logging
 import threading
 from types import SimpleNamespace
 
 import pytest
 
-import quillmarsh.search_templates as st
 from quillmarsh.search_analytics import SearchStatsResult
 
 from evaluation.fakes import ERA, VOCAB, RecordingTracker
