@@ -44,26 +44,20 @@ def test_table_holds_every_code_with_its_words():
 
 @pytest.mark.parametrize("code, detail, message", [
     ("OUT_OF_MEMORY", "3.9", "Not enough memory: requires 4.0 GB, available 3.9 GB"),
-    ("DISK_FULL", "500", "Disk space critically low: 500 MB remaining"),
-    ("RUNTIME_BOOTSTRAP_FAILED", None, "Runtime bootstrap failed after authentication."),
     ("RUNTIME_BOOTSTRAP_FAILED", " \n\t", "Runtime bootstrap failed after authentication."),
     ("RUNTIME_BOOTSTRAP_FAILED", "  sync timed out \n", "Runtime bootstrap failed after authentication. sync timed out"),
     ("INFRASTRUCTURE_FAILURE", None, "Background infrastructure failed permanently"),
     ("INFRASTRUCTURE_FAILURE", "worker died", "Background infrastructure failed permanently: worker died"),
     ("DATABASE_ERROR", "disk I/O error", "Database write failed after retry: disk I/O error"),
-    ("AUTH_ERROR", None, "Not authenticated. Run register() or login(private_key) first."),
 ])
 def test_message_details(code, detail, message):
     assert st._helpers.error_message(code, detail) == message
 
 
-def test_raising_by_code_keeps_a_given_status():
+def test_raising_by_code_keeps_a_given_status_and_unknown_codes_are_refused():
     status = st.SearchStatus(running=True, error_code="NO_ACTIVE_SEARCH")
     with pytest.raises(st.SearchError) as info:
         st._helpers.raise_search_error("NO_ACTIVE_SEARCH", status)
     assert info.value.status is status
-
-
-def test_unknown_code_is_refused():
     with pytest.raises(ValueError, match="unknown error code"):
         st._helpers.error_message("NOPE")

@@ -1,5 +1,4 @@
 """search(): the order of the start-up checks, the data sync, replacement of earlier searches, publication."""
-import logging
 import threading
 
 import pytest
@@ -72,51 +71,33 @@ def test_bad_arguments_raise_the_hosts_errors(runtime, template, n_jobs, error, 
     assert st._search_active is False
 
 
-def test_a_missing_data_dir_is_reported(runtime, monkeypatch):
-    monkeypatch.setattr(onboarding, "_config", {"data_dir": None})
-    with pytest.raises(st.SearchError) as info:
-        st.search(idle_template)
-    assert_search_error(info.value, "DATA_DIR_REQUIRED")
+def _no_obfuscation(vocabulary_json, era_id, valid_universe_id):
+    raise ValueError("no vocabulary")
 
 
-@pytest.mark.parametrize("field, value, code", [
-    ("valid_universe_id", None, "VALID_UNIVERSE_UNAVAILABLE"),
-    ("search_tracker", None, "SEARCH_TRACKER_UNAVAILABLE"),
-    ("search_era_config", None, "ERA_CONFIG_UNAVAILABLE"),
-    ("evaluator", None, "BACKTESTER_UNAVAILABLE"),
+@pytest.mark.parametrize("change, code, store_flags", [
+    (lambda rt, mp: mp.setattr(onboarding, "_config", {"data_dir": None}), "DATA_DIR_REQUIRED", []),
+    (lambda rt, mp: setattr(rt, "valid_universe_id", None), "VALID_UNIVERSE_UNAVAILABLE", []),
+    (lambda rt, mp: setattr(rt, "search_tracker", None), "SEARCH_TRACKER_UNAVAILABLE", None),
+    (lambda rt, mp: setattr(rt, "search_era_config", None), "ERA_CONFIG_UNAVAILABLE", [True, False]),
+    # the store's flag is deliberately left as it is on the paths below
+    (lambda rt, mp: setattr(rt, "evaluator", None), "BACKTESTER_UNAVAILABLE", [True]),
+    (lambda rt, mp: mp.setattr(st, "ObfuscationManager", _no_obfuscation), "VOCABULARY_UNAVAILABLE", [True]),
+    (lambda rt, mp: setattr(rt, "vocabulary_raw", "not a map"), "VOCABULARY_UNAVAILABLE", [True]),
 ])
-def test_missing_runtime_parts_are_reported_and_leave_no_search_active(runtime, field, value, code):
-    setattr(runtime, field, value)
+def test_missing_parts_are_reported_and_leave_no_search_active(runtime, monkeypatch, caplog, change, code,
+                                                               store_flags):
+    tracker = runtime.search_tracker
+    change(runtime, monkeypatch)
     with pytest.raises(st.SearchError) as info:
         st.search(idle_template)
     assert_search_error(info.value, code)
-    assert st._search_active is False
-    assert st._active_search_handle is None
-    if code == "ERA_CONFIG_UNAVAILABLE":
-        assert runtime.search_tracker.search_active == [True, False]
-    elif code == "BACKTESTER_UNAVAILABLE":
-        # the store's flag is deliberately left as it is on this path
-        assert runtime.search_tracker.search_active == [True]
-
-
-def test_a_failed_obfuscation_manager_gives_vocabulary_unavailable(runtime, monkeypatch, caplog):
-    def broken(vocabulary_json, era_id, valid_universe_id):
-        raise ValueError("no vocabulary")
-    monkeypatch.setattr(st, "ObfuscationManager", broken)
-    with pytest.raises(st.SearchError) as info:
-        st.search(idle_template)
-    assert_search_error(info.value, "VOCABULARY_UNAVAILABLE")
-    assert st._search_active is False
-    assert runtime.search_tracker.search_active == [True]
-    assert "Failed to instantiate ObfuscationManager: no vocabulary" in caplog.messages
-
-
-def test_without_a_vocabulary_in_memory_or_on_disk_the_search_does_not_start(runtime, caplog):
-    runtime.vocabulary_raw = "not a map"
-    with pytest.raises(st.SearchError) as info:
-        st.search(idle_template)
-    assert info.value.error_code == "VOCABULARY_UNAVAILABLE"
-    assert any(m.startswith("Failed to load vocabulary via load_vocabulary: ") for m in caplog.messages)
+    assert st._search_active is False and st._active_search_handle is None
+    if store_flags is not None:
+        assert tracker.search_active == store_flags
+    if code == "VOCABULARY_UNAVAILABLE":
+        assert any(m.startswith(("Failed to instantiate ObfuscationManager: no vocabulary",
+                                 "Failed to load vocabulary via load_vocabulary: ")) for m in caplog.messages)
 
 
 def test_a_started_search_is_published_with_its_collaborators(runtime, seed_dir):

@@ -39,32 +39,13 @@ def test_raw_dict_is_the_configurations_own_map_and_getter_errors_propagate():
 
 
 @pytest.mark.parametrize(
-    "columns, expected",
-    [(["net", "gross"], "net"), (("net",), "net"), (["", "net"], "gross_returns"), ([], "gross_returns"),
-     ([7, "net"], "gross_returns"), ("net", "gross_returns")],
+    "config, expected",
+    [({"evaluation_pnl_columns": ["net", "gross"]}, "net"), (NS(evaluation_pnl_columns=("net",)), "net"),
+     ({"evaluation_pnl_columns": ["", "net"]}, "gross_returns"), ({"evaluation_pnl_columns": "net"}, "gross_returns"),
+     (NS(_data={"evaluation_pnl_columns": ["net"]}), "gross_returns")],
 )
-def test_primary_pnl_column_is_only_ever_the_first(columns, expected):
-    assert st._primary_evaluation_pnl_column({"evaluation_pnl_columns": columns}) == expected
-    assert st._primary_evaluation_pnl_column(NS(evaluation_pnl_columns=columns)) == expected
-    assert st._primary_evaluation_pnl_column(NS(_data={"evaluation_pnl_columns": ["net"]})) == "gross_returns"
-
-
-@pytest.mark.parametrize(
-    "pool, expected",
-    [({"signal_pool_id": "a", "name": "b"}, "a"), ({"signal_pool_id": "", "name": "p"}, "p"), ({"name": 7}, None),
-     (NS(signal_pool_id=None, name="q"), "q"), (NS(), None)],
-)
-def test_pool_id_from_entry(pool, expected):
-    assert st._pool_id_from_config_entry(pool) == expected
-
-
-def test_signal_pools_are_a_new_list():
-    pools = [{"name": "a"}]
-    got = st._signal_pools_from_era_config({"signal_pools": pools})
-    assert got == pools and got is not pools
-    assert st._signal_pools_from_era_config(NS(signal_pools=(1,))) == [1]
-    assert st._signal_pools_from_era_config(NS(signal_pools=None, _data={"signal_pools": pools})) == pools
-    assert st._signal_pools_from_era_config({"signal_pools": "p"}) == [] == st._signal_pools_from_era_config(None)
+def test_primary_pnl_column_is_only_ever_the_first(config, expected):
+    assert st._primary_evaluation_pnl_column(config) == expected
 
 
 @pytest.mark.parametrize(
@@ -90,28 +71,6 @@ def test_selected_pool_falls_back_to_the_first():
     assert st._selected_signal_pool_from_era_config({"signal_pools": []}, "a") is None
 
 
-@pytest.mark.parametrize(
-    "value, expected",
-    [("5", 5), (-1, None), (0, 0), (True, 1), (2.9, 2), ("x", None), (None, None), (float("nan"), None)],
-)
-def test_coerce_rule_id(value, expected):
-    assert st._coerce_search_rule_id(value) == expected
-
-
-def test_coerce_rule_id_lets_overflow_through():
-    with pytest.raises(OverflowError):
-        st._coerce_search_rule_id(float("inf"))
-
-
-@pytest.mark.parametrize(
-    "entry, expected",
-    [({"rule_id": 3, "universe_rule_id": 4}, 3), ({"rule_id": 0, "universe_rule_id": 4}, 4), ({"rule_id": 0}, None),
-     (NS(universe_rule_id="2"), 2)],
-)
-def test_rule_id_from_universe_entry(entry, expected):
-    assert st._search_rule_id_from_universe_entry(entry) == expected
-
-
 def test_candidates_in_discovery_order_without_default_or_duplicates():
     config = NS(
         universes={"default": {"rule_id": 1}, "us": {"rule_id": 1}, 5: {"rule_id": 2}, "eu": {}},
@@ -133,7 +92,10 @@ TWO = {"universes": {"a": {"rule_id": 1}, "b": {"rule_id": 2}}}
     [
         ({"valid_universe_id": "v", "universe_id": "u", **TWO, "allowed_universes": [1]}, "cfg", "v"),
         (NS(valid_universe_id="", universe_id=None, _data={"universe_id": "raw_u"}), "cfg", "raw_u"),
-        ({"universe_id": 5, **TWO, "allowed_universes": ["2", None, "x"]}, None, "b"),
+        ({"universe_id": 5, **TWO, "allowed_universes": ["2", None, "x", -1, float("nan")]}, None, "b"),
+        ({**TWO, "allowed_universes": [2.9]}, None, "b"),
+        ({"universes": {"a": {"rule_id": 0, "universe_rule_id": 2}, "b": {"rule_id": 3}}, "allowed_universes": [2]},
+         None, "a"),
         ({**TWO, "allowed_universes": [1, 1], "era_universes": [{"rule_id": 2}]}, None, "a"),
         ({**TWO, "allowed_universes": [7], "era_universes": [{"rule_id": 2}]}, None, "b"),
         ({**TWO, "allowed_universes": "1", "era_universes": [{"universe_rule_id": 1}]}, None, "a"),

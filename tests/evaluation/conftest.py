@@ -6,6 +6,20 @@ import quillmarsh.search_templates as st
 from evaluation.fakes import ERA, VOCAB, FakeBacktester, RecordingTracker
 
 
+class Record:
+    """Stands in for the store's statistics record: its keywords become its attributes."""
+
+    def __init__(self, **kw):
+        self.__dict__.update(kw)
+        self.kw = kw
+
+
+@pytest.fixture
+def record_type(monkeypatch):
+    monkeypatch.setattr(st, "_BacktestStats", Record, raising=False)
+    return Record
+
+
 @pytest.fixture
 def make_context():
     def make(bt=None, tracker=None, era=ERA, vocab=VOCAB, **kwargs):

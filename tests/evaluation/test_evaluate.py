@@ -1,6 +1,5 @@
 """The life of one expression through SearchContext.evaluate: every recorded rejection, the pass, and
 the points where a stop cancels it."""
-import json
 import logging
 import queue
 import threading
@@ -11,17 +10,9 @@ import quillmarsh.search_templates as st
 from evaluation.fakes import ERA, GRAPH, FakeBacktester, RecordingTracker, good_stats
 
 
-class Record:
-    """Stands in for the store's statistics record: its keywords become its attributes."""
-
-    def __init__(self, **kw):
-        self.__dict__.update(kw)
-        self.kw = kw
-
-
 @pytest.fixture(autouse=True)
-def record_type(monkeypatch):
-    monkeypatch.setattr(st, "_BacktestStats", Record)
+def _records(record_type):
+    pass
 
 
 def only_record(tracker):
@@ -93,7 +84,7 @@ def test_backtest_failures(make_context, bt, era, reason, metrics):
     assert rec["rejection_reason"] == reason and rec["expression_elapsed_seconds"] is not None
     assert rec["failure_reason"] == metrics.get("failure_reason")
     assert rec["failure_detail"] == metrics.get("failure_detail")
-    assert isinstance(rec["stats"], Record) and rec["per_column_stats"] is None
+    assert isinstance(rec["stats"], st._BacktestStats) and rec["per_column_stats"] is None
 
 
 def test_slow_expression_with_statistics(make_context, caplog):
@@ -103,7 +94,7 @@ def test_slow_expression_with_statistics(make_context, caplog):
     rec = only_record(tracker)
     assert rec["rejection_reason"] == "expression_too_slow"
     assert (rec["failure_reason"], rec["failure_detail"]) == ("expression_too_slow", "backtester said")
-    assert rec["per_column_stats"] == {"gross_returns_sharpe": 1.5} and isinstance(rec["stats"], Record)
+    assert rec["per_column_stats"] == {"gross_returns_sharpe": 1.5} and isinstance(rec["stats"], st._BacktestStats)
     (log,) = [r for r in caplog.records if r.getMessage() == "Expression rejected: timing breach"]
     assert log.rejection_reason == "expression_too_slow" and log.threshold == 0.0 and log.elapsed > 0
 
@@ -114,7 +105,7 @@ def test_slow_expression_with_an_invalid_metric_passes_no_stats(make_context):
     make_context(bt=bt, tracker=tracker, era=SLOW_ERA).evaluate(GRAPH)
     rec = only_record(tracker)
     assert rec["rejection_reason"] == "expression_too_slow"
-    assert isinstance(rec["stats"], Record) and rec["stats"].kw == {} and rec["per_column_stats"] is None
+    assert isinstance(rec["stats"], st._BacktestStats) and rec["stats"].kw == {} and rec["per_column_stats"] is None
     assert rec["failure_detail"] == "Expression evaluation exceeded era limit"
 
 
@@ -149,19 +140,14 @@ def test_a_correlation_that_is_not_a_finite_number_does_not_reject(make_context,
     assert only_record(tracker)["passed"] is True
 
 
-def test_agent_mi_from_the_backtester_is_kept(make_context):
-    tracker = RecordingTracker()
-    make_context(bt=FakeBacktester(stats=good_stats(agent_is_pnl_mi=0.9)), tracker=tracker).evaluate(GRAPH)
-    rec = only_record(tracker)
-    assert (rec["is_pnl_mi"], rec["agent_is_pnl_mi"], rec["passed"]) == (0.4, 0.9, True)
-
-
 def test_a_pass_is_recorded_enqueued_handed_over_and_wakes_the_submitter(make_context):
     tracker, q, wakeup = RecordingTracker(), queue.Queue(), threading.Event()
-    ctx = make_context(tracker=tracker, submission_queue=q, submission_wakeup=wakeup, submission_owner="own")
+    ctx = make_context(tracker=tracker, submission_queue=q, submission_wakeup=wakeup, submission_owner="own",
+                       bt=FakeBacktester(stats=good_stats(agent_is_pnl_mi=0.9)))
     result = ctx.evaluate(GRAPH)
     assert isinstance(result, st.BacktestResult)
     assert (result.passed, result.mi_passed, result.submitted, result.mi_score) == (True, True, False, 0.4)
+    assert (tracker.records[0]["is_pnl_mi"], tracker.records[0]["agent_is_pnl_mi"]) == (0.4, 0.9)
     assert result.factor_pnl == [0.1, -0.05] and result.expression is GRAPH
     (payload,) = tracker.enqueued[0]
     assert list(payload) == ["eval_id", "submission_type", "graph", "universe_id", "signal_pool_id", "is_stats",
@@ -172,13 +158,10 @@ def test_a_pass_is_recorded_enqueued_handed_over_and_wakes_the_submitter(make_co
     copy = q.get_nowait()
     assert copy == payload and copy is not payload
     assert wakeup.is_set()
-
-
-def test_without_an_owner_or_queue_the_wakeup_is_still_set(make_context):
+    # without an owner or a queue the payload carries no owner and the wakeup is still set
     tracker, wakeup = RecordingTracker(), threading.Event()
     make_context(tracker=tracker, submission_wakeup=wakeup).evaluate(GRAPH)
-    (payload,) = tracker.enqueued[0]
-    assert "_submission_owner" not in payload and wakeup.is_set()
+    assert "_submission_owner" not in tracker.enqueued[0][0] and wakeup.is_set()
 
 
 def test_a_null_record_id_becomes_a_uuid(make_context):
@@ -243,24 +226,3 @@ def test_an_enqueue_failure_leaves_evaluate_and_releases_the_lock(make_context):
         ctx.evaluate(GRAPH)
     assert ctx._tracker_write_lock.acquire(blocking=False)
 
-
-def test_a_pass_into_a_real_store(make_context, tmp_path, monkeypatch):
-    from quillmarsh.search_tracking import BacktestStats, SearchTracker
-
-    monkeypatch.setattr(st, "_BacktestStats", BacktestStats)
-    tracker = SearchTracker(str(tmp_path))
-    try:
-        q, wakeup = queue.Queue(), threading.Event()
-        ctx = make_context(tracker=tracker, submission_queue=q, submission_wakeup=wakeup, submission_owner="own")
-        assert ctx.evaluate(GRAPH) is not None
-        rows = tracker._conn.execute("SELECT eval_id, eval_type, payload_json, era_id FROM submission_queue").fetchall()
-        assert len(rows) == 1
-        eval_id, eval_type, payload_json, era_id = rows[0]
-        payload = json.loads(payload_json)
-        assert (eval_type, era_id, payload["_submission_owner"]) == ("signal", 4, "own")
-        assert str(payload["eval_id"]) == str(eval_id)
-        assert payload_json == st._serialize_submission_payload(payload)
-        assert q.get_nowait()["eval_id"] == payload["eval_id"] and wakeup.is_set()
-        assert tracker.get_evaluation_count() == 1
-    finally:
-        tracker.close()

@@ -10,9 +10,7 @@ GOOD = dict(sharpe=1.2, fitness=0.9, returns=0.1, drawdown=0.05, turnover=0.3, m
             long_count=100, short_count=90, delta_exposure=0.0, max_weight=0.02)
 
 
-class Stats:
-    def __init__(self, **kw):
-        self.__dict__.update(kw)
+Stats = SimpleNamespace
 
 
 class Counting(Stats):
@@ -26,19 +24,6 @@ class Counting(Stats):
 
 class FloatSub(float):
     pass
-
-
-class RecordStats:
-    """Stands in for the tracking store's record: keyword construction, assignable fields."""
-
-    def __init__(self, **kw):
-        self.kw = kw
-
-
-@pytest.fixture
-def record_type(monkeypatch):
-    monkeypatch.setattr(st, "_BacktestStats", RecordStats, raising=False)
-    return RecordStats
 
 
 def test_an_empty_object_fails_on_sharpe_and_reads_nothing_later():
@@ -75,12 +60,8 @@ def test_sharpe_falls_back_to_the_per_column_table(stats, era, expected):
     (Stats(per_column_stats={"turnover": 0.2}), "turnover", (None, "invalid_backtest_metric_turnover")),
     (Stats(per_column_stats={"margin": 0.2}), "margin", (None, "invalid_backtest_metric_margin")),
     (Stats(margin=True), "margin", (None, "invalid_backtest_metric_margin")),
-    (Stats(margin="1.0"), "margin", (None, "invalid_backtest_metric_margin")),
     (Stats(margin=float("nan")), "margin", (None, "invalid_backtest_metric_margin")),
-    (Stats(margin=float("-inf")), "margin", (None, "invalid_backtest_metric_margin")),
-    (Stats(margin=10 ** 400), "margin", (None, "invalid_backtest_metric_margin")),
     (Stats(margin=3), "margin", (3.0, None)),
-    (Stats(margin=FloatSub(0.5)), "margin", (0.5, None)),
 ])
 def test_metric_fallbacks_and_failures(stats, attr, expected):
     value, reason = st._required_backtest_metric_value(stats, attr)
@@ -113,28 +94,24 @@ class FailingNumber(float):
         raise RuntimeError("no")
 
 
+class IntSubclass(int):
+    pass
+
+
 @pytest.mark.parametrize("value, expected", [
-    (None, [0.0]), ([], [0.0]), ((), [0.0]), ([1, 2], [1, 2]), ((1.5,), [1.5]), (2, [2.0]), (True, [0.0]),
-    (float("nan"), "nan"), (ArrayLike([3.0]), [3.0]), (ArrayLike([]), [0.0]), (ArrayLike(fail=True), [0.0]),
-    (ArrayLike((1, 2)), [0.0]), (FailingNumber(4.0), [4.0]), ("abc", [0.0]),
+    (None, [0.0]), ((), [0.0]), ([1, 2], [1, 2]), ((1.5,), [1.5]), (True, [0.0]),
+    (float("nan"), "nan"), (ArrayLike([3.0]), [3.0]), (ArrayLike(fail=True), [0.0]),
+    ("abc", [0.0]), (FailingNumber(4.0), 4.0), (IntSubclass(4), 4.0), (4, 4.0),
 ])
 def test_normalize_factor_pnl(value, expected):
     out = st._normalize_factor_pnl(value)
     if expected == "nan":
         assert len(out) == 1 and math.isnan(out[0])
+    elif isinstance(expected, float):  # a lone number becomes a list of one plain float
+        assert out == [expected] and type(out[0]) is float
     else:
         assert out == expected
     assert out is not value
-
-
-class IntSubclass(int):
-    pass
-
-
-@pytest.mark.parametrize("value", [FailingNumber(4.0), IntSubclass(4), 4])
-def test_a_lone_number_becomes_a_plain_float(value):
-    (item,) = st._normalize_factor_pnl(value)
-    assert type(item) is float and item == 4.0
 
 
 def test_per_column_stats_are_copied_and_only_a_map_is_kept():
@@ -186,23 +163,11 @@ def test_computed_mi_uses_pool_column_signals_and_threshold():
 @pytest.mark.parametrize("backtester, era", [
     (object(), POOL_ERA),                                 # nothing to compute with
     (Backtester(), {"signal_pools": []}),                 # no pool
-    (Backtester(), {"signal_pools": [{"found_signal_ids": []}]}),   # a pool without an id
     (Backtester(result=(float("inf"), True)), POOL_ERA),  # a score that is not finite
-    (Backtester(result=(True, True)), POOL_ERA),
 ])
 def test_mi_cannot_be_had(backtester, era):
     with pytest.raises(ValueError, match="^BacktestStats.is_pnl_mi must be a finite scalar number$"):
         st._submission_pnl_mi_from_backtest_or_compute(backtester, Stats(is_pnl_mi=None), era, "p1", {})
-
-
-@pytest.mark.parametrize("result, message", [
-    ((1.0,), "not enough values to unpack (expected 2, got 1)"),
-    ((1.0, True, 3), "too many values to unpack (expected 2)"),
-])
-def test_mi_result_of_the_wrong_length(result, message):
-    with pytest.raises(ValueError) as info:
-        st._submission_pnl_mi_from_backtest_or_compute(Backtester(result=result), Stats(), POOL_ERA, "p1", {})
-    assert str(info.value) == message
 
 
 @pytest.mark.parametrize("stats, per_column, stats_dict, expected", [

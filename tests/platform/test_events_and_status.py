@@ -50,24 +50,18 @@ def status_row(tracker, submission_id="sub-1"):
                                  " WHERE submission_id=?", (submission_id,)).fetchone()
 
 
-def test_a_non_terminal_status_is_written_without_finalizing(tracker):
+@pytest.mark.parametrize("status, terminal", [("is_validating", False), ("found", True), ("not_useful", True),
+                                              ("is_rejected", True)])
+def test_a_terminal_status_sets_finalized_at_and_emits_an_event(tracker, status, terminal):
     add_status_row(tracker)
-    assert notify_submission_status("sub-1", "is_validating", tracker=tracker, data_dir=tracker._data_dir,
-                                    is_pnl_mi=0.3) is True
-    assert status_row(tracker)[:2] == ("is_validating", None)
-    assert len(tracker.get_pending_submissions()) == 1
-
-
-@pytest.mark.parametrize("status", ["found", "not_useful", "is_rejected"])
-def test_a_terminal_status_sets_finalized_at_and_emits_an_event(tracker, status):
-    add_status_row(tracker)
-    notify_submission_status("sub-1", status, tracker=tracker, data_dir=tracker._data_dir,
-                             rejection_reason="retry_exhausted")
+    assert notify_submission_status("sub-1", status, tracker=tracker, data_dir=tracker._data_dir,
+                                    rejection_reason="retry_exhausted") is True
     row = status_row(tracker)
-    assert row[0] == status and row[1] is not None and row[2] == "retry_exhausted"
-    assert tracker.get_pending_submissions() == []
-    [event] = read_events(tracker._data_dir)
-    assert event["event_type"] == "submission_status" and event["payload"]["status"] == status
+    assert row[0] == status and (row[1] is not None) is terminal and row[2] == "retry_exhausted"
+    assert len(tracker.get_pending_submissions()) == (0 if terminal else 1)
+    if terminal:
+        [event] = read_events(tracker._data_dir)
+        assert event["event_type"] == "submission_status" and event["payload"]["status"] == status
 
 
 def test_finalized_at_keeps_the_first_verdict_time(tracker):

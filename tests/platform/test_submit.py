@@ -5,8 +5,7 @@ from http.server import BaseHTTPRequestHandler, ThreadingHTTPServer
 
 import pytest
 
-from quillmarsh.submit import (SignalServiceClient, SubmissionReceipt, SubmissionRejectedError,
-                               SubmissionStatus)
+from quillmarsh.submit import SignalServiceClient
 
 SUBMISSION = dict(graph={"type": "rotation", "node": "rank", "children": []}, universe_id="u1",
                   signal_pool_id="p1", is_stats={"sharpe": 1.2}, is_pnl_mi=0.3, metaparameters=None,
@@ -158,11 +157,3 @@ def test_client_refuses_bad_calls(service):
         client.get_signal_status("sub-1")
     assert service.requests == []
 
-
-def test_result_records():
-    err = SubmissionRejectedError(404, "not found", {"error": "not found"}, body={"error": "not found"})
-    assert (err.status_code, err.reason, err.details, err.body) == (404, "not found", {"error": "not found"},
-                                                                   {"error": "not found"})
-    assert SubmissionReceipt("s1").submission_id == "s1"
-    status = SubmissionStatus("s1", "found", {}, None, None, is_pnl_mi=0.2)
-    assert (status.status, status.is_pnl_mi, status.failure_detail) == ("found", 0.2, None)

@@ -4,7 +4,7 @@ import threading
 
 import pytest
 
-from quillmarsh.sync import ERA_CONFIG_FILE_NAME, EraConfig, SyncError, SyncManager
+from quillmarsh.sync import ERA_CONFIG_FILE_NAME, SyncError, SyncManager
 
 
 def write_era(data_dir, **fields):
@@ -87,7 +87,3 @@ def test_background_thread_picks_up_a_new_era(data_dir):
     mgr.stop()
     assert not mgr.is_alive()
 
-
-def test_era_config_object_requires_a_map():
-    with pytest.raises(TypeError):
-        EraConfig([("era_id", 1)])

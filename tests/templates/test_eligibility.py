@@ -56,11 +56,10 @@ def test_safe_record_shape():
 
 @pytest.mark.parametrize("fn, registry, reason", [
     ({"name": "flt", "function_type": "filtration"}, None, "function_type='filtration'" + NOT_ROTATION),
-    (rot("r"), Registry({"r": {"function_type": "filtration", **LOCAL}}), "function_type='filtration'" + NOT_ROTATION),
     (rot("r", engine_only=True), None, "engine_only runtime transform"),
     (rot("r"), Registry({"r": {"engine_only": True, **LOCAL}}), "engine_only runtime transform"),
     (rot("r"), Registry({}), "SDK runtime registry has no entry for function"),
-    (rot("r"), Registry({"r": {}}, fail=True), "SDK runtime registry has no entry for function"),
+    (rot("r"), Registry({"r": {}}, fail=True), "SDK runtime registry has no entry for function"),  # raising has()
     (rot("r"), Registry({"r": {"factory": None, "class_name": "C"}}), "no SDK-local factory metadata"),
     (rot("r", ["int"]), None, "config param 'param_0' has no safe int default/range"),
     # the registry's schema replaces the vocabulary's
@@ -81,12 +80,6 @@ def test_registry_can_make_a_function_a_rotation_and_module_path_suffices():
     registry = Registry({"r": {"function_type": "rotation", "family": "fam", "module_path": "m", "class_name": "C"}})
     (record,), unsafe = safety([{"name": "r", "function_type": "reduction", "param_schema": ["data"]}], registry)
     assert (record["name"], record["function_family"], unsafe) == ("r", "fam", {})
-
-
-def test_registry_with_get_class_is_not_consulted():
-    registry = NS(get_class=lambda name: object)
-    (record,), unsafe = safety([rot("r")], registry)
-    assert unsafe == {} and st._random_weighted_registry_function_metadata(rot("r"), registry) == rot("r")
 
 
 def test_later_entry_of_a_name_overwrites_its_reason():

@@ -1,5 +1,4 @@
 """The random_weighted generator: preparation and its log lines, graph shapes, weights and randomness."""
-import bisect
 import collections
 import random
 
@@ -122,15 +121,6 @@ def test_depth_two_is_one_rotation_over_features():
         assert len(graph["children"]) == {"one": 1, "two": 2}[graph["node"]]
 
 
-def test_yielded_graphs_are_independent_of_later_ones():
-    random.seed(5)
-    gen = st.random_weighted(make_ctx([MIXED[2]], FEATURES, max_depth=2))
-    first = next(gen)
-    first["children"][1]["node"] = 999
-    first["children"].append("junk")
-    assert next(gen)["children"][1:] == [{"type": "int", "node": 6}, {"type": "string", "node": "v"}]
-
-
 def test_random_seed_makes_runs_repeatable():
     ctx = make_ctx(MIXED, FEATURES, max_depth=5)
     runs = []
@@ -205,13 +195,6 @@ def test_failing_analytics_ends_the_generator_and_close_finishes_it():
     next(gen)
     gen.close()
     assert list(gen) == []
-    with pytest.raises(TypeError):
-        st.random_weighted(make_ctx(MIXED, FEATURES)).send(1)
-    gen = st.random_weighted(make_ctx(MIXED, FEATURES))
-    assert gen.send(None)["type"] == "rotation"
-    with pytest.raises(KeyError, match="stop"):
-        gen.throw(KeyError("stop"))
-    assert list(gen) == []
 
 
 def test_a_real_search_context_drives_the_generator():
@@ -222,28 +205,6 @@ def test_a_real_search_context_drives_the_generator():
     assert all(len(set(feature_depths(g, 3))) == 1 for g in graphs)
     report = st.analyze_random_weighted(ctx)
     assert set(report["function_weights"]) == {"one", "two", "cfg", "mix"}
-
-
-def test_module_helpers_draw_from_the_host_random_source():
-    items, cum = ["a", "b", "c"], [1.0, 1.0, 4.0]
-    random.seed(9)
-    picks = [st._weighted_choice(items, cum) for _ in range(200)]
-    random.seed(9)
-    expected = []
-    for _ in range(200):
-        i = bisect.bisect_left(cum, random.random() * 4.0)
-        expected.append(items[min(i, 2)])
-    assert picks == expected and "b" not in picks
-    random.seed(9)
-    uniform = [st._weighted_choice(items, [0.0, 0.0, 0.0]) for _ in range(30)]
-    random.seed(9)
-    assert uniform == [random.choice(items) for _ in range(30)]
-    specs = {"r": {"data_params": [{}, {}], "config_children": [{"type": "int", "node": 1}]}}
-    graph = st._build_random_signal_expression(["r"], specs, [1.0], ["x"], [1.0], 3)
-    leaf = {"type": "feature", "node": "x"}
-    inner = {"type": "rotation", "node": "r", "children": [leaf, leaf, {"type": "int", "node": 1}]}
-    assert graph == {"type": "rotation", "node": "r", "children": [inner, inner, {"type": "int", "node": 1}]}
-    assert st._build_random_signal_expression(["r"], specs, [1.0], ["x"], [1.0], 1) == leaf
 
 
 def test_a_context_that_keeps_its_generator_is_collected():

@@ -64,7 +64,3 @@ def test_disabled_vocabulary_still_reports():
     assert report["function_weights"] == {} and report["feature_weights"] == {}
     assert list(report["unsafe_functions"]) == ["flt"]
 
-
-def test_weight_entry_defaults():
-    assert st._random_weighted_weight_entry({}, {}, "n") == dict.fromkeys(WEIGHT_KEYS, 0.0) | {
-        "failure_rate": 1.0, "evaluation_count": 0}
