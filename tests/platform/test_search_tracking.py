@@ -53,7 +53,7 @@ def test_store_is_a_shared_autocommit_connection(tracker, data_dir, database_url
     tracker._conn.execute("COMMIT")
     assert "in_flight_owner" in columns(tracker, "submission_queue")
     # a single statement outside a transaction is committed at once: another connection sees it
-    eval_id = record(tracker)
+    eval_id = record(tracker, passed=False)
     with SearchTracker(data_dir, database_url=database_url) as other:
         assert other._conn.execute("SELECT COUNT(*) FROM signal_evaluations WHERE eval_id=?",
                                    (eval_id,)).fetchone()[0] == 1

@@ -211,7 +211,7 @@ def test_trackers_opened_at_once_on_an_empty_store_all_work(data_dir, database_u
         assert not thread.is_alive() and "error" not in box, box.get("error")
         trackers.append(box["result"])
     try:
-        ids = [t.record_signal_evaluation({"type": "feature", "node": "x"}, None, 1, True, "u", None) for t in trackers]
+        ids = [t.record_signal_evaluation({"type": "feature", "node": "x"}, None, 1, False, "u", None) for t in trackers]
         assert trackers[0].get_evaluation_count() == len(set(ids)) == 4
     finally:
         for t in trackers:
@@ -220,7 +220,7 @@ def test_trackers_opened_at_once_on_an_empty_store_all_work(data_dir, database_u
 
 @pytest.mark.parametrize("dialect", ["postgres"])
 def test_a_lost_connection_is_a_store_failure_and_the_next_call_reconnects(tracker, postgres_server):
-    record = lambda: tracker.record_signal_evaluation({"type": "feature", "node": "x"}, None, 1, True, "u", None)  # noqa: E731
+    record = lambda: tracker.record_signal_evaluation({"type": "feature", "node": "x"}, None, 1, False, "u", None)  # noqa: E731
     record()
     postgres_server.restart()
     with pytest.raises(OSError, match="Lost the connection"):
@@ -262,8 +262,8 @@ def test_status_and_db_info_read_either_store(tmp_path, capsys, database_url, re
     import quillmarsh.search_templates as st
 
     runtime_tracker = st._library_runtime.search_tracker
-    runtime_tracker.record_signal_evaluation({"type": "feature", "node": "x"}, None, 1, True, "u", None)
-    runtime_tracker.enqueue_submission("e1", "signal", "{}", 1)
+    eval_id = runtime_tracker.record_signal_evaluation({"type": "feature", "node": "x"}, None, 1, True, "u", None)
+    runtime_tracker.enqueue_submission(eval_id, "signal", "{}", 1)  # the pass is written with its queue row
     assert cli.main(["status", "--data-dir", data_dir] + url_args) == 0
     rows = dict(line.split(None, 1) for line in capsys.readouterr().out.splitlines()[2:] if line.strip())
     assert (rows["evaluated"], rows["passed"], rows["queued"], rows["retrying"]) == ("1", "1", "1", "0")
