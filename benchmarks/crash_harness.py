@@ -441,7 +441,8 @@ def main(argv=None) -> int:
     p.add_argument("--warmup", type=float, default=4.0)
     p.add_argument("--min-gap", type=float, default=0.5)
     p.add_argument("--max-gap", type=float, default=3.0)
-    p.add_argument("--drain-timeout", type=float, default=120.0)
+    p.add_argument("--drain-timeout", type=float, default=600.0,
+                   help="seconds the last search may take to send and settle everything")
     p.add_argument("--instruments", type=int, default=120)
     p.add_argument("--days", type=int, default=400)
     p.add_argument("--market-seed", type=int, default=7)
