@@ -577,61 +577,27 @@ class LocalEvaluator:
     def _stats_from_series(self, s: dict) -> LocalBacktestStats:
         n = self.in_sample_days
         traded = s["traded"][:n]
-        per_column, cols = {}, {}
+        per_column = {}
         for col in PNL_COLUMNS:
-            m = column_metrics(s[col][:n], traded)
-            cols[col] = m
-            for k, v in m.items():
+            for k, v in column_metrics(s[col][:n], traded).items():
                 per_column[f"{col}_{k}"] = v
-        primary_col = _primary_column(self.era)
-        primary = cols.get(primary_col, cols[PNL_COLUMNS[0]])
         abs_sum = s["abs_sum"][:n]
-        booked = abs_sum > 0
-        pool = _era_pool(self.era)
-        pool_id = pool.get("signal_pool_id") if pool else None
-        mi_col = pool.get("mi_pnl_column", PNL_COLUMNS[0]) if pool else PNL_COLUMNS[0]
-        if mi_col not in PNL_COLUMNS:
-            mi_col = PNL_COLUMNS[0]
-        gross = s["gross_returns"][:n]
-        correlation = 0.0
-        for other in self._pool_pnl_list(pool_id, "gross_returns"):
-            if gross.std() > 0 and other.std() > 0:
-                correlation = max(correlation, abs(float(np.corrcoef(gross, other)[0, 1])))
-        is_pnl_mi = pnl_information(s[mi_col][:n], self._pool_pnl_list(pool_id, mi_col))
-
-        # Rule results: coverage of the book, liquidity of its weights, stability of its pnl.
-        any_book = bool(booked.any())
         days = abs_sum.size
-        coverage = float((s["held"][:n] / self._tradable[:n]).sum()) / days if any_book else None
-        illiquid_share = float(s["illiquid"][:n].sum() / abs_sum.sum()) if any_book else 0.0
+        gross = s["gross_returns"][:n]
+        # Rule results: coverage of the book, liquidity of its weights, stability of its pnl.
+        any_book = bool((abs_sum > 0).any())
         years = [gross[i: i + TRADING_DAYS] for i in range(0, n, TRADING_DAYS) if n - i >= TRADING_DAYS // 2]
-        stability = sum(1 for y in years if y.sum() > 0) / len(years) if years else 0.0
-        rules = [r for r in (getattr(self.era, "column_threshold_rules", None) or []) if isinstance(r, dict)]
-        passed = all(per_column.get(f"{r.get('column', 'gross_returns')}_{r.get('stat', 'sharpe')}", 0.0)
-                     >= r.get("min", -math.inf) for r in rules)
-        held_out = s["gross_returns"][n:-1]
-        failure_reason = failure_detail = None
-        if not any_book:
-            failure_reason, failure_detail = "empty_book", "the signal never formed a book in sample"
-        return LocalBacktestStats(
-            sharpe=primary["sharpe"], fitness=primary["fitness"], returns=primary["returns"],
-            drawdown=primary["drawdown"], turnover=primary["turnover"], margin=primary["margin"],
-            long_count=float(s["longs"][:n].sum()) / days, short_count=float(s["shorts"][:n].sum()) / days,
-            delta_exposure=float(np.abs(s["net"][:n]).sum()) / days,
-            max_weight=float(s["max_share"][:n].max()),
-            abs_weight_sum_mean=float(abs_sum.sum()) / days,
-            quality_score=primary["quality_score"], per_column_stats=per_column,
-            correlation=correlation, is_correlation=correlation, is_pnl_mi=is_pnl_mi,
-            # An even book holds about a fifth of its weight in the least liquid fifth of the names.
-            liquidity_metrics={"illiquid_weight_share": {"value": illiquid_share, "max": 0.3,
-                                                         "passed": illiquid_share <= 0.3}},
-            weight_quality_metrics={"coverage": {"value": coverage, "min": 0.3,
-                                                 "passed": coverage is not None and coverage >= 0.3}},
-            custom_stats={"positive_year_fraction": {"value": stability, "min": 0.5,
-                                                     "passed": stability >= 0.5}},
-            passed=passed and any_book, factor_pnl=gross.tolist(),
-            held_out_sharpe=_sharpe(held_out), metaparameters=s["meta"],
-            failure_reason=failure_reason, failure_detail=failure_detail)
+        book = {
+            "long_count": float(s["longs"][:n].sum()) / days, "short_count": float(s["shorts"][:n].sum()) / days,
+            "delta_exposure": float(np.abs(s["net"][:n]).sum()) / days,
+            "max_weight": float(s["max_share"][:n].max()), "abs_weight_sum_mean": float(abs_sum.sum()) / days,
+            "any_book": any_book,
+            "coverage": float((s["held"][:n] / self._tradable[:n]).sum()) / days if any_book else None,
+            "illiquid_share": float(s["illiquid"][:n].sum() / abs_sum.sum()) if any_book else 0.0,
+            "positive_year_fraction": sum(1 for y in years if y.sum() > 0) / len(years) if years else 0.0,
+            "held_out_sharpe": _sharpe(s["gross_returns"][n:-1]),
+        }
+        return self._stats({col: s[col][:n] for col in PNL_COLUMNS}, per_column, book, s["meta"])
 
     # ----- the pool ---------------------------------------------------------------------------------
     def add_found_signal(self, signal_id: str, expr_graph, metaparameters=None, pool_id=None) -> None:

@@ -26,10 +26,6 @@ double polling_interval() {
 
 py::object op(SearchHandle& h, const char* name) { return h.self().attr(name); }
 
-py::object runtime_error(const std::exception& ex) {
-    return py::reinterpret_borrow<py::object>(PyExc_RuntimeError)(ex.what());
-}
-
 // json.dumps(value, sort_keys=True, default=str)
 py::object to_json(py::handle value) {
     static PyObject* dumps = import_from("json", "dumps").release().ptr();
@@ -199,7 +195,7 @@ void polling_loop_inner(SearchHandle& h) {
                 continue;
             } catch (const std::exception& ex) {
                 if (h.replacement_abort_requested()) return;
-                h.append_error(py::str("poll failed: " + str(runtime_error(ex))));
+                h.append_error(py::str("poll failed: " + str(loop_runtime_error(ex))));
                 continue;
             }
             if (h.replacement_abort_requested()) return;
@@ -213,21 +209,8 @@ void polling_loop_inner(SearchHandle& h) {
 }
 
 void polling_loop(SearchHandle& h) {
-    while (!stopped(h) && !h._polling_degraded) {
-        py::object failure;
-        try {
-            op(h, "_polling_loop_inner")();
-            return;
-        } catch (py::error_already_set& e) {
-            if (!is_general_exception(e)) throw;
-            failure = e.value();
-        } catch (const std::exception& ex) {
-            failure = runtime_error(ex);
-        }
-        h.record_background_failure(py::str("polling"), py::str("loop"), failure, true);
-        if (h._polling_degraded) return;
-        submission_backoff_sleep(py::float_(h._polling_backoff_seconds));
-    }
+    run_guarded_loop(h, "polling", "_polling_loop_inner", h._polling_degraded, h._polling_backoff_seconds,
+                     [](SearchHandle& handle) { return !stopped(handle); });
 }
 
 }  // namespace quillmarsh::st

@@ -43,11 +43,6 @@ py::dict copy_of(py::handle payload) {
     return copy.cast<py::dict>();
 }
 
-// A C++ failure inside a loop is reported as the RuntimeError it would have been in Python.
-py::object runtime_error(const std::exception& ex) {
-    return py::reinterpret_borrow<py::object>(PyExc_RuntimeError)(ex.what());
-}
-
 // The reason of a refusal: its `reason`, else the `error` entry of its details, else "unknown".
 py::object rejection_reason(py::handle exc) {
     py::object details = attr_or(exc, "details");
@@ -237,7 +232,7 @@ void submit_payload(SearchHandle& h, py::object payload) {
         if (!is_general_exception(e)) throw;
         return on_defect(h, payload, e.value());
     } catch (const std::exception& ex) {
-        return on_defect(h, payload, runtime_error(ex));
+        return on_defect(h, payload, loop_runtime_error(ex));
     }
     if (h.replacement_abort_requested())
         op(h, "_drop_replacement_aborted_payload")(payload);
@@ -301,23 +296,33 @@ void submission_loop_inner(SearchHandle& h) {
     }
 }
 
-void submission_loop(SearchHandle& h) {
-    // Work in memory keeps the thread alive past a stop, so that what was accepted gets finished.
-    while ((!stopped(h) || has_in_memory_work(h)) && !h._submission_degraded) {
+py::object loop_runtime_error(const std::exception& ex) {
+    return py::reinterpret_borrow<py::object>(PyExc_RuntimeError)(ex.what());
+}
+
+void run_guarded_loop(SearchHandle& h, const char* component, const char* inner, const bool& degraded,
+                      const double& backoff_seconds, bool (*keep_going)(SearchHandle&)) {
+    while (keep_going(h) && !degraded) {
         py::object failure;
         try {
-            op(h, "_submission_loop_inner")();
+            op(h, inner)();
             return;
         } catch (py::error_already_set& e) {
             if (!is_general_exception(e)) throw;
             failure = e.value();
         } catch (const std::exception& ex) {
-            failure = runtime_error(ex);
+            failure = loop_runtime_error(ex);
         }
-        h.record_background_failure(py::str("submission"), py::str("loop"), failure, true);
-        if (h._submission_degraded) return;
-        submission_backoff_sleep(py::float_(h._submission_backoff_seconds));
+        h.record_background_failure(py::str(component), py::str("loop"), failure, true);
+        if (degraded) return;
+        submission_backoff_sleep(py::float_(backoff_seconds));
     }
+}
+
+void submission_loop(SearchHandle& h) {
+    // Work in memory keeps the thread alive past a stop, so that what was accepted gets finished.
+    run_guarded_loop(h, "submission", "_submission_loop_inner", h._submission_degraded, h._submission_backoff_seconds,
+                     [](SearchHandle& handle) { return !stopped(handle) || has_in_memory_work(handle); });
 }
 
 }  // namespace quillmarsh::st

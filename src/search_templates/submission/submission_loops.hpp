@@ -21,6 +21,8 @@
 
 #include <pybind11/pybind11.h>
 
+#include <exception>
+
 namespace quillmarsh::st {
 
 namespace py = pybind11;
@@ -30,6 +32,15 @@ class SearchHandle;
 // Sleeps for min(float(seconds), SUBMISSION_POLL_INTERVAL) with the GIL released: the real pause is kept
 // by the back-off deadline, and a short sleep keeps the thread responsive to stop and abort.
 void submission_backoff_sleep(py::object seconds);
+
+// A C++ failure inside a loop, as the RuntimeError it would have been in Python.
+py::object loop_runtime_error(const std::exception& ex);
+
+// The outer guard of both threads: runs the handle's operation `inner` until it returns normally, while
+// `keep_going(h)` holds and `degraded` is false. A failure goes to the ledger under `component` as "loop";
+// the thread ends once that has degraded it, else sleeps `backoff_seconds` and starts over.
+void run_guarded_loop(SearchHandle& h, const char* component, const char* inner, const bool& degraded,
+                      const double& backoff_seconds, bool (*keep_going)(SearchHandle&));
 
 // ---- the submission thread ----
 void submission_loop(SearchHandle& h);
