@@ -98,15 +98,17 @@ py::object SearchHandle::append_receipt_journal(py::object payload, py::object r
     try {
         py::object tmp_path = path + py::str(".") + py::str(_submission_owner) + py::str(".tmp");
         py::str text = receipt_journal_text(entry);
-        // Another search on this store removes the directory when its last entry goes; one that vanishes
-        // between its creation here and the temporary file's is created again.
+        // Another search on this store removes the directory when its last entry goes. One that vanishes
+        // between its creation here and the temporary file's is created again; one that vanishes inside
+        // makedirs (found existing, then gone before it could check) surfaces as FileExistsError.
         for (int attempt = 1;; ++attempt) {
-            os_module().attr("makedirs")(directory, py::arg("exist_ok") = true);
             try {
+                os_module().attr("makedirs")(directory, py::arg("exist_ok") = true);
                 write_receipt_journal_file(directory, path, tmp_path, text);
                 return key;
             } catch (py::error_already_set& e) {
-                if (attempt >= 5 || !e.matches(PyExc_FileNotFoundError)) throw;
+                bool vanished = e.matches(PyExc_FileNotFoundError) || e.matches(PyExc_FileExistsError);
+                if (attempt >= 5 || !vanished) throw;
             }
         }
     } catch (...) {
