@@ -8,8 +8,7 @@ import quillmarsh.agent_onboarding as onboarding
 import quillmarsh.search_templates as st
 from quillmarsh.search_tracking import SearchTracker
 from quillmarsh.sync import SyncManager
-from engine.helpers import FakeAuth, finite_template, join_all
-from evaluation.fakes import ERA, FakeBacktester, good_stats
+from engine.helpers import ERA, FakeAuth, FakeBacktester, finite_template, good_stats, join_all
 
 
 class EveryThirdFails(FakeBacktester):

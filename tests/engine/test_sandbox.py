@@ -38,13 +38,17 @@ def allowed_calls(path):
 
 
 def test_inside_the_sandbox_each_entry_point_is_refused_before_its_arguments_are_read():
-    with st._template_sandbox():
-        assert st._template_sandbox_active()
-        for word, call in FORBIDDEN:
-            with pytest.raises(st.TemplateSandboxViolation,
-                               match=f"^forbidden {word} access from search template$"):
-                call()
-    assert not st._template_sandbox_active()
+    error = KeyError("mine")
+    with pytest.raises(KeyError) as info:
+        with st._template_sandbox():
+            assert st._template_sandbox_active()
+            for word, call in FORBIDDEN:
+                with pytest.raises(st.TemplateSandboxViolation,
+                                   match=f"^forbidden {word} access from search template$"):
+                    call()
+            raise error
+    assert info.value is error  # an error of the body arrives unchanged and unmarks the thread
+    assert not st._template_sandbox_active() and threading.get_ident() not in st._template_sandbox_threads
 
 
 def test_another_thread_uses_the_originals_at_the_same_moment(tmp_path):
@@ -67,15 +71,6 @@ def test_another_thread_uses_the_originals_at_the_same_moment(tmp_path):
             open(str(path))
     assert not t.is_alive() and errors == []
     allowed_calls(str(path))
-
-
-def test_an_error_of_the_body_arrives_unchanged_and_unmarks_the_thread():
-    error = KeyError("mine")
-    with pytest.raises(KeyError) as info:
-        with st._template_sandbox():
-            raise error
-    assert info.value is error
-    assert threading.get_ident() not in st._template_sandbox_threads
 
 
 def test_the_first_worker_to_leave_does_not_unmark_the_other():
@@ -101,7 +96,6 @@ def test_a_replaced_urlopen_loses_to_the_hook_at_the_next_entry(monkeypatch, tmp
     with st._template_sandbox():
         pass
     original = st._original_urllib_urlopen
-    assert urllib.request.urlopen is st._sandboxed_urllib_urlopen
     replacement_calls = []
     monkeypatch.setattr(urllib.request, "urlopen", lambda *a, **k: replacement_calls.append(a))
     with st._template_sandbox():
@@ -112,7 +106,6 @@ def test_a_replaced_urlopen_loses_to_the_hook_at_the_next_entry(monkeypatch, tmp
     with urllib.request.urlopen("file://" + str(path)) as response:
         assert response.read() == b"hello"
     assert replacement_calls == []
-    assert builtins.open is st._sandboxed_open and sqlite3.connect is st._sandboxed_sqlite_connect
 
 
 def test_by_default_only_the_three_entry_points_are_guarded(tmp_path):

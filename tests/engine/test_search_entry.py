@@ -6,7 +6,7 @@ import pytest
 import quillmarsh.agent_onboarding as onboarding
 import quillmarsh.search_templates as st
 from quillmarsh.sync import SyncError
-from engine.helpers import SyncingManager, idle_template
+from engine.helpers import FakeSyncManager, idle_template
 
 WORDS = {code: (advice, message) for code, advice, message in st._helpers.error_codes()}
 
@@ -133,15 +133,15 @@ def test_a_failing_heartbeat_does_not_stop_the_start(runtime, monkeypatch, caplo
     ([], False, 0),
 ])
 def test_sync_progress_reaches_the_handle(runtime, errors, needs_sync, calls):
-    runtime.sync_manager = SyncingManager(errors, needs_sync=needs_sync)
+    runtime.sync_manager = FakeSyncManager(errors, needs_sync=needs_sync)
     assert st.search(idle_template)._sync_progress == 1.0
     assert runtime.sync_manager.sync_calls == calls
 
 
 @pytest.mark.parametrize("manager, when, calls, cause", [
-    (lambda: SyncingManager([ConnectionError("down")] * 12), "after multiple retries", 11, None),
-    (lambda: SyncingManager(needs_sync=KeyError("era")), "before search startup", 0, KeyError),
-    (lambda: SyncingManager([ValueError("bad data")]), "before search startup", 1, ValueError),
+    (lambda: FakeSyncManager([ConnectionError("down")] * 12), "after multiple retries", 11, None),
+    (lambda: FakeSyncManager(needs_sync=KeyError("era")), "before search startup", 0, KeyError),
+    (lambda: FakeSyncManager([ValueError("bad data")]), "before search startup", 1, ValueError),
 ])
 def test_sync_failures_become_sync_error(runtime, manager, when, calls, cause):
     runtime.sync_manager = manager()
@@ -152,8 +152,12 @@ def test_sync_failures_become_sync_error(runtime, manager, when, calls, cause):
     assert st._search_active is False
 
 
-def test_a_second_search_replaces_the_first(runtime):
+def test_a_second_search_replaces_the_first_whether_stopped_or_running(runtime):
+    stopped = st.search(idle_template)
+    stopped.stop()
+    assert stopped in st._active_handles  # a stopped handle stays listed until the next search
     first = st.search(idle_template)
+    assert stopped not in st._active_handles
     second = st.search(idle_template)
     assert first._stopped is True and first._running is False
     assert first not in st._active_handles and second in st._active_handles
@@ -195,10 +199,10 @@ def test_earlier_handles_that_resist_stay_listed_with_their_stop_event_set(runti
 
 def test_the_sync_comes_before_the_universe_check(runtime):
     runtime.valid_universe_id = None
-    runtime.sync_manager = SyncingManager([ValueError("bad data")])
+    runtime.sync_manager = FakeSyncManager([ValueError("bad data")])
     with pytest.raises(SyncError):
         st.search(idle_template)
-    runtime.sync_manager = SyncingManager()
+    runtime.sync_manager = FakeSyncManager()
     with pytest.raises(st.SearchError) as info:
         st.search(idle_template)
     assert info.value.error_code == "VALID_UNIVERSE_UNAVAILABLE"
