@@ -153,20 +153,6 @@ def test_a_failed_delete_during_abort_is_logged_and_the_abort_completes(make_han
     assert "Failed to delete replacement-aborted persistent submissions: database is locked" in caplog.messages
 
 
-def test_abort_waits_for_a_send_in_progress_and_nothing_begins_after(make_handle):
-    h = make_handle(idle_template)
-    guard = h._submission_start_guard()
-    guard.acquire()
-    aborter = threading.Thread(target=h._abort_for_replacement)
-    aborter.start()
-    assert not h._replacement_abort_requested()  # the send in flight still holds the guard
-    guard.release()
-    aborter.join(5.0)
-    assert h._stopped and h._replacement_abort_requested()
-    with h._submission_start_guard():
-        assert h._replacement_abort_requested()  # what a sender sees once it holds the guard
-
-
 def test_missing_abort_primitives_are_made_on_first_use(make_handle):
     h = make_handle(idle_template, bt=None)
     submission_lock = h._submission_start_lock

@@ -84,16 +84,6 @@ def test_outcomes_and_best_signals_come_from_this_run_only(store):
     assert best[0][1]["fitness"] == 2.0
 
 
-@pytest.fixture
-def restore_onboarding():
-    config = dict(agent_onboarding._config)
-    yield
-    agent_onboarding.logout()
-    agent_onboarding._config.clear()
-    agent_onboarding._config.update(config)
-    agent_onboarding.set_evaluator_factory(None)
-
-
 def test_demo_runs_a_short_search_on_a_small_market(tmp_path, capsys, restore_onboarding):
     data_dir = tmp_path / "platform"
     code = cli.main(["demo", "--minutes", "0.1", "--data-dir", str(data_dir), "--instruments", "60",

@@ -133,50 +133,6 @@ def test_begin_immediate_holds_off_other_writers_but_not_readers(tracker, data_d
         reader.close()
 
 
-CLAIM = ("SELECT queue_id FROM submission_queue WHERE in_flight_owner IS NULL OR in_flight_owner = ? OR "
-         "in_flight_at IS NULL OR in_flight_at < ? ORDER BY priority DESC, queue_id ASC LIMIT 1")
-TAKE = ("UPDATE submission_queue SET in_flight_owner=?, in_flight_at=? WHERE queue_id=? AND (in_flight_owner IS NULL "
-        "OR in_flight_owner=? OR in_flight_at IS NULL OR in_flight_at < ?)")
-
-
-def test_claimers_on_separate_connections_never_share_or_lose_a_row(tracker, data_dir, database_url):
-    tracker._conn.execute("ALTER TABLE submission_queue ADD COLUMN in_flight_owner TEXT")
-    tracker._conn.execute("ALTER TABLE submission_queue ADD COLUMN in_flight_at REAL")
-    rows = 40
-    for i in range(rows):
-        tracker.enqueue_submission("e%d" % i, "signal", '{"i": %d}' % i, 1)
-    claims, lost = [], []
-
-    def claimer(owner):
-        store = SearchTracker(data_dir, database_url=database_url)
-        conn = store._conn
-        try:
-            while True:
-                now = time.time()
-                conn.execute("BEGIN IMMEDIATE")
-                row = conn.execute(CLAIM, (owner, now - 300.0)).fetchone()
-                if row is None:
-                    conn.execute("COMMIT")
-                    return
-                if conn.execute(TAKE, (owner, now, row[0], owner, now - 300.0)).rowcount != 1:
-                    conn.execute("ROLLBACK")
-                    lost.append(row[0])
-                    continue
-                conn.execute("COMMIT")
-                claims.append((row[0], owner))
-                assert conn.execute("DELETE FROM submission_queue WHERE queue_id=? AND in_flight_owner=?",
-                                    (row[0], owner)).rowcount == 1
-        finally:
-            store.close()
-    threads = [_in_thread(lambda o=o: claimer("owner-%d" % o)) for o in range(4)]
-    for thread, box in threads:
-        thread.join(WAIT * 3)
-        assert not thread.is_alive() and "error" not in box, box.get("error")
-    assert lost == []
-    assert sorted(q for q, _ in claims) == sorted(set(q for q, _ in claims)) and len(claims) == rows
-    assert tracker._conn.execute("SELECT COUNT(*) FROM submission_queue").fetchone() == (0,)
-
-
 def test_trackers_opened_at_once_on_an_empty_store_all_work(data_dir, database_url):
     results = [_in_thread(lambda: SearchTracker(data_dir, database_url=database_url)) for _ in range(4)]
     trackers = []
@@ -214,16 +170,6 @@ def test_a_lost_connection_is_a_store_failure_and_the_next_call_reconnects(track
     conn.execute("ROLLBACK")
     assert conn.execute("SELECT COUNT(*) FROM tracker_state").fetchone() == (0,)
     assert tracker.get_evaluation_count() == 2
-
-
-@pytest.fixture
-def restore_onboarding():
-    config = dict(agent_onboarding._config)
-    yield
-    agent_onboarding.logout()
-    agent_onboarding._config.clear()
-    agent_onboarding._config.update(config)
-    agent_onboarding.set_evaluator_factory(None)
 
 
 def test_status_and_db_info_read_either_store(tmp_path, capsys, database_url, restore_onboarding):
