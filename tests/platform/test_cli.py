@@ -86,7 +86,7 @@ def test_outcomes_and_best_signals_come_from_this_run_only(store):
 
 def test_demo_runs_a_short_search_on_a_small_market(tmp_path, capsys, restore_onboarding):
     data_dir = tmp_path / "platform"
-    code = cli.main(["demo", "--minutes", "0.1", "--data-dir", str(data_dir), "--instruments", "60",
+    code = cli.main(["demo", "--minutes", "0.05", "--data-dir", str(data_dir), "--instruments", "60",
                      "--days", "300", "--jobs", "2"])
     out = capsys.readouterr().out
     assert code == 0, out
