@@ -22,15 +22,6 @@ def test_a_null_era_config_is_refused_before_anything_else(make_handle):
         make_handle(idle_template, era_cfg=None, tracker=None, obf=None)
 
 
-def test_the_era_key_material_is_handed_on_unread(make_handle, seed_dir):
-    bt, auth = VaultBacktester(), FakeAuth()
-    h = make_handle(idle_template, bt=bt, auth_mock=auth)
-    blob = open(seed_dir + "/shuffle_seed.enc", "rb").read()
-    assert bt.calls == [("initialize_era_vault", blob, auth.wallet_secret, 3),
-                        ("init_reconstruction", blob, auth.wallet_secret, 3)]
-    assert h._fatal_error is None and h._running is True
-
-
 def test_without_a_vault_entry_point_the_era_data_module_initialises(make_handle, monkeypatch):
     seen = []
     monkeypatch.setattr(st, "era_data", SimpleNamespace(initialize=lambda *a: seen.append(a)), raising=False)
@@ -58,16 +49,21 @@ def test_unusable_key_material_leaves_a_live_handle_and_no_log_line(make_handle,
 
 
 @pytest.mark.parametrize("error, fatal, reconstructed", [
+    (None, False, True),
     (RuntimeError("vault already initialized"), False, True),
     (RuntimeError("invalid credentials for era"), True, True),
     (RuntimeError("era mismatch"), True, True),
     (RuntimeError("disk hiccup"), False, False),
 ])
-def test_vault_errors_are_judged_by_their_text(make_handle, monkeypatch, error, fatal, reconstructed):
+def test_the_key_material_is_handed_on_unread_and_vault_errors_judged_by_their_text(make_handle, monkeypatch,
+                                                                                   seed_dir, error, fatal,
+                                                                                   reconstructed):
     events = []
     monkeypatch.setattr(callbacks, "emit_event", lambda **kw: events.append(kw))
-    bt = VaultBacktester(vault_error=error)
-    h = make_handle(idle_template, bt=bt)
+    bt, auth = VaultBacktester(vault_error=error), FakeAuth()
+    h = make_handle(idle_template, bt=bt, auth_mock=auth)
+    blob = open(seed_dir + "/shuffle_seed.enc", "rb").read()
+    assert bt.calls[0] == ("initialize_era_vault", blob, auth.wallet_secret, 3)
     assert ("init_reconstruction" in bt.names()) is reconstructed
     assert (h._fatal_error is not None) is fatal
     assert h._running is not fatal

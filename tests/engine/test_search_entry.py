@@ -120,29 +120,26 @@ def test_n_jobs_above_the_core_count_is_cut(runtime, monkeypatch, caplog):
     assert "n_jobs=3 exceeds available cores (1). Using n_jobs=1." in caplog.messages
 
 
-@pytest.mark.parametrize("errors, needs_sync, calls", [
-    ([ConnectionError("down")], True, 2),
-    ([], True, 1),
-    ([], False, 0),
+@pytest.mark.parametrize("manager, error, calls", [
+    (lambda: FakeSyncManager([ConnectionError("down")]), None, 2),
+    (lambda: FakeSyncManager(), None, 1),
+    (lambda: FakeSyncManager(needs_sync=False), None, 0),
+    (lambda: FakeSyncManager([ConnectionError("down")] * 12), "after multiple retries", 11),
+    (lambda: FakeSyncManager(needs_sync=KeyError("era")), "before search startup", 0),
+    (lambda: FakeSyncManager([ValueError("bad data")]), "before search startup", 1),
 ])
-def test_sync_progress_reaches_the_handle(runtime, errors, needs_sync, calls):
-    runtime.sync_manager = FakeSyncManager(errors, needs_sync=needs_sync)
-    assert st.search(idle_template)._sync_progress == 1.0
-    assert runtime.sync_manager.sync_calls == calls
-
-
-@pytest.mark.parametrize("manager, when, calls, cause", [
-    (lambda: FakeSyncManager([ConnectionError("down")] * 12), "after multiple retries", 11, None),
-    (lambda: FakeSyncManager(needs_sync=KeyError("era")), "before search startup", 0, KeyError),
-    (lambda: FakeSyncManager([ValueError("bad data")]), "before search startup", 1, ValueError),
-])
-def test_sync_failures_become_sync_error(runtime, manager, when, calls, cause):
+def test_the_data_sync_is_retried_for_connection_errors_only_and_comes_before_the_universe(runtime, manager, error,
+                                                                                           calls):
     runtime.sync_manager = manager()
-    with pytest.raises(SyncError, match=f"^Data sync failed {when}. Check network and try again.$") as info:
-        st.search(idle_template)
+    runtime.valid_universe_id = None if error else "U1"
+    if error is None:
+        assert st.search(idle_template)._sync_progress == 1.0
+    else:
+        with pytest.raises(SyncError, match=f"^Data sync failed {error}. Check network and try again.$") as info:
+            st.search(idle_template)
+        assert (info.value.__cause__ is None) == ("retries" in error)  # the last connection error is not chained
+        assert st._search_active is False
     assert runtime.sync_manager.sync_calls == calls
-    assert cause is None or isinstance(info.value.__cause__, cause)
-    assert st._search_active is False
 
 
 def test_a_second_search_replaces_the_first_whether_stopped_or_running(runtime):
@@ -188,23 +185,3 @@ def test_earlier_handles_that_resist_stay_listed_with_their_stop_event_set(runti
     assert st._active_search_handle is h
     assert "Failed to stop previous search handle: stuck" in caplog.messages
     st._active_handles.discard(stubborn)
-
-
-def test_the_sync_comes_before_the_universe_check(runtime):
-    runtime.valid_universe_id = None
-    runtime.sync_manager = FakeSyncManager([ValueError("bad data")])
-    with pytest.raises(SyncError):
-        st.search(idle_template)
-    runtime.sync_manager = FakeSyncManager()
-    with pytest.raises(st.SearchError) as info:
-        st.search(idle_template)
-    assert info.value.error_code == "VALID_UNIVERSE_UNAVAILABLE"
-
-
-def test_an_error_of_the_handle_constructor_reaches_the_caller_and_leaves_the_flags_up(runtime):
-    from quillmarsh.errors import SdkRuntimeNotReadyError
-    del runtime.search_era_config.transform_pipeline
-    with pytest.raises(SdkRuntimeNotReadyError):
-        st.search(idle_template)
-    assert st._search_active is True and runtime.search_tracker.search_active == [True]
-    assert st._active_search_handle is None

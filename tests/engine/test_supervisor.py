@@ -147,12 +147,6 @@ def test_a_failing_transition_is_retried_and_after_a_success_never_called_again(
     assert len(sync.transitions) == count
 
 
-def test_without_a_transition_entry_point_the_era_thread_idles(make_handle):
-    h = make_handle(idle_template, sync_mgr=FakeSyncManager())
-    assert not h._interruptible_wait(threading.Event(), 0.2)
-    assert h._era_thread.is_alive() and h._era_transition_triggered is False
-
-
 def test_kill_then_restart_leaves_exactly_n_jobs_workers_and_restart_after_stop_does_nothing(make_handle,
                                                                                          monkeypatch):
     monkeypatch.setattr(st, "_restart_worker", lambda handle, count: None)

@@ -17,16 +17,6 @@ def no_replacements(monkeypatch):
     return calls
 
 
-def test_threads_are_named_daemons_whose_targets_are_this_handle(make_handle):
-    h = make_handle(idle_template, n_jobs=2)
-    threads = [h._supervisor_thread, h._era_thread, h._submission_thread, h._polling_thread, *h._worker_threads]
-    assert [t.name for t in threads] == ["supervisor", "era_thread", "submission_thread", "polling_thread",
-                                         "worker_0", "worker_1"]
-    assert all(t.daemon and t.is_alive() for t in threads)
-    assert all(t._target.__self__ is h for t in threads)
-    assert h._worker_start_event.is_set() and h._worker_start_count == 2
-
-
 @pytest.mark.parametrize("body, detail", [
     ("raise ValueError('bad template')", "bad template"),
     ("open('/etc/hostname')", "forbidden filesystem access from search template"),
