@@ -7,8 +7,7 @@ from types import SimpleNamespace
 import pytest
 
 import quillmarsh.search_templates as st
-from engine.helpers import ERA_FIELDS, VOCAB, FakeAuth, FakeEraConfig, Obfuscation
-from evaluation.fakes import FakeBacktester, RecordingTracker
+from engine.helpers import ERA_FIELDS, VOCAB, FakeAuth, FakeBacktester, FakeEraConfig, Obfuscation, RecordingTracker
 
 
 @pytest.fixture(autouse=True)

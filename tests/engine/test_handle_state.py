@@ -22,15 +22,6 @@ def test_a_null_era_config_is_refused_before_anything_else(make_handle):
         make_handle(idle_template, era_cfg=None, tracker=None, obf=None)
 
 
-def test_the_era_key_material_is_handed_on_unread(make_handle, seed_dir):
-    bt, auth = VaultBacktester(), FakeAuth()
-    h = make_handle(idle_template, bt=bt, auth_mock=auth)
-    blob = open(seed_dir + "/shuffle_seed.enc", "rb").read()
-    assert bt.calls == [("initialize_era_vault", blob, auth.wallet_secret, 3),
-                        ("init_reconstruction", blob, auth.wallet_secret, 3)]
-    assert h._fatal_error is None and h._running is True
-
-
 def test_without_a_vault_entry_point_the_era_data_module_initialises(make_handle, monkeypatch):
     seen = []
     monkeypatch.setattr(st, "era_data", SimpleNamespace(initialize=lambda *a: seen.append(a)), raising=False)
@@ -58,16 +49,21 @@ def test_unusable_key_material_leaves_a_live_handle_and_no_log_line(make_handle,
 
 
 @pytest.mark.parametrize("error, fatal, reconstructed", [
+    (None, False, True),
     (RuntimeError("vault already initialized"), False, True),
     (RuntimeError("invalid credentials for era"), True, True),
     (RuntimeError("era mismatch"), True, True),
     (RuntimeError("disk hiccup"), False, False),
 ])
-def test_vault_errors_are_judged_by_their_text(make_handle, monkeypatch, error, fatal, reconstructed):
+def test_the_key_material_is_handed_on_unread_and_vault_errors_judged_by_their_text(make_handle, monkeypatch,
+                                                                                   seed_dir, error, fatal,
+                                                                                   reconstructed):
     events = []
     monkeypatch.setattr(callbacks, "emit_event", lambda **kw: events.append(kw))
-    bt = VaultBacktester(vault_error=error)
-    h = make_handle(idle_template, bt=bt)
+    bt, auth = VaultBacktester(vault_error=error), FakeAuth()
+    h = make_handle(idle_template, bt=bt, auth_mock=auth)
+    blob = open(seed_dir + "/shuffle_seed.enc", "rb").read()
+    assert bt.calls[0] == ("initialize_era_vault", blob, auth.wallet_secret, 3)
     assert ("init_reconstruction" in bt.names()) is reconstructed
     assert (h._fatal_error is not None) is fatal
     assert h._running is not fatal
@@ -95,7 +91,7 @@ def test_the_persisted_evaluation_count_is_the_starting_total(make_handle, caplo
     assert "Failed to load persisted evaluation count: locked" in caplog.messages
 
 
-def test_ten_submission_failures_back_off_to_300_and_degrade_once(make_handle, caplog):
+def test_the_failure_ledger_backs_off_to_300_degrades_once_and_keeps_degradation_past_a_reset(make_handle):
     h = quiet_handle(make_handle)
     backoffs = []
     for i in range(12):
@@ -103,32 +99,15 @@ def test_ten_submission_failures_back_off_to_300_and_degrade_once(make_handle, c
         h._record_background_failure("submission", "loop", ValueError("boom"))
         backoffs.append(h._submission_backoff_until - before)
         assert h._submission_degraded is (i >= 9)
-    assert h._submission_backoff_seconds == 300.0 and h._submission_backoff is True
-    expected = [5, 10, 20, 40, 80, 160, 300, 300, 300, 300, 300, 300]
-    assert [round(b) for b in backoffs] == expected
-    degraded = "submission capability degraded after 10 consecutive failures; search continues without submissions"
-    assert h._errors.count(degraded) == 1 and h._crash_count == 12
-    assert h._errors[0] == "submission loop failed (ValueError): boom"
-    assert caplog.messages.count("submission loop failed (ValueError): boom") == 12
-
-
-def test_failures_without_backoff_count_and_degrade_but_leave_the_backoff_alone(make_handle):
-    h = quiet_handle(make_handle)
-    for _ in range(10):
         h._record_background_failure("polling", "poll", KeyError("x"), backoff=False)
-        h._record_background_failure("submission", "journal", KeyError("x"), backoff=False)
-    assert h._polling_degraded and h._submission_degraded
-    assert (h._submission_backoff, h._submission_backoff_seconds, h._submission_backoff_until) == (False, 5.0, 0.0)
-    assert (h._polling_backoff_seconds, h._polling_backoff_until) == (5.0, 0.0)
-    assert "polling capability degraded after 10 consecutive failures; search continues without polling" in h._errors
-
-
-def test_other_components_only_count_and_resets_keep_degradation(make_handle):
-    h = quiet_handle(make_handle)
-    h._record_background_failure("era", "restart", RuntimeError("x"))
-    assert (h._crash_count, h._submission_failures, h._polling_failures) == (1, 0, 0)
-    for _ in range(10):
-        h._record_background_failure("submission", "loop", RuntimeError("x"))
+    assert [round(b) for b in backoffs] == [5, 10, 20, 40, 80, 160, 300, 300, 300, 300, 300, 300]
+    degraded = "submission capability degraded after 10 consecutive failures; search continues without submissions"
+    assert h._errors.count(degraded) == 1 and h._crash_count == 24
+    assert h._errors[0] == "submission loop failed (ValueError): boom"
+    # without back-off a failure counts and degrades but leaves the pause alone
+    assert h._polling_degraded and (h._polling_backoff_seconds, h._polling_backoff_until) == (5.0, 0.0)
+    h._record_background_failure("era", "restart", RuntimeError("x"))  # other components only count
+    assert (h._crash_count, h._submission_failures, h._polling_failures) == (25, 12, 12)
     h._reset_background_failures("submission")
     assert h._submission_failures == 0 and h._submission_degraded is True
     assert h._submission_backoff_seconds == 300.0
@@ -170,18 +149,7 @@ def test_status_reports_a_failed_memory_probe_as_one_and_no_time_as_no_rate(make
     assert "Failed to get memory usage: no rusage" in caplog.messages
 
 
-def test_without_an_active_search_status_raises_no_active_search():
-    with pytest.raises(st.SearchError) as info:
-        st.status()
-    err = info.value
-    assert err.error_code == "NO_ACTIVE_SEARCH"
-    assert err.status == st.SearchStatus(running=False, error_code="NO_ACTIVE_SEARCH",
-                                         recovery_advice="Call quillmarsh.search(template) first to start one.")
-
-
-def test_without_a_backtester_the_handle_runs_without_threads(make_handle, caplog):
+def test_without_a_backtester_the_handle_runs_without_threads(make_handle):
     h = quiet_handle(make_handle)
     assert h.status().running is True
     assert h._supervisor_thread is None and h._worker_threads == [] and h._submission_thread is None
-    assert ("Backtester unavailable during search startup; handle will remain running without worker threads."
-            in caplog.messages)

@@ -58,23 +58,17 @@ def test_operations_forward_to_a_short_lived_tracker_that_is_closed(trackers, se
     assert t.calls == [expected] and t.closed and t.data_dir == seed_dir
 
 
-def test_deletions_are_blocked_while_a_search_runs_and_allowed_after_stop(trackers):
+@pytest.mark.parametrize("fatal", [False, True])
+def test_deletions_are_blocked_while_a_search_runs_even_a_fatal_one_and_allowed_after_stop(trackers, fatal):
     h = st.search(idle_template)
+    if fatal:
+        h._set_fatal_error("INFRASTRUCTURE_FAILURE", "register()", "Background infrastructure failed permanently")
     for delete in (st.delete_evaluations, st.delete_failed_evaluations):
         with pytest.raises(RuntimeError, match=re.escape(BLOCKED)):
             delete()
     assert st.get_db_info() == {"called": "get_db_info"}  # inspection needs no guard
     h.stop()
     assert st.delete_evaluations() == {"called": "delete_evaluations"}
-
-
-def test_a_search_that_turned_fatal_still_blocks_until_it_is_stopped(trackers):
-    h = st.search(idle_template)
-    h._set_fatal_error("INFRASTRUCTURE_FAILURE", "register()", "Background infrastructure failed permanently")
-    with pytest.raises(RuntimeError, match=re.escape(BLOCKED)):
-        st.delete_evaluations()
-    h.stop()
-    st.delete_evaluations()
 
 
 def test_a_tracker_error_reaches_the_caller_after_close(trackers):

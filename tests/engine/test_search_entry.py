@@ -6,7 +6,7 @@ import pytest
 import quillmarsh.agent_onboarding as onboarding
 import quillmarsh.search_templates as st
 from quillmarsh.sync import SyncError
-from engine.helpers import SyncingManager, idle_template
+from engine.helpers import FakeSyncManager, idle_template
 
 WORDS = {code: (advice, message) for code, advice, message in st._helpers.error_codes()}
 
@@ -50,24 +50,21 @@ def test_a_failed_bootstrap_from_cached_auth_is_reported_with_its_text(monkeypat
     assert_search_error(info.value, "RUNTIME_BOOTSTRAP_FAILED", message)
 
 
-@pytest.mark.parametrize("check, code, message", [
-    ("_check_memory", "OUT_OF_MEMORY", "Not enough memory: requires 4.0 GB, available 3.0 GB"),
-    ("_check_disk", "DISK_FULL", "Disk space critically low: 3.0 MB remaining"),
+@pytest.mark.parametrize("check, code, message, template", [
+    ("_check_memory", "OUT_OF_MEMORY", "Not enough memory: requires 4.0 GB, available 3.0 GB", idle_template),
+    ("_check_disk", "DISK_FULL", "Disk space critically low: 3.0 MB remaining", idle_template),
+    (None, TypeError, "Template must be callable accepting SearchContext", "not callable"),
+    (None, ValueError, "n_jobs must be >= 1", idle_template),
 ])
-def test_a_starved_machine_is_reported_before_bad_arguments(runtime, monkeypatch, check, code, message):
-    monkeypatch.setattr(st, check, starved(code, "3.0"))
-    with pytest.raises(st.SearchError) as info:
-        st.search(idle_template, n_jobs=0)
-    assert_search_error(info.value, code, message)
-
-
-@pytest.mark.parametrize("template, n_jobs, error, text", [
-    ("not callable", 0, TypeError, "Template must be callable accepting SearchContext"),
-    (idle_template, 0, ValueError, "n_jobs must be >= 1"),
-])
-def test_bad_arguments_raise_the_hosts_errors(runtime, template, n_jobs, error, text):
-    with pytest.raises(error, match=f"^{text}$"):
-        st.search(template, n_jobs=n_jobs)
+def test_a_starved_machine_is_reported_before_bad_arguments(runtime, monkeypatch, check, code, message, template):
+    if check is None:
+        with pytest.raises(code, match=f"^{message}$"):
+            st.search(template, n_jobs=0)
+    else:
+        monkeypatch.setattr(st, check, starved(code, "3.0"))
+        with pytest.raises(st.SearchError) as info:
+            st.search("not callable", n_jobs=0)
+        assert_search_error(info.value, code, message)
     assert st._search_active is False
 
 
@@ -100,7 +97,11 @@ def test_missing_parts_are_reported_and_leave_no_search_active(runtime, monkeypa
                                  "Failed to load vocabulary via load_vocabulary: ")) for m in caplog.messages)
 
 
-def test_a_started_search_is_published_with_its_collaborators(runtime, seed_dir):
+def test_a_started_search_is_published_with_its_collaborators_whatever_its_heartbeat(runtime, seed_dir,
+                                                                                     monkeypatch):
+    def heartbeat():
+        raise RuntimeError("no pulse")
+    monkeypatch.setattr(st, "inject_heartbeat", heartbeat)
     h = st.search(idle_template, n_jobs=1)
     assert isinstance(h, st.SearchHandle)
     assert st._active_search_handle is h and h in st._active_handles and st._search_active is True
@@ -119,41 +120,34 @@ def test_n_jobs_above_the_core_count_is_cut(runtime, monkeypatch, caplog):
     assert "n_jobs=3 exceeds available cores (1). Using n_jobs=1." in caplog.messages
 
 
-def test_a_failing_heartbeat_does_not_stop_the_start(runtime, monkeypatch, caplog):
-    def heartbeat():
-        raise RuntimeError("no pulse")
-    monkeypatch.setattr(st, "inject_heartbeat", heartbeat)
-    assert st.search(idle_template) is st._active_search_handle
-    assert "Heartbeat injection failed: no pulse" in caplog.messages
-
-
-@pytest.mark.parametrize("errors, needs_sync, calls", [
-    ([ConnectionError("down")], True, 2),
-    ([], True, 1),
-    ([], False, 0),
+@pytest.mark.parametrize("manager, error, calls", [
+    (lambda: FakeSyncManager([ConnectionError("down")]), None, 2),
+    (lambda: FakeSyncManager(), None, 1),
+    (lambda: FakeSyncManager(needs_sync=False), None, 0),
+    (lambda: FakeSyncManager([ConnectionError("down")] * 12), "after multiple retries", 11),
+    (lambda: FakeSyncManager(needs_sync=KeyError("era")), "before search startup", 0),
+    (lambda: FakeSyncManager([ValueError("bad data")]), "before search startup", 1),
 ])
-def test_sync_progress_reaches_the_handle(runtime, errors, needs_sync, calls):
-    runtime.sync_manager = SyncingManager(errors, needs_sync=needs_sync)
-    assert st.search(idle_template)._sync_progress == 1.0
-    assert runtime.sync_manager.sync_calls == calls
-
-
-@pytest.mark.parametrize("manager, when, calls, cause", [
-    (lambda: SyncingManager([ConnectionError("down")] * 12), "after multiple retries", 11, None),
-    (lambda: SyncingManager(needs_sync=KeyError("era")), "before search startup", 0, KeyError),
-    (lambda: SyncingManager([ValueError("bad data")]), "before search startup", 1, ValueError),
-])
-def test_sync_failures_become_sync_error(runtime, manager, when, calls, cause):
+def test_the_data_sync_is_retried_for_connection_errors_only_and_comes_before_the_universe(runtime, manager, error,
+                                                                                           calls):
     runtime.sync_manager = manager()
-    with pytest.raises(SyncError, match=f"^Data sync failed {when}. Check network and try again.$") as info:
-        st.search(idle_template)
+    runtime.valid_universe_id = None if error else "U1"
+    if error is None:
+        assert st.search(idle_template)._sync_progress == 1.0
+    else:
+        with pytest.raises(SyncError, match=f"^Data sync failed {error}. Check network and try again.$") as info:
+            st.search(idle_template)
+        assert (info.value.__cause__ is None) == ("retries" in error)  # the last connection error is not chained
+        assert st._search_active is False
     assert runtime.sync_manager.sync_calls == calls
-    assert cause is None or isinstance(info.value.__cause__, cause)
-    assert st._search_active is False
 
 
-def test_a_second_search_replaces_the_first(runtime):
+def test_a_second_search_replaces_the_first_whether_stopped_or_running(runtime):
+    stopped = st.search(idle_template)
+    stopped.stop()
+    assert stopped in st._active_handles  # a stopped handle stays listed until the next search
     first = st.search(idle_template)
+    assert stopped not in st._active_handles
     second = st.search(idle_template)
     assert first._stopped is True and first._running is False
     assert first not in st._active_handles and second in st._active_handles
@@ -191,23 +185,3 @@ def test_earlier_handles_that_resist_stay_listed_with_their_stop_event_set(runti
     assert st._active_search_handle is h
     assert "Failed to stop previous search handle: stuck" in caplog.messages
     st._active_handles.discard(stubborn)
-
-
-def test_the_sync_comes_before_the_universe_check(runtime):
-    runtime.valid_universe_id = None
-    runtime.sync_manager = SyncingManager([ValueError("bad data")])
-    with pytest.raises(SyncError):
-        st.search(idle_template)
-    runtime.sync_manager = SyncingManager()
-    with pytest.raises(st.SearchError) as info:
-        st.search(idle_template)
-    assert info.value.error_code == "VALID_UNIVERSE_UNAVAILABLE"
-
-
-def test_an_error_of_the_handle_constructor_reaches_the_caller_and_leaves_the_flags_up(runtime):
-    from quillmarsh.errors import SdkRuntimeNotReadyError
-    del runtime.search_era_config.transform_pipeline
-    with pytest.raises(SdkRuntimeNotReadyError):
-        st.search(idle_template)
-    assert st._search_active is True and runtime.search_tracker.search_active == [True]
-    assert st._active_search_handle is None

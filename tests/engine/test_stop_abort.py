@@ -6,7 +6,7 @@ import threading
 import pytest
 
 import quillmarsh.search_templates as st
-from engine.helpers import FakeSyncManager, finite_template, idle_template, join_all, wait_until
+from engine.helpers import FakeSyncManager, idle_template, join_all
 
 
 def all_threads(h):
@@ -61,16 +61,6 @@ def test_stopping_a_handle_that_is_not_the_active_one_leaves_the_slot_alone(make
     st._search_active, st._active_search_handle = True, other
     h.stop()
     assert st._search_active is False and st._active_search_handle is other
-
-
-def test_a_search_and_its_stop_leave_the_module_as_documented(runtime):
-    h = st.search(finite_template(3))
-    assert st._search_active is True and st.status().running is True
-    h.stop()
-    assert st._search_active is False and st._active_search_handle is None
-    assert h in st._active_handles  # the next search discards it
-    st.search(idle_template)
-    assert h not in st._active_handles
 
 
 def test_failures_of_collaborators_during_stop_are_logged_and_stop_completes(make_handle, caplog):
@@ -161,20 +151,6 @@ def test_a_failed_delete_during_abort_is_logged_and_the_abort_completes(make_han
     h._abort_for_replacement()
     assert h._stopped
     assert "Failed to delete replacement-aborted persistent submissions: database is locked" in caplog.messages
-
-
-def test_abort_waits_for_a_send_in_progress_and_nothing_begins_after(make_handle):
-    h = make_handle(idle_template)
-    guard = h._submission_start_guard()
-    guard.acquire()
-    aborter = threading.Thread(target=h._abort_for_replacement)
-    aborter.start()
-    assert not h._replacement_abort_requested()  # the send in flight still holds the guard
-    guard.release()
-    aborter.join(5.0)
-    assert h._stopped and h._replacement_abort_requested()
-    with h._submission_start_guard():
-        assert h._replacement_abort_requested()  # what a sender sees once it holds the guard
 
 
 def test_missing_abort_primitives_are_made_on_first_use(make_handle):

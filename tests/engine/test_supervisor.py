@@ -50,26 +50,22 @@ def test_a_healthy_cycle_only_probes_and_extra_workers_start_nothing(make_handle
     assert set(spawned) == {-1} and restarted == []
 
 
-def test_failed_worker_restarts_turn_fatal_after_ten(make_handle, monkeypatch):
-    attempts = []
+@pytest.mark.parametrize("component", ["worker", "sync manager"])
+def test_failed_restarts_turn_fatal_after_ten(make_handle, monkeypatch, component):
+    attempts, sync = [], FakeSyncManager()
 
-    def failing(handle, count):
-        attempts.append(count)
+    def failing(*args):
+        attempts.append(args)
         raise RuntimeError("no threads left")
-    monkeypatch.setattr(st, "_restart_worker", failing)
-    h = make_handle(lambda ctx: None)
+    if component == "worker":
+        monkeypatch.setattr(st, "_restart_worker", failing)
+        h = make_handle(lambda ctx: None)
+    else:
+        h = make_handle(idle_template, sync_mgr=sync)
+        sync.start, sync.alive = failing, False
     assert_fatal(h)
     assert len(attempts) == 10
-
-
-def test_a_sync_manager_that_will_not_start_turns_fatal_after_ten(make_handle):
-    sync = FakeSyncManager()
-    h = make_handle(idle_template, sync_mgr=sync)
-    sync.start_error = OSError("port busy")
-    sync.alive = False
-    assert_fatal(h)
-    assert sync.start_calls == 10
-    assert sync.ref_count == 1  # the fatal state releases nothing by itself
+    assert sync.ref_count == (1 if component == "sync manager" else 0)  # the fatal state releases nothing itself
 
 
 def test_a_dead_sync_manager_is_restarted_through_start_internal_without_start(make_handle):
@@ -145,12 +141,6 @@ def test_a_failing_transition_is_retried_and_after_a_success_never_called_again(
     assert sync.workers_after == ["worker_0", "worker_1"]
     h._interruptible_wait(threading.Event(), 0.2)
     assert len(sync.transitions) == count
-
-
-def test_without_a_transition_entry_point_the_era_thread_idles(make_handle):
-    h = make_handle(idle_template, sync_mgr=FakeSyncManager())
-    assert not h._interruptible_wait(threading.Event(), 0.2)
-    assert h._era_thread.is_alive() and h._era_transition_triggered is False
 
 
 def test_kill_then_restart_leaves_exactly_n_jobs_workers_and_restart_after_stop_does_nothing(make_handle,

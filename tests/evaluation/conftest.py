@@ -1,9 +1,8 @@
-"""Fixtures for the evaluation tests."""
+"""A SearchContext on the shared fakes, and a stand-in for the store's statistics record."""
 import pytest
 
 import quillmarsh.search_templates as st
-
-from evaluation.fakes import ERA, VOCAB, FakeBacktester, RecordingTracker
+from engine.helpers import ERA, VOCAB, FakeBacktester, RecordingTracker
 
 
 class Record:

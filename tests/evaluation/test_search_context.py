@@ -6,19 +6,14 @@ import pytest
 
 from quillmarsh.search_analytics import SearchStatsResult
 
-from evaluation.fakes import ERA, VOCAB, RecordingTracker
+from engine.helpers import ERA, VOCAB, RecordingTracker
 
 
-def test_constructor_stores_and_derives_fields(make_context):
-    lock, wakeup = threading.RLock(), threading.Event()
-    ctx = make_context(tracker_write_lock=lock, submission_wakeup=wakeup, submission_owner="owner-1")
-    assert (ctx._universe_id, ctx._max_depth, ctx._era_id, ctx._signal_pool_id) == ("U1", 4, 4, "pool-a")
+def test_constructor_normalises_metaparameters_and_makes_its_own_reentrant_lock(make_context):
+    ctx = make_context()
     assert ctx._metaparams_for_db == {"decay": "3", "neutralize": "none"}
-    assert ctx._tracker_write_lock is lock and ctx._submission_wakeup is wakeup
-    assert ctx._submission_owner == "owner-1"
-    assert ctx._thresholds["sharpe_min"] == 0.5
-    # without a lock given, a context makes its own reentrant one
-    assert type(make_context()._tracker_write_lock) is type(threading.RLock())
+    assert (ctx._era_id, ctx._signal_pool_id) == (4, "pool-a")
+    assert type(ctx._tracker_write_lock) is type(threading.RLock())
 
 
 @pytest.mark.parametrize("era, era_id", [
@@ -34,26 +29,16 @@ def test_no_thresholds_anywhere_refuses_the_context(make_context):
         make_context(era={"era_id": 1})
 
 
-@pytest.mark.parametrize("prop, value", [
-    ("vocabulary", {}), ("universe_id", "U2"), ("metaparameters", {}), ("max_depth", 9), ("analytics", None)])
-def test_read_only_properties(make_context, prop, value):
+def test_the_view_is_read_only_and_the_vocabulary_a_fresh_deep_copy(make_context):
     ctx = make_context()
-    before = getattr(ctx, prop)
-    with pytest.raises(AttributeError):
-        setattr(ctx, prop, value)
-    assert getattr(ctx, prop) == before
-
-
-def test_vocabulary_is_a_fresh_deep_copy_and_metaparameters_are_not(make_context):
-    ctx = make_context()
+    for prop, value in [("vocabulary", {}), ("universe_id", "U2"), ("metaparameters", {}), ("max_depth", 9),
+                        ("analytics", None)]:
+        before = getattr(ctx, prop)
+        with pytest.raises(AttributeError):
+            setattr(ctx, prop, value)
+        assert getattr(ctx, prop) == before
     ctx.vocabulary["functions"][0]["name"] = "changed"
     assert ctx.vocabulary == VOCAB and ctx.vocabulary is not ctx.vocabulary
-    assert ctx.metaparameters is ctx.metaparameters
-
-
-def test_analytics_of_a_real_stats_result_is_kept_unchanged(make_context):
-    result = SearchStatsResult(total_evaluations=3, rows=[{"x": 1}])
-    assert make_context(tracker=RecordingTracker(stats=result)).analytics is result
 
 
 class BadTotal:
@@ -69,44 +54,37 @@ class BrokenStats:
     rows = [{"b": 2}]
 
 
-@pytest.mark.parametrize("raw, total, rows", [
-    (None, 0, []), (BadTotal(), 0, [{"a": 1}]), (BrokenStats(), 0, [{"b": 2}]),
-    (SimpleNamespace(total_evaluations=5, rows="x"), 5, []),
+class FailingTracker(RecordingTracker):
+    def get_search_stats(self):
+        raise OSError("locked")
+
+
+class Bare:
+    def record_signal_evaluation(self, *a, **k):
+        return None
+
+
+@pytest.mark.parametrize("tracker, total, rows", [
+    (RecordingTracker(stats=None), 0, []), (RecordingTracker(stats=BadTotal()), 0, [{"a": 1}]),
+    (RecordingTracker(stats=BrokenStats()), 0, [{"b": 2}]),
+    (RecordingTracker(stats=SimpleNamespace(total_evaluations=5, rows="x")), 5, []),
+    (FailingTracker(), 0, []), (Bare(), 0, []),
 ])
-def test_analytics_snapshot_from_raw_statistics(make_context, raw, total, rows):
-    a = make_context(tracker=RecordingTracker(stats=raw)).analytics
+def test_analytics_snapshot_from_raw_or_missing_statistics(make_context, tracker, total, rows):
+    a = make_context(tracker=tracker).analytics
     assert type(a).__name__ == "_AnalyticsSnapshot"
     assert (a.total_evaluations, a.rows) == (total, rows)
 
 
-def test_failing_stats_log_a_warning_and_give_an_empty_snapshot(make_context, caplog):
-    class Failing(RecordingTracker):
-        def get_search_stats(self):
-            raise OSError("locked")
-
-    a = make_context(tracker=Failing()).analytics
-    assert (a.total_evaluations, a.rows) == (0, [])
-    assert "Failed to get search stats: locked" in caplog.text
-
-
-def test_tracker_without_stats_and_era_without_pools(make_context, caplog):
-    class Bare:
-        def record_signal_evaluation(self, *a, **k):
-            return None
-
-    era = {k: v for k, v in ERA.items() if k != "signal_pools"}
-    ctx = make_context(tracker=Bare(), era=era)
-    assert (ctx.analytics.total_evaluations, ctx.analytics.rows) == (0, [])
-    assert "tracker exposes no get_search_stats method and era_config has no usable signal_pools." in caplog.text
-    with pytest.raises(AttributeError, match="Cannot refresh analytics: tracker has no get_search_stats method"):
-        ctx.refresh_analytics()
-
-
-def test_refresh_returns_the_raw_result_and_keeps_it(make_context):
-    tracker = RecordingTracker(stats=None)
+def test_a_real_stats_result_is_kept_and_refresh_returns_the_raw_result(make_context):
+    result = SearchStatsResult(total_evaluations=3, rows=[{"x": 1}])
+    tracker = RecordingTracker(stats=result)
     ctx = make_context(tracker=tracker)
+    assert ctx.analytics is result
     tracker._stats = "raw"
     assert ctx.refresh_analytics() == "raw" and ctx.analytics == "raw"
+    with pytest.raises(AttributeError, match="tracker has no get_search_stats method"):
+        make_context(tracker=Bare()).refresh_analytics()
 
 
 @pytest.mark.parametrize("stop, abort, cancelled", [
@@ -131,10 +109,8 @@ def test_safe_record_passes_defaults_and_metric_keywords(make_context, record_ty
     rec = tracker.records[0]
     assert isinstance(rec["stats"], record_type)
     assert (rec["era_id"], rec["passed"], rec["universe_id"], rec["pool_id"]) == (4, False, "U1", "pool-a")
-    assert rec["metaparams"] == {"decay": "3", "neutralize": "none"}
-    assert rec["is_pnl_mi"] == 0.5
-    assert all(rec[k] is None for k in ("is_correlation", "agent_is_pnl_mi", "is_weights_mi",
-                                        "failure_reason", "failure_detail"))
+    assert rec["metaparams"] == {"decay": "3", "neutralize": "none"} and rec["is_pnl_mi"] == 0.5
+    assert all(rec[k] is None for k in ("is_correlation", "agent_is_pnl_mi", "failure_reason"))
 
 
 def test_safe_record_turns_a_store_failure_fatal_and_lets_others_through(make_context):

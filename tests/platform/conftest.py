@@ -1,7 +1,9 @@
 """A data directory whose store was filled by a short real search on a small local market, then given the
-verdicts a signal service would write: the views of the signals are tested on that."""
+verdicts a signal service would write: the views of the signals are tested on that. And the onboarding state,
+put back as it was after a test (or a fixture) that sets up a local platform."""
 from __future__ import annotations
 
+import contextlib
 import json
 import sqlite3
 import time
@@ -12,18 +14,36 @@ SEARCH_SECONDS = 90.0   # the most a short search may take to find its signals
 WANTED_PASSES = 6      # four get an answer or a retry below; the rest stay queued
 
 
+@contextlib.contextmanager
+def onboarding_restored():
+    from quillmarsh import agent_onboarding
+
+    config = dict(agent_onboarding._config)
+    try:
+        yield
+    finally:
+        agent_onboarding.logout()
+        agent_onboarding._config.clear()
+        agent_onboarding._config.update(config)
+        agent_onboarding.set_evaluator_factory(None)
+
+
+@pytest.fixture
+def restore_onboarding():
+    with onboarding_restored():
+        yield
+
+
 @pytest.fixture(scope="session")
 def searched_dir(tmp_path_factory):
     """(data_dir, eval ids of the verdicts): a search ran here until it had passed a few signals; three of
     them then got a service answer ("found", "is_rejected", "is_validating") and one waits for a retry."""
-    from quillmarsh import agent_onboarding
     from quillmarsh.local import platform
     from quillmarsh.search_tracking import SearchTracker
     from quillmarsh.submission_status_notify import notify_submission_status
 
     data_dir = tmp_path_factory.mktemp("searched")
-    config = dict(agent_onboarding._config)
-    try:
+    with onboarding_restored():
         platform.setup(data_dir, n_instruments=60, n_days=300)
         import quillmarsh.search_templates as st
 
@@ -44,11 +64,6 @@ def searched_dir(tmp_path_factory):
             "ORDER BY MAX(sharpe) DESC")]
         db.close()
         assert len(ids) >= WANTED_PASSES, "the short search found too few signals to test the views on"
-    finally:
-        agent_onboarding.logout()
-        agent_onboarding._config.clear()
-        agent_onboarding._config.update(config)
-        agent_onboarding.set_evaluator_factory(None)
 
     verdicts = {ids[0]: ("found", {"sharpe": 1.25, "fitness": 0.8, "returns": 0.1, "turnover": 0.3}, None),
                 ids[1]: ("is_rejected", {"sharpe": -0.4, "fitness": -0.2}, "os_sharpe_below_threshold"),

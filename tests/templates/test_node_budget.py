@@ -35,16 +35,13 @@ def rotation(data, config=0):
     return {"name": "r", "data_params": [{}] * data, "config_children": [{}] * config}
 
 
-def test_worst_case_counts_for_two_data_inputs():
-    rotations = [rotation(1), rotation(2)]
-    assert [st._random_weighted_worst_case_node_count(rotations, d, 100) for d in range(1, 7)] == [1, 3, 7, 15, 31, 63]
-    assert st._random_weighted_max_depth_within_node_budget(rotations, 6, 100) == 6
-
-
-def test_maxima_come_from_different_rotations():
-    rotations = [rotation(3), rotation(1, 1)]
-    assert [st._random_weighted_worst_case_node_count(rotations, d, 100) for d in (2, 3, 4, 5)] == [5, 17, 53, 101]
-    assert st._random_weighted_max_depth_within_node_budget(rotations, 6, 100) == 4
+@pytest.mark.parametrize("rotations, counts, depth", [
+    ([rotation(1), rotation(2)], {1: 1, 2: 3, 3: 7, 4: 15, 5: 31, 6: 63}, 6),
+    ([rotation(3), rotation(1, 1)], {2: 5, 3: 17, 4: 53, 5: 101}, 4),  # maxima from different rotations
+])
+def test_worst_case_counts_and_the_deepest_depth_within_100_nodes(rotations, counts, depth):
+    assert {d: st._random_weighted_worst_case_node_count(rotations, d, 100) for d in counts} == counts
+    assert st._random_weighted_max_depth_within_node_budget(rotations, 6, 100) == depth
 
 
 @pytest.mark.parametrize("rotations, requested, limit, expected", [

@@ -27,24 +27,21 @@ def test_no_usable_analytics(analytics):
     assert st._random_weighted_cum_weights(["a", "b"], {}) == [1.0, 2.0]
 
 
-def test_map_rows_feed_functions_or_features():
+def test_map_rows_feed_functions_or_features_with_a_count_weighted_mean():
     analytics = rows({"name": "f", "yield_rate": 0.5, "evaluation_count": 10},
                      {"name": "x", "yield_rate": 1.0, "type": "feature"},
-                     {"name": "g", "yield_rate": "nan", "type": "other"}, {"name": "", "yield_rate": 3.0})
+                     {"name": "g", "yield_rate": "nan", "type": "other"}, {"name": "", "yield_rate": 3.0},
+                     {"name": "h", "yield_rate": 1.0, "evaluation_count": 1},
+                     {"name": "h", "yield_rate": 0.0, "evaluation_count": 3},
+                     {"name": "z", "yield_rate": 1.0, "evaluation_count": 0})  # a zero count weighs one
     seen, functions, features = st._random_weighted_analytics_stats(analytics)
-    assert seen == 3
+    assert seen == 6 and list(features) == ["x"]
     assert functions["f"] == {"yield_total": 5.0, "weight_total": 10.0, "evaluation_count": 10,
                               "yield_rate": 0.5, "failure_rate": 0.5}
-    assert functions["g"]["yield_rate"] == 0.0 and list(features) == ["x"]
+    assert functions["g"]["yield_rate"] == 0.0 and functions["h"]["yield_rate"] == 0.25
+    assert (functions["z"]["weight_total"], functions["z"]["evaluation_count"], functions["z"]["yield_rate"]) == (
+        1.0, 0, 1.0)
     assert st._random_weighted_cum_weights(["a", "f", "b"], rates(analytics)[0]) == [1.0, 2.5, 3.5]
-
-
-def test_rate_is_count_weighted_mean_and_zero_count_weighs_one():
-    f = rates(rows({"name": "f", "yield_rate": 1.0, "evaluation_count": 1},
-                   {"name": "f", "yield_rate": 0.0, "evaluation_count": 3}))[0]
-    assert f == {"f": 0.25}
-    _, stats, _ = st._random_weighted_analytics_stats(rows({"name": "f", "yield_rate": 1.0, "evaluation_count": 0}))
-    assert (stats["f"]["weight_total"], stats["f"]["evaluation_count"], stats["f"]["yield_rate"]) == (1.0, 0, 1.0)
 
 
 @pytest.mark.parametrize("rate, yield_rate, failure, weight", [(-5, -1.0, 1.0, 0.0), (5000, 1000.0, 0.0, 1001.0),
@@ -100,15 +97,7 @@ def test_unlisted_names_do_not_use_the_quota():
     assert rates(analytics, ["wanted"])[0] == {"wanted": 2.0}
 
 
-def test_total_failure_falls_back_to_equal_weights():
-    analytics = rows({"name": "a", "yield_rate": -1.0}, {"name": "b", "yield_rate": -3.0})
-    _, stats, _ = st._random_weighted_analytics_stats(analytics)
-    assert st._random_weighted_cum_weights(["a", "b"], rates(analytics)[0]) == [1.0, 2.0]
-    weights = st._random_weighted_normalized_weights(["a", "b"], stats)
-    assert weights["a"] == {"cold_weight": 0.5, "warm_weight": 0.5, "warm_delta": 0.0}
-
-
-def test_normalized_weights_and_duplicates():
+def test_normalized_weights_duplicates_and_the_fall_back_to_equal_weights():
     stats = {"f": {"yield_rate": 1.0}}
     weights = st._random_weighted_normalized_weights(["f", "g", "h"], stats)
     assert weights["f"]["warm_weight"] == 0.5 and weights["g"]["warm_delta"] == pytest.approx(0.25 - 1 / 3)
@@ -116,6 +105,12 @@ def test_normalized_weights_and_duplicates():
     duplicated = st._random_weighted_normalized_weights(["g", "g", "f"], stats)
     assert duplicated["g"]["warm_weight"] == 0.25 and duplicated["g"]["cold_weight"] == pytest.approx(1 / 3)
     assert st._random_weighted_normalized_weights([], stats) == {}
+    # when every name only failed, all weigh the same
+    analytics = rows({"name": "a", "yield_rate": -1.0}, {"name": "b", "yield_rate": -3.0})
+    _, stats, _ = st._random_weighted_analytics_stats(analytics)
+    assert st._random_weighted_cum_weights(["a", "b"], rates(analytics)[0]) == [1.0, 2.0]
+    assert st._random_weighted_normalized_weights(["a", "b"], stats)["a"] == {
+        "cold_weight": 0.5, "warm_weight": 0.5, "warm_delta": 0.0}
 
 
 def test_feature_specs_skip_bad_entries(info_lines):
