@@ -46,9 +46,7 @@ def test_table_holds_every_code_with_its_words():
     ("OUT_OF_MEMORY", "3.9", "Not enough memory: requires 4.0 GB, available 3.9 GB"),
     ("RUNTIME_BOOTSTRAP_FAILED", " \n\t", "Runtime bootstrap failed after authentication."),
     ("RUNTIME_BOOTSTRAP_FAILED", "  sync timed out \n", "Runtime bootstrap failed after authentication. sync timed out"),
-    ("INFRASTRUCTURE_FAILURE", None, "Background infrastructure failed permanently"),
     ("INFRASTRUCTURE_FAILURE", "worker died", "Background infrastructure failed permanently: worker died"),
-    ("DATABASE_ERROR", "disk I/O error", "Database write failed after retry: disk I/O error"),
 ])
 def test_message_details(code, detail, message):
     assert st._helpers.error_message(code, detail) == message

@@ -41,8 +41,7 @@ def test_raw_dict_is_the_configurations_own_map_and_getter_errors_propagate():
 @pytest.mark.parametrize(
     "config, expected",
     [({"evaluation_pnl_columns": ["net", "gross"]}, "net"), (NS(evaluation_pnl_columns=("net",)), "net"),
-     ({"evaluation_pnl_columns": ["", "net"]}, "gross_returns"), ({"evaluation_pnl_columns": "net"}, "gross_returns"),
-     (NS(_data={"evaluation_pnl_columns": ["net"]}), "gross_returns")],
+     ({"evaluation_pnl_columns": ["", "net"]}, "gross_returns"), ({"evaluation_pnl_columns": "net"}, "gross_returns")],
 )
 def test_primary_pnl_column_is_only_ever_the_first(config, expected):
     assert st._primary_evaluation_pnl_column(config) == expected
@@ -56,7 +55,6 @@ def test_primary_pnl_column_is_only_ever_the_first(config, expected):
         ({"signal_pool_id": "", "signal_pools": [{"name": 1}, {"name": "second"}]}, "second"),
         (NS(signal_pools=[], _data={"signal_pools": [{"name": "raw"}]}), "raw"),
         (NS(signal_pools=[{"name": "attr"}], _data={"signal_pools": [{"name": "raw"}]}), "attr"),
-        (NS(signal_pools=[], _data="not a map"), None),
         ({"signal_pools": "nope"}, None),
     ],
 )

@@ -65,7 +65,6 @@ def failing(*_args):
     [
         (None, True),
         (lambda m: setattr(m, "pool_configs", []), False),
-        (lambda m: setattr(m, "_resolve_pool_configs", failing), False),
         (lambda m: setattr(m, "SearchAnalytics", failing), False),
         (lambda m: delattr(m, "SearchAnalytics"), False),
         (lambda m: sys.modules.__setitem__("quillmarsh.search_analytics", None), False),

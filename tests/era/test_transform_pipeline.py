@@ -20,7 +20,6 @@ A, B, C = [stage("a")], [stage("b")], [stage("c")]
         ({"transform_pipeline": tuple(A)}, []),
         # the raw map's transform_pipeline comes before the attribute of that name
         (NS(transform_pipeline=A, _data={"transform_pipeline": B}), B),
-        (NS(transform_pipeline=A), A),
         (NS(transform_pipeline_config=None, _data={"transform_pipeline_config": C, "transform_pipeline": B}), C),
     ],
 )

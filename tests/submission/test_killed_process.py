@@ -59,4 +59,6 @@ def test_receipt_survives_a_killed_process(open_handle, store_dir, database_url,
         assert rows(heir, "SELECT COUNT(*) FROM submission_queue") == [(0,)]
         assert heir._flush_pending_receipt_finalizations() is True
         assert len(status_rows(heir)) == 1
+        # a receipt the dead process had not recorded is the heir's find; one it had recorded is not
+        assert list(heir._pending_submissions) == (["sub-killed"] if step == "after_journal" else [])
     assert journal_files(store_dir) == []

@@ -7,9 +7,16 @@ import pytest
 import quillmarsh.search_templates as st
 from engine.helpers import ERA_FIELDS, VOCAB, FakeAuth, FakeEraConfig, Obfuscation, idle_template
 from evaluation.fakes import FakeBacktester, RecordingTracker
-from submission.loop_helpers import pending_submission, quiet_handle, rows, run_thread, wait_until  # noqa: F401
-from submission.scripted_service import DROP
-from submission.service_fixtures import server_url, service  # noqa: F401  (fixtures)
+from submission.conftest import rows, run_thread, wait_until
+
+
+def pending_submission(h, submission_id="sub-1"):
+    """A receipt already recorded: its submission_status row and its in-memory pending entry."""
+    rows(h, "INSERT INTO submission_status (eval_id, eval_type, pool_id, submission_id, sim_id, era_id, status, "
+            "submitted_at) VALUES (?, 'signal', 'pool-a', ?, NULL, 3, 'pending', 1.0)", "e-" + submission_id,
+         submission_id)
+    h._pending_submissions[submission_id] = dict(submission_id=submission_id, submission_type="signal",
+                                                 eval_id="e-" + submission_id, era_id=3, sim_id=None)
 
 
 def observed(h):
@@ -32,10 +39,9 @@ def observed(h):
      dict(status="is_rejected", final=True, pending=False, accepted=0, rejected=1, backoff=5.0),
      "poll sub-1: 404 unknown submission"),
     ((503, {}), False, dict(status="pending", final=False, pending=True, accepted=0, rejected=0, backoff=10.0), None),
-    (DROP, False, dict(status="pending", final=False, pending=True, accepted=0, rejected=0, backoff=10.0), None),
 ])
-def test_each_answer_to_a_poll_is_written_and_judged(quiet_handle, service, answer, forget, expected, error):
-    h = quiet_handle
+def test_each_answer_to_a_poll_is_written_and_judged(loop_handle, service, answer, forget, expected, error):
+    h = loop_handle
     pending_submission(h)
     if forget:  # a restarted process knows the id from the store alone
         h._pending_submissions.clear()
@@ -51,8 +57,8 @@ def test_each_answer_to_a_poll_is_written_and_judged(quiet_handle, service, answ
     assert h._polling_failures == 0 and h._last_poll_time > 0
 
 
-def test_a_good_answer_after_an_outage_resets_the_pause(quiet_handle, service):
-    h = quiet_handle
+def test_a_good_answer_after_an_outage_resets_the_pause(loop_handle, service):
+    h = loop_handle
     pending_submission(h)
     service.script("poll", (503, {}), (503, {}))
     poller = run_thread(h._polling_loop, "polling_thread")
@@ -65,11 +71,9 @@ def test_a_good_answer_after_an_outage_resets_the_pause(quiet_handle, service):
     poller.join(5.0)
 
 
-def test_pending_items_merge_the_store_and_the_memory(quiet_handle):
-    h = quiet_handle
-    with h._tracker_write_lock:
-        h._tracker._conn.execute(
-            "INSERT INTO submission_status (eval_id, eval_type, pool_id, submission_id, sim_id, era_id, status, "
+def test_pending_items_merge_the_store_and_the_memory(loop_handle):
+    h = loop_handle
+    rows(h, "INSERT INTO submission_status (eval_id, eval_type, pool_id, submission_id, sim_id, era_id, status, "
             "submitted_at) VALUES ('e1', 'signal', 'pool-a', 'both', NULL, 4, 'pending', 1.0), "
             "('e2', 'signal', 'pool-a', 'store-only', 's2', 5, 'pending', 2.0)")
     h._pending_submissions["both"] = dict(submission_id="both", submission_type="signal", eval_id="e1", era_id=3,

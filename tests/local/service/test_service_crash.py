@@ -8,7 +8,7 @@ import pytest
 
 from quillmarsh.local.service import start_service
 
-from local.service.helpers import client_of, config, feature, rot, stored_rows, submission
+from local.service.conftest import client_of, config, feature, rot, stored_rows, submission
 
 FEATURES = ("ret_5", "quality", "gap", "intraday", "range") + tuple(f"alt_{i}" for i in range(15))
 FUNCTIONS = ("cs_rank", "cs_zscore", "ts_mean_5", "ts_rank_20", "abs", "neg")
@@ -19,7 +19,7 @@ def _body(i: int) -> dict:
     return submission(graph, idempotency_key=f"crash-{i}", expression_elapsed_seconds=0.001 * (i + 1))
 
 
-@pytest.mark.parametrize("kill_after", [0.2, 0.7, 1.5])
+@pytest.mark.parametrize("kill_after", [0.2, 0.6])
 def test_every_answered_submission_survives_kill_9(tmp_path, kill_after):
     cfg = config(review_delay_seconds=0.05)
     svc = start_service(tmp_path, config=cfg)
