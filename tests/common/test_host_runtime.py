@@ -142,17 +142,17 @@ def test_management_tracker_uses_the_expanded_dir_is_always_closed_and_falls_bac
         (NS(_library_runtime=NS(auth_proxy=None)), False, []),
         (NS(_library_runtime=NS(auth_proxy=Token(""))), True, []),  # any token, even an empty one
         (NS(_library_runtime=NS(auth_proxy=Token(TypeError("bad")))), False, ["auth probe get_token() raised: bad"]),
+        ("auth error", "raises", []),  # an auth error is the caller's to see
     ],
 )
-def test_is_authed(mod, expected, logged, caplog):
+def test_is_authed(mod, expected, logged, caplog, auth_error):
+    if expected == "raises":
+        with pytest.raises(auth_error):
+            st._is_authed(NS(_library_runtime=NS(auth_proxy=Token(auth_error("no")))))
+        return
     with caplog.at_level(logging.DEBUG, logger=LOGGER):
         assert st._is_authed(mod) is expected
     assert messages(caplog) == logged
-
-
-def test_is_authed_lets_auth_errors_through(auth_error):
-    with pytest.raises(auth_error):
-        st._is_authed(NS(_library_runtime=NS(auth_proxy=Token(auth_error("no")))))
 
 
 @pytest.mark.parametrize("kind", ["absent", "broken"])

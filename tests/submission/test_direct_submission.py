@@ -67,27 +67,21 @@ R = SignalServiceResult
 @pytest.mark.parametrize("result, outcome", [
     (R(200, submission_id="s-1"), "s-1"),
     (R(299, submission_id="s-2"), "s-2"),
-    (R(0, error="URLError: refused"), (ConnectionError, "transport error during signal submission")),
-    (R(500, error="boom"), (ConnectionError, "Server error 500 during signal submission")),
     (R(0, error=""), (SubmissionRejectedError, 0, "unknown")),
     (R(199, submission_id="s-3"), (SubmissionRejectedError, 199, "unknown")),
     (R(300, submission_id="s-3"), (SubmissionRejectedError, 300, "unknown")),
     (R(429, error="slow down", body={"error": "slow down", "until": 5}), (SubmissionRejectedError, 429, "slow down")),
-    (R(200, submission_id=None), (st.SubmissionProtocolError, "signal submission response missing required submission_id")),
 ])
-def test_each_answer_becomes_a_receipt_or_the_exception_of_its_kind(result, outcome):
+def test_the_edges_of_success_and_of_a_rejection(result, outcome):
+    # the loop's table sends each kind of answer over the wire; these are the edges it cannot script
     if isinstance(outcome, str):
         assert st._result_to_receipt(result, "signal", SubmissionReceipt, SubmissionRejectedError) == \
             SubmissionReceipt(outcome)
         return
-    with pytest.raises(outcome[0]) as info:
+    with pytest.raises(SubmissionRejectedError) as info:
         st._result_to_receipt(result, "signal", SubmissionReceipt, SubmissionRejectedError)
-    if outcome[0] is SubmissionRejectedError:
-        assert (info.value.status_code, info.value.reason) == outcome[1:]
-        assert info.value.details == (result.body if isinstance(result.body, dict) else None)
-        assert info.value.body is result.body
-    else:
-        assert str(info.value) == outcome[1]
+    assert (info.value.status_code, info.value.reason) == outcome[1:]
+    assert info.value.details == result.body and info.value.body is result.body
 
 
 @pytest.fixture

@@ -6,7 +6,6 @@ import time
 
 import pytest
 
-import quillmarsh.search_templates as st
 from submission.conftest import (JOURNAL_DIR, Receipt, add_evaluation, claim, close_handle, enqueue, journal_files,
                                  rows, status_rows)
 

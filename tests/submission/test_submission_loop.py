@@ -1,14 +1,9 @@
 """The submission thread against a scripted signal service on a loopback port and a real store: what each
 outcome of a send does to the queue, the retry table, the status table, the counters and the back-off."""
-import os
-import subprocess
-import sys
-import textwrap
 import time
 
 import pytest
 
-import quillmarsh.search_templates as st
 from submission.conftest import enqueue, rows, run_thread, wait_until
 from submission.scripted_service import DROP, Slow, refused_url
 
@@ -115,41 +110,6 @@ def test_connection_failures_double_the_pause_up_to_its_ceiling(loop_handle, ser
         send_next(h)
     assert h._submission_backoff_seconds == 300.0
     assert rows(h, "SELECT priority, in_flight_owner FROM submission_queue") == [(1, None)]
-
-
-CRASHING_SENDER = textwrap.dedent("""
-    import os, sys
-    from types import SimpleNamespace
-    sys.path.insert(0, {tests!r})
-    import quillmarsh.agent_onboarding as onboarding
-    import quillmarsh.search_templates as st
-    from submission.conftest import FakeAuth, quiet_handle
-
-    onboarding._config = {{"data_dir": {data_dir!r}, "server_url": {url!r}}}
-    st._library_runtime = SimpleNamespace(auth_proxy=FakeAuth())
-    h = quiet_handle({data_dir!r})
-    h._handle_submission_success = lambda payload, receipt: os._exit(7)  # dies with the receipt unseen
-    h._submit_payload(h._dequeue_submission_payload())
-""")
-
-
-def test_a_payload_sent_again_after_a_crash_carries_the_same_idempotency_key(loop_handle, service, store_dir):
-    h = loop_handle
-    eval_id = "e1"
-    enqueue(h, eval_id)
-    tests = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-    script = CRASHING_SENDER.format(tests=tests, data_dir=store_dir, url=service.url)
-    done = subprocess.run([sys.executable, "-c", script], timeout=60, capture_output=True, text=True)
-    assert done.returncode == 7, done.stderr
-    # the dead process still holds its claim; once the lease has run out, this handle takes the row over
-    assert rows(h, "SELECT COUNT(*) FROM submission_queue WHERE in_flight_owner IS NOT NULL") == [(1,)]
-    assert h._dequeue_submission_payload() is None
-    rows(h, "UPDATE submission_queue SET in_flight_at = in_flight_at - ?", st.SUBMISSION_QUEUE_LEASE_SECONDS + 1.0)
-    send_next(h)
-    first, second = service.of("submit")
-    assert first["idempotency_key"] == second["idempotency_key"] and first["body"] == second["body"]
-    assert rows(h, "SELECT eval_id FROM submission_status") == [(eval_id,)]
-    assert rows(h, "SELECT COUNT(*) FROM submission_queue") == [(0,)]
 
 
 def test_a_replacement_waits_for_the_send_in_flight_and_nothing_leaves_after_it(loop_handle, service):

@@ -51,12 +51,13 @@ def submission(graph=None, **overrides) -> dict:
     return body
 
 
-def raw_post(svc, data: bytes, headers=None, token=None):
-    """(status, decoded body) of a POST with an exact body, beyond what the client would send."""
-    all_headers = {"Authorization": "Bearer " + (token or auth_of(svc.data_dir).get_token()),
-                   "Content-Type": "application/json"}
+def raw_request(svc, data: bytes = None, headers=None, path="/v1/signals"):
+    """(status, decoded body) of a request with an exact body (a POST) or none (a GET), beyond what the client
+    would send."""
+    all_headers = {"Authorization": "Bearer " + auth_of(svc.data_dir).get_token(), "Content-Type": "application/json"}
     all_headers.update(headers or {})
-    request = urllib.request.Request(svc.url + "/v1/signals", data=data, headers=all_headers, method="POST")
+    request = urllib.request.Request(svc.url + path, data=data, headers=all_headers,
+                                     method="GET" if data is None else "POST")
     opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
     try:
         with opener.open(request, timeout=60) as response:

@@ -13,9 +13,10 @@ from quillmarsh.auth import AuthManager
 from quillmarsh.local.evaluator import LocalEvaluator
 from quillmarsh.local.market import load_market
 from quillmarsh.local.service import Faults
+from quillmarsh.local.service.report import summary
 from quillmarsh.submit import SignalServiceClient
 
-from local.service.conftest import (SMALL_MARKET, auth_of, client_of, feature, raw_post, rot, stored_rows,
+from local.service.conftest import (SMALL_MARKET, auth_of, client_of, feature, raw_request, rot, stored_rows,
                                    submission, wait_terminal)
 
 
@@ -23,7 +24,7 @@ from local.service.conftest import (SMALL_MARKET, auth_of, client_of, feature, r
 
 def test_a_body_without_key_gets_the_key_the_client_derives(service):
     body = submission(rot("cs_rank", feature("alt_2")))
-    status, raw_answer = raw_post(service, json.dumps(body).encode())  # no key anywhere
+    status, raw_answer = raw_request(service, json.dumps(body).encode())  # no key anywhere
     assert status == 202
     assert raw_answer["idempotency_key"] == SignalServiceClient._idempotency_key_for_body(body)
     replay = client_of(service).submit_signal(**body)  # the client derives the same key
@@ -86,7 +87,7 @@ def test_a_token_expires_after_the_configured_lifetime(start):
 
 
 def test_missing_bearer_token_gets_401(service):
-    status, body = raw_post(service, json.dumps(submission()).encode(), headers={"Authorization": "Basic eDp5"})
+    status, body = raw_request(service, json.dumps(submission()).encode(), headers={"Authorization": "Basic eDp5"})
     assert status == 401 and body["error"] == "missing bearer token"
 
 
@@ -160,7 +161,7 @@ BAD_BODIES = [
 @pytest.mark.parametrize("data, status, text", BAD_BODIES, ids=[c[2] for c in BAD_BODIES])
 def test_a_body_that_breaks_the_contract_is_refused_and_nothing_is_stored(service, data, status, text):
     before = stored_rows(service.data_dir)
-    code, body = raw_post(service, data, headers={"Idempotency-Key": "header-key"})
+    code, body = raw_request(service, data, headers={"Idempotency-Key": "header-key"})
     assert code == status, body
     assert text in body["error"]
     assert stored_rows(service.data_dir) == before
@@ -206,7 +207,7 @@ def test_a_near_copy_of_a_found_signal_is_refused_as_too_correlated(start):
     assert judged_copy["is_correlation"] > 0.7 and judged_copy["payment"] is None
     judged_other = wait_terminal(client, unrelated.submission_id)
     assert judged_other["status"] == "found" and judged_other["is_correlation"] < 0.7
-    listing = json.loads(_get(svc, "/v1/signals?status=found"))
+    listing = raw_request(svc, path="/v1/signals?status=found")[1]
     assert {s["submission_id"] for s in listing["submissions"]} == {original.submission_id, unrelated.submission_id}
 
 
@@ -230,11 +231,17 @@ def test_a_signal_that_never_forms_a_book_is_rejected(service):
     assert (judged["status"], judged["rejection_reason"]) == ("is_rejected", "empty_book")
 
 
-def _get(svc, path):
-    import urllib.request
-    request = urllib.request.Request(svc.url + path, headers={"Authorization": "Bearer " + auth_of(svc.data_dir).get_token()})
-    with urllib.request.build_opener(urllib.request.ProxyHandler({})).open(request, timeout=60) as response:
-        return response.read()
+def test_the_demo_summary_counts_what_came_since_its_start_and_ranks_by_out_of_sample_sharpe():
+    def sub(received_at, status, sharpe, reason=None):
+        return {"received_at": received_at, "status": status, "rejection_reason": reason,
+                "is_stats": {"sharpe": sharpe}, "in_sample_sharpe": 9.0 - sharpe}
+    listing = {"submissions": [sub(1, "found", 3.0), sub(5, "found", 1.0), sub(5, "useful", 2.0),
+                               sub(5, "not_useful", 0.5, "correlation_exceeded"), sub(5, "is_rejected", 0.1),
+                               sub(5, "is_validating", 0.0)]}
+    s = summary(listing, best=2, since=2.0)
+    assert (s["sent"], s["accepted"], s["waiting"]) == (5, 2, 1)
+    assert s["refused"] == {"correlation_exceeded": 1, "is_rejected": 1}
+    assert [b["is_stats"]["sharpe"] for b in s["best"]] == [2.0, 1.0]
 
 
 # ----- faults ----------------------------------------------------------------------------------------------
