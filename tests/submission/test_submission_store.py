@@ -102,12 +102,6 @@ def test_pool_resolution(conn, payload, expected):
         assert tuple(st._resolve_submission_pool_ids(conn, payload)) == expected
 
 
-def test_column_discovery_takes_any_table_name(conn):
-    conn.execute('CREATE TABLE "we""ird" (a INTEGER, b TEXT)')
-    assert st._helpers.persistent_table_columns(conn, 'we"ird') == {"a", "b"}
-    assert st._helpers.persistent_table_columns(conn, "absent") == set()
-
-
 class FakeHandle:
     def __init__(self, conn, persistent=True):
         self._tracker = type("Tracker", (), {"_conn": conn})()
