@@ -1,12 +1,8 @@
 """Shared fixtures: a data directory, a real ``SearchTracker`` on it, and onboarding configured on it.
 
-The store is SQLite in the data directory. A test module marked ``both_dialects`` (``pytestmark =
-pytest.mark.both_dialects``) runs each test that uses ``tracker``, ``database_url`` or ``dialect`` twice:
-on SQLite, and on an empty schema of a PostgreSQL server that the suite starts once (``pg_server.py``)
-and stops at the end.
-
-Fakes of the component's collaborators live beside the tests that use them (``engine/helpers.py``,
-``evaluation/fakes.py``); prefer the real tracker wherever the store matters.
+The store is SQLite in the data directory. A test module marked ``both_dialects`` runs each test that uses
+``tracker``, ``database_url`` or ``dialect`` twice: on SQLite, and on an empty schema of a PostgreSQL server
+that the suite starts once (``pg_server.py``). Prefer the real tracker wherever the store matters.
 """
 
 from __future__ import annotations

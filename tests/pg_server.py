@@ -111,17 +111,20 @@ class PostgresServer:
                           "--no-sync"], timeout=180)
         if done.returncode != 0:
             raise RuntimeError("initdb failed:\n" + done.stdout)
-        options = " ".join("-c %s=%s" % item for item in self.settings.items())
         for attempt in range(3):
             self.port = _free_port()
-            done = self._run(["pg_ctl", "-D", data, "-l", os.path.join(self.root, "server.log"), "-w", "-t", "60",
-                              "-o", "-c listen_addresses=127.0.0.1 -p %d -c unix_socket_directories=%s %s"
-                              % (self.port, self.root, options), "start"], timeout=90)
+            done = self._pg_ctl_start()
             if done.returncode == 0:
                 break
         else:
             raise RuntimeError("the PostgreSQL server did not start:\n%s\n%s" % (done.stdout, self.log_tail()))
         return self
+
+    def _pg_ctl_start(self):
+        options = " ".join("-c %s=%s" % item for item in self.settings.items())
+        return self._run(["pg_ctl", "-D", os.path.join(self.root, "data"), "-l", os.path.join(self.root, "server.log"),
+                          "-w", "-t", "60", "-o", "-c listen_addresses=127.0.0.1 -p %d -c unix_socket_directories=%s %s"
+                          % (self.port, self.root, options), "start"], timeout=90)
 
     def log_tail(self, lines: int = 30) -> str:
         try:
@@ -149,10 +152,7 @@ class PostgresServer:
         if self._admin is not None:
             self._admin.close()
             self._admin = None
-        options = " ".join("-c %s=%s" % item for item in self.settings.items())
-        done = self._run(["pg_ctl", "-D", data, "-l", os.path.join(self.root, "server.log"), "-w", "-t", "60",
-                          "-o", "-c listen_addresses=127.0.0.1 -p %d -c unix_socket_directories=%s %s"
-                          % (self.port, self.root, options), "start"], timeout=90)
+        done = self._pg_ctl_start()
         if done.returncode != 0:
             raise RuntimeError("the PostgreSQL server did not restart:\n%s\n%s" % (done.stdout, self.log_tail()))
 

@@ -19,7 +19,7 @@ import time
 MARKET = dict(n_instruments=60, n_days=300, seed=7)
 
 
-def run(data_dir, seconds, server_url=None, jobs=1, drain_seconds=0.0):
+def run(data_dir, seconds, server_url=None, jobs=1):
     from quillmarsh import agent_onboarding
     from quillmarsh.local import platform
 

@@ -1,16 +1,13 @@
-"""Fake sibling modules for the doors of the host runtime.
-
-Each fixture puts a small module into sys.modules for the test's duration (monkeypatch removes it
-again), so the tests behave the same whether or not the real siblings are installed.
-"""
+"""Fake sibling modules for the doors of the host runtime: each fixture puts a small module into sys.modules
+for the test's duration, so the tests behave the same whether or not the real siblings are installed.
+``BrokenDependencyFinder`` is also used by child interpreters that load the component afresh, so this
+module does not import the component at load."""
 import importlib.abc
 import importlib.machinery
 import sys
 import types
 
 import pytest
-
-import quillmarsh.search_templates as st
 
 ONBOARDING = "quillmarsh.agent_onboarding"
 
@@ -39,7 +36,7 @@ def absent(monkeypatch):
     return _absent
 
 
-class _BrokenDependencyFinder(importlib.abc.MetaPathFinder, importlib.abc.Loader):
+class BrokenDependencyFinder(importlib.abc.MetaPathFinder, importlib.abc.Loader):
     def __init__(self, name, dependency):
         self.name, self.dependency = name, dependency
 
@@ -61,7 +58,7 @@ def broken_dependency(monkeypatch):
 
     def _broken(name, dependency="qm_missing_dependency"):
         monkeypatch.delitem(sys.modules, name, raising=False)
-        monkeypatch.setattr(sys, "meta_path", [_BrokenDependencyFinder(name, dependency)] + sys.meta_path)
+        monkeypatch.setattr(sys, "meta_path", [BrokenDependencyFinder(name, dependency)] + sys.meta_path)
 
     return _broken
 
@@ -91,6 +88,8 @@ def onboarding(install):
 @pytest.fixture
 def clean_globals(monkeypatch):
     """The module without `_library_runtime` and `_auth`, whatever an earlier test left."""
+    import quillmarsh.search_templates as st
+
     monkeypatch.delattr(st, "_library_runtime", raising=False)
     monkeypatch.delattr(st, "_auth", raising=False)
     return st

@@ -1,5 +1,6 @@
 """Names bound at load from the sibling modules. Each case loads the module in a fresh interpreter,
 after putting fake siblings (or a sibling with a missing dependency) in place."""
+import os
 import subprocess
 import sys
 import textwrap
@@ -12,6 +13,8 @@ import quillmarsh.search_templates as st
 PRELUDE = textwrap.dedent(
     """
     import sys, types
+    sys.path.insert(0, %r)
+    from common.conftest import BrokenDependencyFinder
 
     def fake(name, **attrs):
         module = types.ModuleType(name)
@@ -21,7 +24,7 @@ PRELUDE = textwrap.dedent(
 
     class NotReady(Exception):
         pass
-    """
+    """ % os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 )
 
 
@@ -56,17 +59,7 @@ def test_siblings_present_are_bound_and_the_resolvers_fall_back():
 def test_a_sibling_missing_a_dependency_stops_the_load():
     result = run(
         """
-        import importlib.abc, importlib.machinery
-
-        class Finder(importlib.abc.MetaPathFinder, importlib.abc.Loader):
-            def find_spec(self, fullname, path=None, target=None):
-                return importlib.machinery.ModuleSpec(fullname, self) if fullname == "quillmarsh.sync" else None
-            def create_module(self, module_spec):
-                return None
-            def exec_module(self, module):
-                raise ModuleNotFoundError("No module named 'qm_dep'", name="qm_dep")
-
-        sys.meta_path.insert(0, Finder())
+        sys.meta_path.insert(0, BrokenDependencyFinder("quillmarsh.sync", "qm_dep"))
         try:
             import quillmarsh.search_templates
         except ImportError as exc:

@@ -1,8 +1,7 @@
-"""Fakes for the era subsystem: the runtime-not-ready error and the metaparameter resolvers.
+"""Fakes for the era subsystem: the runtime-not-ready error and the metaparameter resolvers, replaced through
+the module object, where the component reads them at each call."""
+from types import SimpleNamespace
 
-The sibling modules are replaced through the module object, where the component reads them at each
-call, so these fixtures work whether or not the real siblings are installed.
-"""
 import pytest
 
 import quillmarsh.search_templates as st
@@ -18,36 +17,22 @@ def not_ready(monkeypatch):
     return FakeSdkRuntimeNotReadyError
 
 
-class FakeResolvers:
-    """Records every call and answers with what the test configured."""
-
-    def __init__(self):
-        self.calls = []
-        self.resolved = {"normalization": "none"}
-        self.per_pool = {}
-        self.error = None
-
-    def resolve(self, base, pipeline):
-        self.calls.append(("resolve", base, pipeline))
-        if self.error:
-            raise self.error
-        return self.resolved
-
-    def resolve_per_pool(self, base, pipeline, pool_ids):
-        self.calls.append(("per_pool", base, pipeline, pool_ids))
-        if self.error:
-            raise self.error
-        return {"raw": self.per_pool}
-
-    def canonicalize(self, value):
-        self.calls.append(("canonicalize", value))
-        return value["raw"]
-
-
 @pytest.fixture
 def resolvers(monkeypatch, not_ready):
-    fake = FakeResolvers()
-    monkeypatch.setattr(st, "_resolve_metaparameters", fake.resolve, raising=False)
-    monkeypatch.setattr(st, "_resolve_metaparameters_per_pool", fake.resolve_per_pool, raising=False)
-    monkeypatch.setattr(st, "_canonicalize_metaparameters", fake.canonicalize, raising=False)
+    """Resolvers that record each call and answer with ``resolved`` (era-wide) or ``per_pool`` (by pool), or
+    raise ``error``; the per-pool answer goes through the canonicalizer wrapped, as the real one's does."""
+    fake = SimpleNamespace(calls=[], resolved={"normalization": "none"}, per_pool={}, error=None)
+
+    def resolver(kind, answer):
+        def call(*args):
+            fake.calls.append((kind, *args))
+            if fake.error:
+                raise fake.error
+            return answer()
+        return call
+
+    monkeypatch.setattr(st, "_resolve_metaparameters", resolver("resolve", lambda: fake.resolved), raising=False)
+    monkeypatch.setattr(st, "_resolve_metaparameters_per_pool",
+                        resolver("per_pool", lambda: {"raw": fake.per_pool}), raising=False)
+    monkeypatch.setattr(st, "_canonicalize_metaparameters", lambda value: value["raw"], raising=False)
     return fake

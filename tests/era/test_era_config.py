@@ -12,7 +12,6 @@ D = object()  # a default no configuration holds
     [
         (None, D, D),
         ({"x": None}, None, None),  # a map is its own raw map: the present None stands
-        ({}, D, D),
         (NS(x=2, _data={"x": 5}), 2, 2),
         (NS(x=None, _data={"x": 5}), None, 5),  # only the field falls through to the raw map
         (NS(_data={"x": 3}), D, 3),
@@ -38,50 +37,34 @@ def test_raw_dict_is_the_configurations_own_map_and_getter_errors_propagate():
         st._signal_pools_from_era_config(Broken())
 
 
-@pytest.mark.parametrize(
-    "config, expected",
-    [({"evaluation_pnl_columns": ["net", "gross"]}, "net"), (NS(evaluation_pnl_columns=("net",)), "net"),
-     ({"evaluation_pnl_columns": ["", "net"]}, "gross_returns"), ({"evaluation_pnl_columns": "net"}, "gross_returns"),
-     (NS(_data={"evaluation_pnl_columns": ["net"]}), "gross_returns")],
-)
-def test_primary_pnl_column_is_only_ever_the_first(config, expected):
-    assert st._primary_evaluation_pnl_column(config) == expected
+POOLS = [{"name": "a"}, {"name": "b"}]
 
 
-@pytest.mark.parametrize(
-    "config, expected",
-    [
-        (None, None),
-        ({"signal_pool_id": "direct", "signal_pools": [{"name": "x"}]}, "direct"),
-        ({"signal_pool_id": "", "signal_pools": [{"name": 1}, {"name": "second"}]}, "second"),
-        (NS(signal_pools=[], _data={"signal_pools": [{"name": "raw"}]}), "raw"),
-        (NS(signal_pools=[{"name": "attr"}], _data={"signal_pools": [{"name": "raw"}]}), "attr"),
-        (NS(signal_pools=[], _data="not a map"), None),
-        ({"signal_pools": "nope"}, None),
-    ],
-)
-def test_first_signal_pool_id(config, expected):
-    assert st._first_signal_pool_id_from_era_config(config) == expected
-
-
-def test_selected_pool_falls_back_to_the_first():
-    pools = [{"name": "a"}, {"name": "b"}]
-    for wanted, index in (("b", 1), ("zzz", 0), (None, 0)):
-        assert st._selected_signal_pool_from_era_config({"signal_pools": pools}, wanted) is pools[index]
-    assert st._selected_signal_pool_from_era_config({"signal_pools": []}, "a") is None
-
-
-def test_candidates_in_discovery_order_without_default_or_duplicates():
-    config = NS(
-        universes={"default": {"rule_id": 1}, "us": {"rule_id": 1}, 5: {"rule_id": 2}, "eu": {}},
+@pytest.mark.parametrize("read, config, expected", [
+    (st._primary_evaluation_pnl_column, {"evaluation_pnl_columns": ["net", "gross"]}, "net"),
+    (st._primary_evaluation_pnl_column, {"evaluation_pnl_columns": ["", "net"]}, "gross_returns"),  # only the first
+    (st._primary_evaluation_pnl_column, {"evaluation_pnl_columns": "net"}, "gross_returns"),
+    (st._first_signal_pool_id_from_era_config, None, None),
+    (st._first_signal_pool_id_from_era_config, {"signal_pool_id": "direct", "signal_pools": [{"name": "x"}]},
+     "direct"),
+    (st._first_signal_pool_id_from_era_config, {"signal_pool_id": "", "signal_pools": [{"name": 1}, {"name": "2nd"}]},
+     "2nd"),
+    (st._first_signal_pool_id_from_era_config, NS(signal_pools=[], _data={"signal_pools": [{"name": "raw"}]}), "raw"),
+    (st._first_signal_pool_id_from_era_config, {"signal_pools": "nope"}, None),
+    (lambda c: st._selected_signal_pool_from_era_config(c, "b"), {"signal_pools": POOLS}, POOLS[1]),
+    (lambda c: st._selected_signal_pool_from_era_config(c, "zzz"), {"signal_pools": POOLS}, POOLS[0]),
+    (lambda c: st._selected_signal_pool_from_era_config(c, "a"), {"signal_pools": []}, None),
+    (st._search_universe_candidates_from_era_config,
+     NS(universes={"default": {"rule_id": 1}, "us": {"rule_id": 1}, 5: {"rule_id": 2}, "eu": {}},
         universe_rules={"ignored": {"rule_id": 7}},  # the raw map's universe_rules come first
-        _data={"universe_rules": {"us": {"rule_id": 1}, "eu": {"rule_id": 9}, "default": {}}},
-    )
-    assert st._search_universe_candidates_from_era_config(config) == [("us", 1), ("5", 2), ("eu", None), ("eu", 9)]
-    config = NS(universes=[{"id": "a", "rule_id": 1}, {"id": "", "name": "b"}, "skip", {"id": 3}],
-                universe_rules={"c": NS(rule_id=2)})
-    assert st._search_universe_candidates_from_era_config(config) == [("a", 1), ("b", None), ("c", 2)]
-    assert st._search_universe_candidates_from_era_config({"universe_rules": [{"rule_id": 1}]}) == []
+        _data={"universe_rules": {"us": {"rule_id": 1}, "eu": {"rule_id": 9}, "default": {}}}),
+     [("us", 1), ("5", 2), ("eu", None), ("eu", 9)]),
+    (st._search_universe_candidates_from_era_config,
+     NS(universes=[{"id": "a", "rule_id": 1}, {"id": "", "name": "b"}, "skip", {"id": 3}],
+        universe_rules={"c": NS(rule_id=2)}), [("a", 1), ("b", None), ("c", 2)]),
+])
+def test_era_readers(read, config, expected):
+    assert read(config) == expected
 
 
 TWO = {"universes": {"a": {"rule_id": 1}, "b": {"rule_id": 2}}}
@@ -97,7 +80,6 @@ TWO = {"universes": {"a": {"rule_id": 1}, "b": {"rule_id": 2}}}
         ({"universes": {"a": {"rule_id": 0, "universe_rule_id": 2}, "b": {"rule_id": 3}}, "allowed_universes": [2]},
          None, "a"),
         ({**TWO, "allowed_universes": [1, 1], "era_universes": [{"rule_id": 2}]}, None, "a"),
-        ({**TWO, "allowed_universes": [7], "era_universes": [{"rule_id": 2}]}, None, "b"),
         ({**TWO, "allowed_universes": "1", "era_universes": [{"universe_rule_id": 1}]}, None, "a"),
         # the same name under two allowed rules is two names: rung 4 gives no answer, rung 5 does
         ({"universes": {"a": {"rule_id": 1}}, "universe_rules": {"a": {"rule_id": 2}, "b": {"rule_id": 3}},
@@ -105,13 +87,12 @@ TWO = {"universes": {"a": {"rule_id": 1}, "b": {"rule_id": 2}}}
         ({"universes": {"only": {}}, "allowed_universes": [1], "era_universes": [{"rule_id": 2}]}, "cfg", "only"),
         ({**TWO, "allowed_universes": [9]}, "cfg", "cfg"),
         ({"universes": {"default": {"rule_id": 1}}, "allowed_universes": [1]}, "cfg", "cfg"),
+        (None, None, None), (TWO, "", None), ({"universe_id": 3}, 4, None),  # no answer at all
     ],
 )
 def test_universe_ladder(config, configured, expected, not_ready):
-    assert st._derive_search_universe_id(config, configured) == expected
-
-
-@pytest.mark.parametrize("config, configured", [(None, None), (TWO, ""), ({"universe_id": 3}, 4)])
-def test_universe_ladder_without_an_answer_raises(config, configured, not_ready):
-    with pytest.raises(not_ready, match="^search era config does not define a universe id$"):
-        st._derive_search_universe_id(config, configured)
+    if expected is None:
+        with pytest.raises(not_ready, match="^search era config does not define a universe id$"):
+            st._derive_search_universe_id(config, configured)
+    else:
+        assert st._derive_search_universe_id(config, configured) == expected

@@ -19,27 +19,20 @@ def test_an_explicit_map_is_copied_and_the_era_ignored():
         assert got == era_map and got is not era_map
 
 
-@pytest.mark.parametrize(
-    "thresholds, era_config, message",
-    [
-        ([], {"thresholds": {"a": 1}}, "SearchContext thresholds must be a dict"),
-        (None, None, "SearchContext thresholds must be provided"),
-        (None, {}, "SearchContext thresholds must be provided"),
-        (None, {"thresholds": [1]}, "SearchContext thresholds must be provided"),
-        (None, NS(_data={"thresholds": {"a": 1}}), "SearchContext thresholds must be provided"),
-    ],
-)
-def test_threshold_resolution_errors(thresholds, era_config, message):
+@pytest.mark.parametrize("thresholds, era_config, message", [
+    ([], {"thresholds": {"a": 1}}, "SearchContext thresholds must be a dict"),
+    (None, {}, "SearchContext thresholds must be provided"),
+    (None, NS(_data={"thresholds": {"a": 1}}), "SearchContext thresholds must be provided"),  # no raw-map read
+    ({"t": True}, None, "SearchContext threshold 't' must be numeric"),  # a bool is no number
+    ({"t": "x"}, None, "SearchContext threshold 't' must be numeric"),
+])
+def test_threshold_errors(thresholds, era_config, message):
     with pytest.raises(ValueError, match=f"^{message}$"):
-        st._resolve_search_thresholds(thresholds, era_config)
-
-
-@pytest.mark.parametrize("value", [True, "x", None])
-def test_a_present_threshold_must_be_numeric(value):
-    for read in (lambda t: st._require_search_threshold(t, "turnover_max"),
-                 lambda t: st._search_threshold_or_default(t, "turnover_max", 0.0)):
-        with pytest.raises(ValueError, match="^SearchContext threshold 'turnover_max' must be numeric$"):
-            read({"turnover_max": value})
+        got = st._resolve_search_thresholds(thresholds, era_config)
+        st._search_threshold_or_default(got, "t", 0.0)
+    if isinstance(thresholds, dict):
+        with pytest.raises(ValueError, match=f"^{message}$"):
+            st._require_search_threshold(thresholds, "t")
 
 
 def test_numeric_thresholds_come_back_unconverted_and_absent_ones_as_the_default():
@@ -65,7 +58,6 @@ def failing(*_args):
     [
         (None, True),
         (lambda m: setattr(m, "pool_configs", []), False),
-        (lambda m: setattr(m, "_resolve_pool_configs", failing), False),
         (lambda m: setattr(m, "SearchAnalytics", failing), False),
         (lambda m: delattr(m, "SearchAnalytics"), False),
         (lambda m: sys.modules.__setitem__("quillmarsh.search_analytics", None), False),

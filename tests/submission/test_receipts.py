@@ -6,7 +6,6 @@ import time
 
 import pytest
 
-import quillmarsh.search_templates as st
 from submission.conftest import (JOURNAL_DIR, Receipt, add_evaluation, claim, close_handle, enqueue, journal_files,
                                  rows, status_rows)
 
@@ -36,7 +35,7 @@ def test_receipt_is_recorded_in_one_step_and_leaves_no_journal(handle, store_dir
     monkeypatch.setattr(os, "fsync", lambda fd: (fsynced.append(fd), real_fsync(fd))[1])
     payload = claimed(handle)
     handle._handle_submission_success(payload, Receipt("sub-1"))
-    assert status_rows(handle) == [("sub-1", "e1", "pending", None, None)]
+    assert status_rows(handle) == [("sub-1", "e1", "pending", None)]
     assert rows(handle, "SELECT submitted FROM signal_evaluations WHERE eval_id='e1'") == [(1,)]
     assert queue_ids(handle) == []
     assert journal_files(store_dir) == [] and not os.path.exists(os.path.join(store_dir, JOURNAL_DIR))
@@ -76,42 +75,14 @@ def test_refused_commit_keeps_the_receipt_until_a_flush_records_it_once(handle, 
     assert handle._submission_failures == 0 and not handle._submission_backoff
 
 
-def test_receipt_journalled_before_a_crash_is_replayed_once_by_the_next_handle(open_handle, store_dir):
-    first = open_handle()
-    payload = claimed(first)
-    key = first._append_receipt_journal(payload, Receipt("sub-9"))
-    assert key == ("queue", str(payload["_queue_id"]), "sub-9")
-    close_handle(first)  # dies before its commit: the claim and the file are all that is left
-
-    second = open_handle()
-    assert second._flush_pending_receipt_finalizations() is True
-    assert second._flush_pending_receipt_finalizations() is True
-    assert [r[:2] for r in status_rows(second)] == [("sub-9", "e1")]
-    assert queue_ids(second) == [] and journal_files(store_dir) == []
-    assert list(second._pending_submissions) == ["sub-9"]
-
-
-def test_crash_after_the_commit_only_removes_the_file(open_handle, store_dir):
-    first = open_handle()
-    payload = claimed(first)
-    first._append_receipt_journal(payload, Receipt("sub-2"))
-    first._record_submission_and_delete_queue(payload, Receipt("sub-2"))
-    close_handle(first)
-
-    second = open_handle()
-    assert second._flush_pending_receipt_finalizations() is True
-    assert len(status_rows(second)) == 1 and journal_files(store_dir) == []
-    assert second._pending_submissions == {}  # it was never this search's find
-
-
 def test_entry_whose_source_row_was_replaced_is_dropped_and_the_new_row_stays(open_handle, store_dir):
     first = open_handle()
     payload = claimed(first)
     first._append_receipt_journal(payload, Receipt("sub-3"))
     close_handle(first)
     second = open_handle()
-    second._tracker._conn.execute("UPDATE submission_queue SET payload_json=? WHERE queue_id=?",
-                                  (payload["_source_payload_json"].replace("U1", "U2"), payload["_queue_id"]))
+    rows(second, "UPDATE submission_queue SET payload_json=? WHERE queue_id=?",
+         payload["_source_payload_json"].replace("U1", "U2"), payload["_queue_id"])
     assert second._flush_pending_receipt_finalizations() is True
     assert status_rows(second) == [] and queue_ids(second) == [payload["_queue_id"]]
     assert journal_files(store_dir) == []
@@ -123,7 +94,7 @@ def test_entry_that_cannot_be_recorded_holds_back_those_after_it(open_handle, st
     a = claimed(first, "a")
     claim(first, owner="crashed-run", row_id=a["_queue_id"])  # so that the next claim takes the next row
     b = claimed(first, "b")
-    first._tracker._conn.execute("DELETE FROM signal_evaluations WHERE eval_id='a'")
+    rows(first, "DELETE FROM signal_evaluations WHERE eval_id='a'")
     first._append_receipt_journal(a, Receipt("s-a"))
     first._append_receipt_journal(b, Receipt("s-b"))
     close_handle(first)
@@ -137,12 +108,9 @@ def test_entry_that_cannot_be_recorded_holds_back_those_after_it(open_handle, st
 
 @pytest.mark.parametrize("name, content, stays", [
     ("queue__1__torn.json", '{"source_kind": "queue", "sou', True),       # torn: reported, kept
-    ("queue__2__list.json", "[1, 2]", True),                               # foreign JSON
     ("queue__3__x.json.owner.tmp", "{}", True),                            # leftover of a write: never read
     ("other__4__x.json", json.dumps({"source_kind": "other", "source_id": 4, "submission_id": "x",
                                      "payload": {}}), False),
-    ("queue__5___.json", json.dumps({"source_kind": "queue", "source_id": 5, "submission_id": "",
-                                    "payload": {}}), False),
 ])
 def test_damaged_or_foreign_files_never_block_the_search(handle, store_dir, name, content, stays):
     d = os.path.join(store_dir, JOURNAL_DIR)
@@ -157,19 +125,9 @@ def test_damaged_or_foreign_files_never_block_the_search(handle, store_dir, name
     assert handle._submission_backoff is False  # a bad file costs no back-off
 
 
-@pytest.mark.parametrize("submission_id, source, file_name", [
-    ("sub/1 x", {"_queue_id": 7}, "queue__7__sub_1_x.json"),
-    ("a.b-c_d", {"retry_id": 8, "_queue_id": 7}, "retry__8__a.b-c_d.json"),
-    ("", {"_queue_id": 7}, "queue__7___.json"),
-])
-def test_file_names_of_keys(handle, store_dir, submission_id, source, file_name):
-    key = handle._receipt_journal_key_for_payload(source, submission_id)
-    assert handle._receipt_journal_file_path(key) == os.path.join(store_dir, JOURNAL_DIR, file_name)
-
-
-def test_journal_needs_a_place(handle):
+def test_journal_needs_a_place(handle, monkeypatch):
     handle._data_dir = None
-    handle._tracker = type("Bare", (), {"_conn": handle._tracker._conn})()
+    monkeypatch.setattr(handle, "_tracker", type("Bare", (), {"_conn": handle._tracker._conn})())
     payload = {"eval_id": "e", "submission_type": "signal", "era_id": 3, "_queue_id": 1}
     assert handle._append_receipt_journal(payload, Receipt("s")) is None
     with pytest.raises(RuntimeError, match="receipt journal path unavailable"):
@@ -184,42 +142,36 @@ def test_abort_after_the_send_drops_the_receipt_with_the_payload(handle, store_d
     assert status_rows(handle) == [] and queue_ids(handle) == [] and journal_files(store_dir) == []
 
 
-@pytest.mark.parametrize("before, trigger", [(0, "first_signal"), (9, "10_signals"), (99, "strategy_unlock"),
-                                             (1, None), (10, None)])
+@pytest.mark.parametrize("before, trigger", [(0, "first_signal"), (9, "10_signals"), (10, None),
+                                             (99, "strategy_unlock")])
 def test_milestones_fire_when_the_count_crosses_them(handle, nudges, before, trigger):
     handle._total_found = before
     handle._finalize_persisted_receipt({"eval_id": "e", "submission_type": "signal", "era_id": 3}, "s")
     assert [t for t, _ in nudges] == ([trigger] if trigger else [])
 
 
-@pytest.mark.parametrize("prior, current, fires", [(12, 8, True), (12, 9, False), (0, 0, False), (0, 5, False)])
-def test_discovery_rate_nudge(handle, nudges, prior, current, fires):
-    now = time.time()
-    conn = handle._tracker._conn
-    for i in range(prior):
-        conn.execute("INSERT INTO submission_status (eval_id, eval_type, era_id, submission_id, submitted_at) "
-                     "VALUES ('e', 'signal', 3, ?, ?)", (f"p{i}", now - 30000))
-    for i in range(current):
-        conn.execute("INSERT INTO submission_status (eval_id, eval_type, era_id, submission_id, submitted_at) "
-                     "VALUES ('e', 'signal', 3, ?, ?)", (f"c{i}", now - 100))
+def add_statuses(h, prefix, count, age):
+    h._tracker._conn.executemany(
+        "INSERT INTO submission_status (eval_id, eval_type, era_id, submission_id, submitted_at) "
+        "VALUES ('e', 'signal', 3, ?, ?)", [(f"{prefix}{i}", time.time() - age) for i in range(count)])
+
+
+@pytest.mark.parametrize("prior, current, fires", [(12, 8, 1), (12, 9, 0), (0, 0, 0), (6, "recovers", 2)])
+def test_discovery_rate_nudge_fires_once_per_decline(handle, nudges, prior, current, fires):
+    add_statuses(handle, "p", prior, 30000)
+    if current == "recovers":  # declined, recovered, declined again: fires twice
+        handle._maybe_fire_discovery_rate_declining_nudge()
+        add_statuses(handle, "c", 6, 100)
+        handle._maybe_fire_discovery_rate_declining_nudge()
+        rows(handle, "DELETE FROM submission_status WHERE submission_id LIKE 'c%'")
+    else:
+        add_statuses(handle, "c", current, 100)
     handle._maybe_fire_discovery_rate_declining_nudge()
-    handle._maybe_fire_discovery_rate_declining_nudge()  # edge-triggered: once per decline
+    handle._maybe_fire_discovery_rate_declining_nudge()  # edge-triggered
     fired = [c for t, c in nudges if t == "discovery_rate_declining"]
-    assert fired == ([{"current_window": current / 6.0, "prior_window": prior / 6.0}] if fires else [])
-
-
-def test_discovery_rate_nudge_fires_again_only_after_a_recovery(handle, nudges):
-    now = time.time()
-    conn = handle._tracker._conn
-    conn.executemany("INSERT INTO submission_status (eval_id, eval_type, era_id, submission_id, submitted_at) "
-                     "VALUES ('e', 'signal', 3, ?, ?)", [(f"p{i}", now - 30000) for i in range(6)])
-    handle._maybe_fire_discovery_rate_declining_nudge()
-    conn.executemany("INSERT INTO submission_status (eval_id, eval_type, era_id, submission_id, submitted_at) "
-                     "VALUES ('e', 'signal', 3, ?, ?)", [(f"c{i}", now - 100) for i in range(6)])
-    handle._maybe_fire_discovery_rate_declining_nudge()
-    conn.execute("DELETE FROM submission_status WHERE submission_id LIKE 'c%'")
-    handle._maybe_fire_discovery_rate_declining_nudge()
-    assert [t for t, _ in nudges].count("discovery_rate_declining") == 2
+    assert len(fired) == fires
+    if fires == 1:
+        assert fired == [{"current_window": current / 6.0, "prior_window": prior / 6.0}]
 
 
 def test_entry_replayed_by_another_live_search_is_neither_lost_nor_recorded_twice(open_handle, store_dir,
@@ -259,21 +211,18 @@ class StorelessTracker:
         self.marked.append((eval_id, *args, *kwargs.values()))
 
 
-@pytest.mark.parametrize("old_style", [False, True])
-@pytest.mark.parametrize("kind, pools, expected", [
-    ("signal", {"signal_pool_id": "sp"}, ("sp", "sp")),
-    ("signal", {"pool_id": "p", "signal_pool_id": "sp"}, ("p", "sp")),
-    ("strategy", {"strategy_pool_id": "st", "pool_id": "p", "signal_pool_id": "sp"}, ("st", "sp")),
+@pytest.mark.parametrize("old_style, kind, pools, expected", [
+    (False, "signal", {"signal_pool_id": "sp"}, ("sp", "sp")),
+    (False, "signal", {"pool_id": "p", "signal_pool_id": "sp"}, ("p", "sp")),
+    (True, "strategy", {"strategy_pool_id": "st", "pool_id": "p", "signal_pool_id": "sp"}, ("st", "sp")),
 ])
-def test_receipt_without_a_store_goes_to_the_tracker(handle, store_dir, old_style, kind, pools, expected):
-    real = handle._tracker
-    handle._tracker = tracker = StorelessTracker(old_style)
+def test_receipt_without_a_store_goes_to_the_tracker(handle, store_dir, monkeypatch, old_style, kind, pools,
+                                                     expected):
+    monkeypatch.setattr(handle, "_tracker", StorelessTracker(old_style))
+    tracker = handle._tracker
     handle._tracker_uses_persistent_store = False
-    try:
-        payload = {"eval_id": "e1", "submission_type": kind, "era_id": 3, **pools}
-        handle._handle_submission_success(payload, Receipt("sub-m"))
-    finally:
-        handle._tracker = real
+    payload = {"eval_id": "e1", "submission_type": kind, "era_id": 3, **pools}
+    handle._handle_submission_success(payload, Receipt("sub-m"))
     assert tracker.recorded == [("e1", kind, "sub-m", 3, *expected)]
     assert tracker.marked == [("e1", kind)]
     assert list(handle._pending_submissions) == ["sub-m"] and journal_files(store_dir) == []

@@ -5,7 +5,7 @@ import time
 import pytest
 
 import quillmarsh.search_templates as st
-from submission.conftest import Receipt, add_retry_row, claim, enqueue, rows, status_rows
+from submission.conftest import add_retry_row, claim, enqueue, rows
 
 pytestmark = pytest.mark.both_dialects
 
@@ -22,33 +22,11 @@ def queue_rows(h):
 
 
 def refuse(h, payload, refusal):
-    """What the submission thread does with each kind of refusal of a claimed payload."""
-    if refusal == "401":
-        h._enqueue_retry_payload(payload, "token_expired")
-    elif refusal == "403-ban":
-        h._enqueue_retry_payload(payload, "banned", retry_after=BAN_END)
-    elif refusal == "connection":
-        if payload.get("retry_id") is not None:
-            h._defer_claimed_retry_payload(payload, BAN_END, "network_error")
-        else:
-            h._defer_claimed_queue_payload(payload)
-
-
-@pytest.mark.parametrize("refusal, queue_after, retry_after", [
-    ("401", [], [("e1", 0, "token_expired", None, None)]),
-    ("403-ban", [], [("e1", 0, "banned", BAN_END, None)]),
-    ("connection", [("e1", 1, None, None)], []),
-])
-def test_refusal_of_a_claimed_queue_row(handle, refusal, queue_after, retry_after):
-    enqueue(handle, "e1")
-    payload = handle._dequeue_submission_payload()
-    refuse(handle, payload, refusal)
-    assert queue_rows(handle) == queue_after
-    assert retry_rows(handle) == retry_after
-    if refusal == "401":  # due at once
-        assert handle._peek_retry_payload()["eval_id"] == "e1"
-    if refusal == "403-ban":  # served out, not fought
-        assert handle._peek_retry_payload() is None
+    """What the submission thread does with each kind of refusal of a claimed retry row."""
+    if refusal == "connection":
+        h._defer_claimed_retry_payload(payload, BAN_END, "network_error")
+    else:
+        h._enqueue_retry_payload(payload, *(("banned", BAN_END) if refusal == "403-ban" else ("token_expired",)))
 
 
 @pytest.mark.parametrize("refusal, count_after, reason_after, after_after", [
@@ -59,11 +37,11 @@ def test_refusal_of_a_claimed_queue_row(handle, refusal, queue_after, retry_afte
 def test_refusal_of_a_claimed_retry_row(handle, refusal, count_after, reason_after, after_after):
     add_retry_row(handle, "e1", retry_count=2)
     payload = handle._peek_retry_payload()
-    created_before = rows(handle, "SELECT created_at FROM submission_retry")[0][0]
+    (created_before,), = rows(handle, "SELECT created_at FROM submission_retry")
     refuse(handle, payload, refusal)
     assert retry_rows(handle) == [("e1", count_after, reason_after, after_after, None)]
-    moved_to_back = rows(handle, "SELECT created_at FROM submission_retry")[0][0] > created_before
-    assert moved_to_back is (refusal != "connection")
+    (created_after,), = rows(handle, "SELECT created_at FROM submission_retry")
+    assert (created_after > created_before) is (refusal != "connection")  # a verdict sends it to the back
 
 
 def test_retry_count_given_as_text_counts_as_its_number(handle):
@@ -74,22 +52,17 @@ def test_retry_count_given_as_text_counts_as_its_number(handle):
     assert retry_rows(handle)[0][1] == 3
 
 
-@pytest.mark.parametrize("with_status", [False, True])
-def test_fifth_failure_exhausts_the_payload(handle, with_status):
-    retry_id = add_retry_row(handle, "e1", retry_count=4)
+def test_fifth_failure_exhausts_the_payload_and_closes_its_status(handle):
+    add_retry_row(handle, "e1", retry_count=4)
     payload = handle._peek_retry_payload()
-    if with_status:
-        handle._tracker._conn.execute(
-            "INSERT INTO submission_status (eval_id, eval_type, era_id, submission_id, status, submitted_at) "
-            "VALUES ('e1', 'signal', 3, 'sub-old', 'pending', ?)", (time.time(),))
+    rows(handle, "INSERT INTO submission_status (eval_id, eval_type, era_id, submission_id, status, submitted_at) "
+                 "VALUES ('e1', 'signal', 3, 'sub-old', 'pending', ?)", time.time())
     handle._enqueue_retry_payload(payload, "quota", retry_after=time.time() + 60)
     assert retry_rows(handle) == []
     assert (handle._submission_discarded, handle._submission_rejected) == (1, 1)
     assert any("submission retry exhausted: quota" in e for e in handle._errors)
-    if with_status:  # closed at the service side of the store, as a final verdict
-        row = rows(handle, "SELECT status, rejection_reason, finalized_at FROM submission_status")[0]
-        assert row[:2] == ("not_useful", "retry_exhausted: quota") and row[2] is not None
-    assert retry_id not in [r[0] for r in rows(handle, "SELECT retry_id FROM submission_retry")]
+    (status, reason, finalized), = rows(handle, "SELECT status, rejection_reason, finalized_at FROM submission_status")
+    assert (status, reason) == ("not_useful", "retry_exhausted: quota") and finalized is not None
 
 
 def test_a_persistent_submission_is_sent_six_times_in_all(handle):
@@ -129,9 +102,8 @@ def test_writes_to_a_lost_claim_raise_and_change_nothing(handle, operation, loss
     if loss == "taken-over":
         claim(handle, table, owner="another", row_id=row_id)
     else:
-        key = "queue_id" if on_queue else "retry_id"
-        handle._tracker._conn.execute(f"UPDATE {table} SET payload_json=? WHERE {key}=?",
-                                      (payload["_source_payload_json"].replace("U1", "U9"), row_id))
+        rows(handle, f"UPDATE {table} SET payload_json=? WHERE {'queue_id' if on_queue else 'retry_id'}=?",
+             payload["_source_payload_json"].replace("U1", "U9"), row_id)
     before = (queue_rows(handle), retry_rows(handle))
     text = st._serialize_submission_payload(st._submission_payload_for_storage(payload))
     with pytest.raises(RuntimeError) as info:
@@ -159,28 +131,15 @@ def test_failed_move_leaves_the_row_claimed_for_its_lease(handle):
     assert handle._retry_queue == [] and handle._submission_failures == 1
 
 
-def test_without_a_store_a_refused_payload_waits_in_memory(handle):
-    handle._tracker_uses_persistent_store = False
-    handle._tracker = type("NoStore", (), {"enqueue_retry": None})()  # not callable: the tracker refuses
-    handle._enqueue_retry_payload({"eval_id": "e1", "submission_type": "signal", "era_id": 3}, "token_expired", 5.0)
-    assert [(p["eval_id"], p["retry_count"], p["retry_after"]) for p in handle._retry_queue] == [("e1", 1, 5.0)]
-    assert handle._submission_wakeup.is_set()
-
-
-def test_receipt_after_retries_is_recorded_against_the_retry_row(handle):
-    add_retry_row(handle, "e1", retry_count=1)
-    payload = handle._peek_retry_payload()
-    handle._handle_submission_success(payload, Receipt("sub-r"))
-    assert retry_rows(handle) == []
-    assert [r[0] for r in status_rows(handle)] == ["sub-r"]
-
-
-@pytest.mark.parametrize("retry_count", [0, 1, 3])
-def test_refused_payload_that_no_table_takes_waits_in_memory(handle, retry_count):
-    # An in-memory retry (its first move to the store failed) refused again: the real tracker has no
-    # store-less retry calls, so only memory can keep it, and it must not vanish.
+@pytest.mark.parametrize("storeless, retry_count", [(True, 0), (False, 0), (False, 3)])
+def test_refused_payload_that_no_table_takes_waits_in_memory(handle, monkeypatch, storeless, retry_count):
+    # Without a store, or for an in-memory retry (its first move to the store failed) refused again: only
+    # memory can keep it, and it must not vanish.
+    if storeless:
+        handle._tracker_uses_persistent_store = False
+        monkeypatch.setattr(handle, "_tracker", type("NoStore", (), {"enqueue_retry": None})())
     payload = {"eval_id": "e1", "submission_type": "signal", "era_id": 3, "retry_count": retry_count}
     handle._enqueue_retry_payload(payload, "token_expired", 7.0)
     assert [(p["eval_id"], p["retry_count"], p["retry_after"]) for p in handle._retry_queue] == [
         ("e1", retry_count + 1, 7.0)]
-    assert handle._submission_retrying == 1
+    assert handle._submission_retrying == 1 and handle._submission_wakeup.is_set()

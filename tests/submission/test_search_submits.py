@@ -7,7 +7,7 @@ import pytest
 
 import quillmarsh.search_templates as st
 from quillmarsh import agent_onboarding
-from submission.loop_helpers import wait_until
+from submission.conftest import wait_until
 
 pytestmark = pytest.mark.slow
 

@@ -1,17 +1,11 @@
 """The submission thread against a scripted signal service on a loopback port and a real store: what each
 outcome of a send does to the queue, the retry table, the status table, the counters and the back-off."""
-import os
-import subprocess
-import sys
-import textwrap
 import time
 
 import pytest
 
-import quillmarsh.search_templates as st
-from submission.loop_helpers import quiet_handle, queue_signal, rows, run_thread, wait_until  # noqa: F401
+from submission.conftest import enqueue, rows, run_thread, wait_until
 from submission.scripted_service import DROP, Slow, refused_url
-from submission.service_fixtures import server_url, service  # noqa: F401  (fixtures)
 
 BAN = time.time() + 3600.0
 
@@ -23,9 +17,10 @@ def send_next(h):
     return payload
 
 
-def test_a_signal_travels_from_the_queue_to_a_terminal_status(quiet_handle, service):
-    h = quiet_handle
-    eval_id = queue_signal(h)
+def test_a_signal_travels_from_the_queue_to_a_terminal_status(loop_handle, service):
+    h = loop_handle
+    eval_id = "e1"
+    enqueue(h, eval_id)
     service.script("poll", (200, {"status": "is_validating"}), (200, {"status": "is_validating"}))
     service.poll_default = (200, {"status": "found", "payment": {"amount": 2}})
     threads = [run_thread(h._submission_loop, "submission_thread"), run_thread(h._polling_loop, "polling_thread")]
@@ -52,21 +47,17 @@ def test_a_signal_travels_from_the_queue_to_a_terminal_status(quiet_handle, serv
     ((403, {"error": "banned", "ban_expiry": 0}), ("retry", 0, "banned")),
     ((403, {"error": "forbidden"}), ("final", "submission 403: forbidden")),
     ((400, {"error": "bad graph"}), ("final", "submission 400: bad graph")),
-    ((429, {"error": "slow down"}), ("final", "submission 429: slow down")),
     ((404, {}), ("final", "submission 404: Not Found")),
     ((500, {"error": "boom"}), ("later",)),
     (DROP, ("later",)),
-    ("refused", ("later",)),
     ((200, {"accepted": True}), ("defect", "submission failed: signal submission response missing required "
                                            "submission_id")),
 ])
-def test_each_outcome_of_a_send_is_routed_where_it_belongs(quiet_handle, service, server_url, answer, outcome):
-    h = quiet_handle
-    eval_id = queue_signal(h)
-    if answer == "refused":
-        server_url(refused_url())
-    else:
-        service.script("submit", answer)
+def test_each_outcome_of_a_send_is_routed_where_it_belongs(loop_handle, service, answer, outcome):
+    h = loop_handle
+    eval_id = "e1"
+    enqueue(h, eval_id)
+    service.script("submit", answer)
     h._submission_backoff_seconds = 40.0  # a pause from earlier failures
     send_next(h)
     queue = rows(h, "SELECT priority, in_flight_owner FROM submission_queue")
@@ -90,9 +81,10 @@ def test_each_outcome_of_a_send_is_routed_where_it_belongs(quiet_handle, service
         assert (h._submission_backoff, h._submission_backoff_seconds) == expected
 
 
-def test_a_refused_token_is_sent_again_with_the_same_key_and_then_recorded(quiet_handle, service):
-    h = quiet_handle
-    eval_id = queue_signal(h)
+def test_a_refused_token_is_sent_again_with_the_same_key_and_then_recorded(loop_handle, service):
+    h = loop_handle
+    eval_id = "e1"
+    enqueue(h, eval_id)
     service.script("submit", (401, {"error": "token expired"}))
     send_next(h)
     retry = h._dequeue_retry_payload()
@@ -105,9 +97,9 @@ def test_a_refused_token_is_sent_again_with_the_same_key_and_then_recorded(quiet
     assert rows(h, "SELECT submitted FROM signal_evaluations") == [(1,)]
 
 
-def test_connection_failures_double_the_pause_up_to_its_ceiling(quiet_handle, server_url):
-    h = quiet_handle
-    queue_signal(h)
+def test_connection_failures_double_the_pause_up_to_its_ceiling(loop_handle, server_url):
+    h = loop_handle
+    enqueue(h, "e1")
     server_url(refused_url())
     pauses = []
     for _ in range(3):
@@ -120,49 +112,10 @@ def test_connection_failures_double_the_pause_up_to_its_ceiling(quiet_handle, se
     assert rows(h, "SELECT priority, in_flight_owner FROM submission_queue") == [(1, None)]
 
 
-CRASHING_SENDER = textwrap.dedent("""
-    import os, sys, json
-    from types import SimpleNamespace
-    sys.path.insert(0, {tests!r})
-    import quillmarsh.agent_onboarding as onboarding
-    import quillmarsh.search_templates as st
-    from quillmarsh.search_tracking import SearchTracker
-    from engine.helpers import ERA_FIELDS, VOCAB, FakeAuth, FakeEraConfig, Obfuscation
-
-    onboarding._config = {{"data_dir": {data_dir!r}, "server_url": {url!r}}}
-    st._library_runtime = SimpleNamespace(auth_proxy=FakeAuth())
-    h = st._SearchHandleImpl(template=None, n_jobs=0, tracker=SearchTracker({data_dir!r}), sync_mgr=None,
-                             bt=None, obf=Obfuscation(json.dumps(VOCAB), 3, "U1"),
-                             era_cfg=FakeEraConfig(**ERA_FIELDS), auth_mock=FakeAuth(), data_dir={data_dir!r})
-    h._handle_submission_success = lambda payload, receipt: os._exit(7)  # dies with the receipt unseen
-    h._submit_payload(h._dequeue_submission_payload())
-    sys.exit(0)
-""")
-
-
-def test_a_payload_sent_again_after_a_crash_carries_the_same_idempotency_key(quiet_handle, service, data_dir):
-    h = quiet_handle
-    eval_id = queue_signal(h)
-    tests = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
-    script = CRASHING_SENDER.format(tests=tests, data_dir=data_dir, url=service.url)
-    done = subprocess.run([sys.executable, "-c", script], timeout=60, capture_output=True, text=True)
-    assert done.returncode == 7, done.stderr
-    # the dead process still holds its claim; once the lease has run out, this handle takes the row over
-    assert rows(h, "SELECT COUNT(*) FROM submission_queue WHERE in_flight_owner IS NOT NULL") == [(1,)]
-    assert h._dequeue_submission_payload() is None
-    with h._tracker_write_lock:
-        h._tracker._conn.execute("UPDATE submission_queue SET in_flight_at = in_flight_at - ?",
-                                 (st.SUBMISSION_QUEUE_LEASE_SECONDS + 1.0,))
-    send_next(h)
-    first, second = service.of("submit")
-    assert first["idempotency_key"] == second["idempotency_key"] and first["body"] == second["body"]
-    assert rows(h, "SELECT eval_id FROM submission_status") == [(eval_id,)]
-    assert rows(h, "SELECT COUNT(*) FROM submission_queue") == [(0,)]
-
-
-def test_a_replacement_waits_for_the_send_in_flight_and_nothing_leaves_after_it(quiet_handle, service):
-    h = quiet_handle
-    first, second = queue_signal(h), queue_signal(h)
+def test_a_replacement_waits_for_the_send_in_flight_and_nothing_leaves_after_it(loop_handle, service):
+    h = loop_handle
+    first, second = "e1", "e2"
+    enqueue(h, first), enqueue(h, second)
     service.script("submit", Slow(0.3, (200, {"submission_id": "sub-slow"})))
     sender = run_thread(h._submission_loop, "submission_thread")
     assert wait_until(lambda: len(service.of("submit")) == 1, 5.0)
