@@ -226,3 +226,22 @@ def test_receipt_without_a_store_goes_to_the_tracker(handle, store_dir, monkeypa
     assert tracker.recorded == [("e1", kind, "sub-m", 3, *expected)]
     assert tracker.marked == [("e1", kind)]
     assert list(handle._pending_submissions) == ["sub-m"] and journal_files(store_dir) == []
+
+
+@pytest.mark.parametrize("vanishes", ["inside makedirs", "after makedirs"])
+def test_journal_directory_removed_by_another_search_mid_write_is_made_again(handle, store_dir, monkeypatch,
+                                                                             vanishes):
+    real_makedirs, calls = os.makedirs, []
+
+    def racing_makedirs(path, exist_ok=False):
+        calls.append(path)
+        if len(calls) > 1:
+            return real_makedirs(path, exist_ok=exist_ok)
+        if vanishes == "inside makedirs":  # found existing, then gone before makedirs could check
+            raise FileExistsError(17, "File exists", path)
+        real_makedirs(path, exist_ok=exist_ok)
+        os.rmdir(path)
+
+    monkeypatch.setattr(os, "makedirs", racing_makedirs)
+    key = handle._append_receipt_journal(claimed(handle), Receipt("s1"), required=True)
+    assert len(calls) == 2 and journal_files(store_dir) == [os.path.basename(handle._receipt_journal_file_path(key))]

@@ -36,11 +36,13 @@ def test_a_signal_the_service_accepts_makes_its_near_copy_too_correlated_for_the
         client = client_of(svc)
         receipt = client.submit_signal(**submission(rot("cs_rank", feature("quality"))))
         assert wait_terminal(client, receipt.submission_id)["status"] == "found"
-        era = json.loads((tmp_path / ERA_CONFIG_FILE_NAME).read_text())
-        assert era["signal_pools"][0]["found_signal_ids"] == [receipt.submission_id]
+        # The verdict is recorded first and published just after it: the feed and the era file follow.
+        def listed():
+            era = json.loads((tmp_path / ERA_CONFIG_FILE_NAME).read_text())
+            return era["signal_pools"][0]["found_signal_ids"] == [receipt.submission_id]
         deadline = time.monotonic() + 30
-        while _correlation(evaluator, near_copy) <= 0.7:
-            assert time.monotonic() < deadline, "the evaluator never saw the found signal"
+        while not listed() or _correlation(evaluator, near_copy) <= 0.7:
+            assert time.monotonic() < deadline, "the era file or the evaluator never saw the found signal"
             time.sleep(0.05)
         assert _correlation(evaluator, rot("cs_rank", feature("alt_11"))) < 0.7
     finally:
