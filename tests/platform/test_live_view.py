@@ -191,12 +191,13 @@ def test_a_search_publishes_its_snapshot_for_watchers(tmp_path, tracker):
     out_dir = tmp_path / "pub"
     out_dir.mkdir()
     source = live.HandleSource(handle, tracker._conn, publish_dir=out_dir)
-    tracker.record_signal_evaluation({"type": "feature", "node": "new"}, BacktestStats(sharpe=1.0), 1, True, "U", None)
+    tracker.record_signal_evaluation({"type": "feature", "node": "new"}, BacktestStats(sharpe=1.0, quality_score=0.7, returns=0.3), 1, True, "U", None)
     tracker.record_signal_evaluation({"type": "feature", "node": "bad"}, BacktestStats(), 1, False, "U", None)
     tracker.get_evaluation_count()  # passes without a queue row are held until a reader of the tracker asks
     snap = source.snapshot()
     # the evaluation stored before the search began is not this search's
-    assert (snap.evaluated, snap.passed, [b["expression"] for b in snap.best]) == (2, 1, ["new"])
+    assert (snap.evaluated, snap.passed, [(b["expression"], b["sharpe"], b["fitness"]) for b in snap.best]) == (
+        2, 1, [("new", 1.0, 0.7)])
     published = live.read_published(out_dir)
     assert (published["evaluated"], published["running"], published["baseline_rowid"]) == (2, True, 1)
     stopped.set()
