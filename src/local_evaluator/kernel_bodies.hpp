@@ -74,12 +74,16 @@ class Moments {
       s1 += d; s2 += Centred ? d * d : abs(d); m += Centred ? d * d : abs(d); c += select(there, one, zero);
       // What the window holds: its centred sum of squares (times the count) or its sum |d|.
       const v4l stale = Centred ? m * c > limit * (s2 * c - s1 * s1) : m > limit * s2;
-      if (any(stale)) {
-        for (size_t i = 0; i < q; ++i)
-          if (stale[i]) anchor(x, t, N, w, n + i, kn[i], s1[i], s2[i], c[i], m[i]);
-      }
       if constexpr (Centred) store(k + n, kn, q);
       store(a1 + n, s1, q); store(a2 + n, s2, q); store(cnt + n, c, q); store(mass + n, m, q);
+      if (any(stale)) [[unlikely]] {
+        // Fixed up in the state arrays, out of the common path, so that the sums never have to leave the
+        // registers for it.
+        for (size_t i = 0; i < q; ++i)
+          if (stale[i]) anchor(x, t, N, w, n + i, k[n + i], a1[n + i], a2[n + i], cnt[n + i], mass[n + i]);
+        s1 = load(a1 + n, q, 0.0); s2 = load(a2 + n, q, 0.0); c = load(cnt + n, q, 0.0);
+        if constexpr (Centred) kn = load(k + n, q, 0.0);
+      }
       store(o + n, cell(v, s1, s2, c, kn), q);
     });
   }
@@ -320,11 +324,13 @@ void ts_decay_linear(const double* x, double* out, size_t T, size_t N, int w, in
       nu = select(empty, zero, nu); su = select(empty, zero, su); wn = select(empty, zero, wn);
       ws = select(empty, zero, ws); g = select(empty, zero, g); m = select(empty, zero, m);
       const v4l stale = m > kReanchor * g;
-      if (any(stale))
-        for (size_t i = 0; i < k; ++i)
-          if (stale[i]) anchor(t, n + i, nu[i], su[i], g[i], m[i]);
       store(num + n, nu, k); store(sum + n, su, k); store(wnum + n, wn, k); store(wsum + n, ws, k);
       store(count + n, c, k); store(mass + n, m, k); store(gross + n, g, k);
+      if (any(stale)) [[unlikely]] {  // fixed up in the state arrays, out of the common path
+        for (size_t i = 0; i < k; ++i)
+          if (stale[i]) anchor(t, n + i, num[n + i], sum[n + i], gross[n + i], mass[n + i]);
+        nu = load(num + n, k, 0.0);
+      }
       const v4d r = nu / select(wn > 0.0, wn, one);
       store(o + n, select(there & (c >= double(minp)), r, splat(kNaN)), k);
     });
@@ -399,7 +405,10 @@ QM_INLINE void pair_row(const double* x, const double* y, size_t t, size_t N, si
     mxn += a * a; myn += b * b;
     // Either input's mass against its centred sum of squares (both times the count).
     const v4l stale = (mxn * c > limit * (axx * c - ax * ax)) | (myn * c > limit * (ayy * c - ay * ay));
-    if (any(stale)) {
+    store(kx + n, kxn, k); store(ky + n, kyn, k);
+    store(sx + n, ax, k); store(sy + n, ay, k); store(sxx + n, axx, k); store(syy + n, ayy, k);
+    store(sxy + n, axy, k); store(cnt + n, c, k); store(mx + n, mxn, k); store(my + n, myn, k);
+    if (any(stale)) [[unlikely]] {  // fixed up in the state arrays, out of the common path
       for (size_t i = 0; i < k; ++i) {
         if (!stale[i]) continue;
         // The window's valid pairs, afresh about their means.
@@ -409,21 +418,20 @@ QM_INLINE void pair_row(const double* x, const double* y, size_t t, size_t N, si
           const double p = x[j * N + col], q = y[j * N + col];
           if (p + q == p + q) { mxs += p; mys += q; m += 1.0; }
         }
-        if (m > 0.0) { kxn[i] = mxs / m; kyn[i] = mys / m; }
+        if (m > 0.0) { kx[col] = mxs / m; ky[col] = mys / m; }
         double s_x = 0.0, s_y = 0.0, s_xx = 0.0, s_yy = 0.0, s_xy = 0.0;
         for (size_t j = lo; j <= t; ++j) {
           const double p = x[j * N + col], q = y[j * N + col];
           if (!(p + q == p + q)) continue;
-          const double u = p - kxn[i], v = q - kyn[i];
+          const double u = p - kx[col], v = q - ky[col];
           s_x += u; s_y += v; s_xx += u * u; s_yy += v * v; s_xy += u * v;
         }
-        ax[i] = s_x; ay[i] = s_y; axx[i] = s_xx; ayy[i] = s_yy; axy[i] = s_xy; c[i] = m;
-        mxn[i] = s_xx; myn[i] = s_yy;
+        sx[col] = s_x; sy[col] = s_y; sxx[col] = s_xx; syy[col] = s_yy; sxy[col] = s_xy; cnt[col] = m;
+        mx[col] = s_xx; my[col] = s_yy;
       }
+      ax = load(sx + n, k, 0.0); ay = load(sy + n, k, 0.0); axx = load(sxx + n, k, 0.0);
+      ayy = load(syy + n, k, 0.0); axy = load(sxy + n, k, 0.0); c = load(cnt + n, k, 0.0);
     }
-    store(kx + n, kxn, k); store(ky + n, kyn, k);
-    store(sx + n, ax, k); store(sy + n, ay, k); store(sxx + n, axx, k); store(syy + n, ayy, k);
-    store(sxy + n, axy, k); store(cnt + n, c, k); store(mx + n, mxn, k); store(my + n, myn, k);
     const v4d cv = select(c > 1.0, c, splat(2.0)), inv = 1.0 / cv;
     const v4d v = emit(cv, axy - ax * ay * inv, axx - ax * ax * inv, ayy - ay * ay * inv, axx, ayy);
     store(o + n, select(there & (c >= mp), v, splat(kNaN)), k);
