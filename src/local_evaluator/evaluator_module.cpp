@@ -220,10 +220,13 @@ py::tuple book_series(const py::array& signal, const py::array& fwd_returns, con
 // Instruments per block of a run of element-wise and time-series operators; 0: whole panels, every
 // operator's result a panel of its own (and a candidate for the cache). Measured on the machine this was
 // tuned on (2 cores, 1 MB L2 each, 32 MB L3, 500 x 1,260 panels), blocks of 8 to 128 instruments were
-// slower than whole panels for every graph shape tried: the panels of a graph stay in the L3 cache, the
-// time-series kernels are bound by arithmetic rather than memory, and gathering a block's columns from
-// rows 4 kB apart costs more than the L2 saves. So whole panels are the default; the blocked path gives
-// the same bits and stays selectable for machines with a small L3.
+// slower than whole panels for every graph shape tried, and on the search stream (cache off, one thread)
+// by 15-25%: the time-series kernels are bound by arithmetic rather than memory (0.5-1.5 ms an operator
+// against 0.1 ms to copy a panel), most graphs of a search are one to three operators deep with a feature
+// (a whole panel, read from memory either way) at the bottom and the signal (a whole panel) at the top,
+// so a run rarely has an intermediate to keep in the L2, while a block pays for gathering its columns from
+// rows 4 kB apart and for the kernels' per-row work on short rows. So whole panels are the default; the
+// blocked path gives the same bits and stays selectable (bench_evaluator.py --blocks measures it).
 constexpr size_t kDefaultBlock = 0;
 
 // The position of `op` among `names`, which list an enumeration's members in order.

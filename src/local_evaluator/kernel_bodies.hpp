@@ -74,12 +74,16 @@ class Moments {
       s1 += d; s2 += Centred ? d * d : abs(d); m += Centred ? d * d : abs(d); c += select(there, one, zero);
       // What the window holds: its centred sum of squares (times the count) or its sum |d|.
       const v4l stale = Centred ? m * c > limit * (s2 * c - s1 * s1) : m > limit * s2;
-      if (any(stale)) {
-        for (size_t i = 0; i < q; ++i)
-          if (stale[i]) anchor(x, t, N, w, n + i, kn[i], s1[i], s2[i], c[i], m[i]);
-      }
       if constexpr (Centred) store(k + n, kn, q);
       store(a1 + n, s1, q); store(a2 + n, s2, q); store(cnt + n, c, q); store(mass + n, m, q);
+      if (any(stale)) [[unlikely]] {
+        // Fixed up in the state arrays, out of the common path, so that the sums never have to leave the
+        // registers for it.
+        for (size_t i = 0; i < q; ++i)
+          if (stale[i]) anchor(x, t, N, w, n + i, k[n + i], a1[n + i], a2[n + i], cnt[n + i], mass[n + i]);
+        s1 = load(a1 + n, q, 0.0); s2 = load(a2 + n, q, 0.0); c = load(cnt + n, q, 0.0);
+        if constexpr (Centred) kn = load(k + n, q, 0.0);
+      }
       store(o + n, cell(v, s1, s2, c, kn), q);
     });
   }
@@ -320,11 +324,13 @@ void ts_decay_linear(const double* x, double* out, size_t T, size_t N, int w, in
       nu = select(empty, zero, nu); su = select(empty, zero, su); wn = select(empty, zero, wn);
       ws = select(empty, zero, ws); g = select(empty, zero, g); m = select(empty, zero, m);
       const v4l stale = m > kReanchor * g;
-      if (any(stale))
-        for (size_t i = 0; i < k; ++i)
-          if (stale[i]) anchor(t, n + i, nu[i], su[i], g[i], m[i]);
       store(num + n, nu, k); store(sum + n, su, k); store(wnum + n, wn, k); store(wsum + n, ws, k);
       store(count + n, c, k); store(mass + n, m, k); store(gross + n, g, k);
+      if (any(stale)) [[unlikely]] {  // fixed up in the state arrays, out of the common path
+        for (size_t i = 0; i < k; ++i)
+          if (stale[i]) anchor(t, n + i, num[n + i], sum[n + i], gross[n + i], mass[n + i]);
+        nu = load(num + n, k, 0.0);
+      }
       const v4d r = nu / select(wn > 0.0, wn, one);
       store(o + n, select(there & (c >= double(minp)), r, splat(kNaN)), k);
     });
@@ -399,7 +405,10 @@ QM_INLINE void pair_row(const double* x, const double* y, size_t t, size_t N, si
     mxn += a * a; myn += b * b;
     // Either input's mass against its centred sum of squares (both times the count).
     const v4l stale = (mxn * c > limit * (axx * c - ax * ax)) | (myn * c > limit * (ayy * c - ay * ay));
-    if (any(stale)) {
+    store(kx + n, kxn, k); store(ky + n, kyn, k);
+    store(sx + n, ax, k); store(sy + n, ay, k); store(sxx + n, axx, k); store(syy + n, ayy, k);
+    store(sxy + n, axy, k); store(cnt + n, c, k); store(mx + n, mxn, k); store(my + n, myn, k);
+    if (any(stale)) [[unlikely]] {  // fixed up in the state arrays, out of the common path
       for (size_t i = 0; i < k; ++i) {
         if (!stale[i]) continue;
         // The window's valid pairs, afresh about their means.
@@ -409,21 +418,20 @@ QM_INLINE void pair_row(const double* x, const double* y, size_t t, size_t N, si
           const double p = x[j * N + col], q = y[j * N + col];
           if (p + q == p + q) { mxs += p; mys += q; m += 1.0; }
         }
-        if (m > 0.0) { kxn[i] = mxs / m; kyn[i] = mys / m; }
+        if (m > 0.0) { kx[col] = mxs / m; ky[col] = mys / m; }
         double s_x = 0.0, s_y = 0.0, s_xx = 0.0, s_yy = 0.0, s_xy = 0.0;
         for (size_t j = lo; j <= t; ++j) {
           const double p = x[j * N + col], q = y[j * N + col];
           if (!(p + q == p + q)) continue;
-          const double u = p - kxn[i], v = q - kyn[i];
+          const double u = p - kx[col], v = q - ky[col];
           s_x += u; s_y += v; s_xx += u * u; s_yy += v * v; s_xy += u * v;
         }
-        ax[i] = s_x; ay[i] = s_y; axx[i] = s_xx; ayy[i] = s_yy; axy[i] = s_xy; c[i] = m;
-        mxn[i] = s_xx; myn[i] = s_yy;
+        sx[col] = s_x; sy[col] = s_y; sxx[col] = s_xx; syy[col] = s_yy; sxy[col] = s_xy; cnt[col] = m;
+        mx[col] = s_xx; my[col] = s_yy;
       }
+      ax = load(sx + n, k, 0.0); ay = load(sy + n, k, 0.0); axx = load(sxx + n, k, 0.0);
+      ayy = load(syy + n, k, 0.0); axy = load(sxy + n, k, 0.0); c = load(cnt + n, k, 0.0);
     }
-    store(kx + n, kxn, k); store(ky + n, kyn, k);
-    store(sx + n, ax, k); store(sy + n, ay, k); store(sxx + n, axx, k); store(syy + n, ayy, k);
-    store(sxy + n, axy, k); store(cnt + n, c, k); store(mx + n, mxn, k); store(my + n, myn, k);
     const v4d cv = select(c > 1.0, c, splat(2.0)), inv = 1.0 / cv;
     const v4d v = emit(cv, axy - ax * ay * inv, axx - ax * ax * inv, ayy - ay * ay * inv, axx, ayy);
     store(o + n, select(there & (c >= mp), v, splat(kNaN)), k);
@@ -556,47 +564,152 @@ void cs_rank(const double* x, double* out, size_t T, size_t N) {
 }
 
 namespace {
-inline void row_moments(const double* row, size_t N, double& mean, double& sd, size_t& m) {
-  double s = 0.0;
-  m = 0;
-  for (size_t n = 0; n < N; ++n) if (ok(row[n])) { s += row[n]; ++m; }
-  mean = m ? s / double(m) : kNaN;
-  double ss = 0.0;
-  for (size_t n = 0; n < N; ++n) if (ok(row[n])) { double d = row[n] - mean; ss += d * d; }
-  sd = m ? std::sqrt(ss / double(m)) : kNaN;
+// Sums along a row are added in instrument order, one value at a time, so a row's result does not depend on
+// how the row is cut; that makes each sum one long chain of dependent additions. The cross-sectional
+// reductions therefore run kRows rows side by side, one row a lane: the chains of different rows overlap,
+// and each lane still adds its row's values in instrument order, so every row gives the bits it gives alone.
+// Columns are read four at a time from four rows and transposed in registers.
+constexpr size_t kGroups = 2;              // vectors of four rows (columns_of_rows reads eight rows)
+constexpr size_t kRows = 4 * kGroups;
+
+QM_INLINE void transpose4(lanes::v4d& a, lanes::v4d& b, lanes::v4d& c, lanes::v4d& d) {
+  using lanes::v4l;
+  const lanes::v4d t0 = __builtin_shuffle(a, b, v4l{0, 4, 2, 6}), t1 = __builtin_shuffle(a, b, v4l{1, 5, 3, 7});
+  const lanes::v4d t2 = __builtin_shuffle(c, d, v4l{0, 4, 2, 6}), t3 = __builtin_shuffle(c, d, v4l{1, 5, 3, 7});
+  a = __builtin_shuffle(t0, t2, v4l{0, 1, 4, 5});
+  b = __builtin_shuffle(t1, t3, v4l{0, 1, 4, 5});
+  c = __builtin_shuffle(t0, t2, v4l{2, 3, 6, 7});
+  d = __builtin_shuffle(t1, t3, v4l{2, 3, 6, 7});
+}
+
+// f(g, v) for every column n = 0 .. N-1 in order, v holding column n of rows r[4g] .. r[4g+3].
+template <class F>
+QM_INLINE void columns_of_rows(const double* const* r, size_t N, F&& f) {
+  using namespace lanes;
+  size_t n = 0;
+  const double *r0 = r[0], *r1 = r[1], *r2 = r[2], *r3 = r[3], *r4 = r[4], *r5 = r[5], *r6 = r[6], *r7 = r[7];
+  for (; n + 4 <= N; n += 4) {
+    v4d a0 = load(r0 + n, 4, 0.0), a1 = load(r1 + n, 4, 0.0), a2 = load(r2 + n, 4, 0.0), a3 = load(r3 + n, 4, 0.0);
+    v4d b0 = load(r4 + n, 4, 0.0), b1 = load(r5 + n, 4, 0.0), b2 = load(r6 + n, 4, 0.0), b3 = load(r7 + n, 4, 0.0);
+    transpose4(a0, a1, a2, a3);
+    transpose4(b0, b1, b2, b3);
+    f(0, a0); f(1, b0); f(0, a1); f(1, b1); f(0, a2); f(1, b2); f(0, a3); f(1, b3);
+  }
+  for (; n < N; ++n)
+    for (size_t g = 0; g < kGroups; ++g) f(g, v4d{r[4 * g][n], r[4 * g + 1][n], r[4 * g + 2][n], r[4 * g + 3][n]});
+}
+
+// The valid values of each row: their sum (of |x| when Abs) in instrument order, and their count.
+template <bool Abs>
+QM_INLINE void row_sums(const double* const* r, size_t N, double* sum, double* count) {
+  using namespace lanes;
+  v4d s[kGroups], m[kGroups];
+  for (size_t g = 0; g < kGroups; ++g) s[g] = m[g] = splat(0.0);
+  columns_of_rows(r, N, [&](size_t g, v4d v) QM_LAMBDA {
+    const v4l there = valid(v);
+    s[g] = select(there, s[g] + (Abs ? abs(v) : v), s[g]);
+    m[g] += select(there, splat(1.0), splat(0.0));
+  });
+  for (size_t g = 0; g < kGroups; ++g)
+    for (size_t i = 0; i < 4; ++i) { sum[4 * g + i] = s[g][i]; count[4 * g + i] = m[g][i]; }
+}
+
+// Sum and count of one row's valid values, in instrument order (rows that do not fill a group).
+inline void row_sum(const double* row, size_t N, bool absolute, double& s, double& m) {
+  s = 0.0;
+  m = 0.0;
+  for (size_t n = 0; n < N; ++n) if (ok(row[n])) { s += absolute ? std::fabs(row[n]) : row[n]; m += 1.0; }
+}
+
+// Rows t .. t+kRows-1 (whole groups) through f(rows, sums, counts) and the rest one at a time.
+template <bool Abs, class F>
+QM_INLINE void each_row_sum(const double* x, size_t T, size_t N, F&& f) {
+  const double* r[kRows];
+  double s[kRows], m[kRows];
+  size_t t = 0;
+  for (; t + kRows <= T; t += kRows) {
+    for (size_t i = 0; i < kRows; ++i) r[i] = x + (t + i) * N;
+    row_sums<Abs>(r, N, s, m);
+    for (size_t i = 0; i < kRows; ++i) f(t + i, s[i], m[i]);
+  }
+  for (; t < T; ++t) {
+    row_sum(x + t * N, N, Abs, s[0], m[0]);
+    f(t, s[0], m[0]);
+  }
+}
+
+// Sum of squared deviations from each row's mean over its valid values, in instrument order.
+inline void row_squares(const double* x, size_t t, size_t N, const double* mean, double* ss, size_t rows) {
+  using namespace lanes;
+  if (rows < kRows) {
+    for (size_t i = 0; i < rows; ++i) {
+      const double* row = x + (t + i) * N;
+      double q = 0.0;
+      for (size_t n = 0; n < N; ++n) if (ok(row[n])) { const double d = row[n] - mean[i]; q += d * d; }
+      ss[i] = q;
+    }
+    return;
+  }
+  const double* r[kRows];
+  for (size_t i = 0; i < kRows; ++i) r[i] = x + (t + i) * N;
+  v4d q[kGroups], mu[kGroups];
+  for (size_t g = 0; g < kGroups; ++g) {
+    q[g] = splat(0.0);
+    mu[g] = v4d{mean[4 * g], mean[4 * g + 1], mean[4 * g + 2], mean[4 * g + 3]};
+  }
+  columns_of_rows(r, N, [&](size_t g, v4d v) QM_LAMBDA {
+    const v4d d = v - mu[g];
+    q[g] = select(valid(v), q[g] + d * d, q[g]);
+  });
+  for (size_t g = 0; g < kGroups; ++g)
+    for (size_t i = 0; i < 4; ++i) ss[4 * g + i] = q[g][i];
 }
 }  // namespace
 
 void cs_zscore(const double* x, double* out, size_t T, size_t N) {
-  for (size_t t = 0; t < T; ++t) {
-    const double* row = x + t * N;
-    double* o = out + t * N;
-    double mean, sd; size_t m;
-    row_moments(row, N, mean, sd, m);
-    bool bad = m < 2 || !(sd > 1e-12 * std::fabs(mean)) || sd == 0.0;
-    for (size_t n = 0; n < N; ++n) o[n] = (bad || !ok(row[n])) ? kNaN : (row[n] - mean) / sd;
+  double mean[kRows], sd[kRows], count[kRows], ss[kRows];
+  for (size_t t = 0; t < T; t += kRows) {
+    const size_t rows = std::min(kRows, T - t);
+    if (rows == kRows) {
+      const double* r[kRows];
+      for (size_t i = 0; i < kRows; ++i) r[i] = x + (t + i) * N;
+      double s[kRows];
+      row_sums<false>(r, N, s, count);
+      for (size_t i = 0; i < kRows; ++i) mean[i] = count[i] > 0.0 ? s[i] / count[i] : kNaN;
+    } else {
+      for (size_t i = 0; i < rows; ++i) {
+        double s;
+        row_sum(x + (t + i) * N, N, false, s, count[i]);
+        mean[i] = count[i] > 0.0 ? s / count[i] : kNaN;
+      }
+    }
+    row_squares(x, t, N, mean, ss, rows);
+    for (size_t i = 0; i < rows; ++i) {
+      const double* row = x + (t + i) * N;
+      double* o = out + (t + i) * N;
+      sd[i] = count[i] > 0.0 ? std::sqrt(ss[i] / count[i]) : kNaN;
+      const double mu = mean[i], sigma = sd[i];
+      const bool bad = count[i] < 2.0 || !(sigma > 1e-12 * std::fabs(mu)) || sigma == 0.0;
+      for (size_t n = 0; n < N; ++n) o[n] = (bad || !ok(row[n])) ? kNaN : (row[n] - mu) / sigma;
+    }
   }
 }
 
 void cs_demean(const double* x, double* out, size_t T, size_t N) {
-  for (size_t t = 0; t < T; ++t) {
+  each_row_sum<false>(x, T, N, [&](size_t t, double s, double m) QM_LAMBDA {
     const double* row = x + t * N;
     double* o = out + t * N;
-    double s = 0.0; size_t m = 0;
-    for (size_t n = 0; n < N; ++n) if (ok(row[n])) { s += row[n]; ++m; }
-    double mean = m ? s / double(m) : 0.0;
+    const double mean = m > 0.0 ? s / m : 0.0;
     for (size_t n = 0; n < N; ++n) o[n] = row[n] - mean;
-  }
+  });
 }
 
 void cs_scale(const double* x, double* out, size_t T, size_t N) {
-  for (size_t t = 0; t < T; ++t) {
+  each_row_sum<true>(x, T, N, [&](size_t t, double s, double) QM_LAMBDA {
     const double* row = x + t * N;
     double* o = out + t * N;
-    double s = 0.0;
-    for (size_t n = 0; n < N; ++n) if (ok(row[n])) s += std::fabs(row[n]);
     for (size_t n = 0; n < N; ++n) o[n] = s > 0.0 ? row[n] / s : kNaN;
-  }
+  });
 }
 
 void unary(Unary op, const double* x, double* out, size_t n) {
@@ -767,6 +880,15 @@ QM_INLINE double book_row(const double* src, double* o, size_t N, double truncat
   return 1.0;
 }
 
+// The flags of four names (k <= 4 of them real) as lanes, nonzero meaning flagged: one widening load.
+QM_INLINE lanes::v4l flags4(const std::uint8_t* f, size_t k) {
+  typedef std::uint8_t v4b __attribute__((vector_size(4)));
+  v4b b = {0, 0, 0, 0};
+  if (k == lanes::kLanes) std::memcpy(&b, f, sizeof b);
+  else for (size_t i = 0; i < k; ++i) b[i] = f[i];
+  return __builtin_convertvector(b, lanes::v4l);
+}
+
 // One day of the daily series. The day's book is scale * src, written to w; `prev` is the previous day's
 // book (all zero before the first day). Every test is a lane mask; nothing branches on the data.
 template <bool HasFlag>
@@ -789,11 +911,7 @@ QM_INLINE void daily_row(const double* __restrict src, double scale, double* __r
     net += v;
     gross += a;
     mx = max(mx, a);
-    if constexpr (HasFlag) {
-      v4l marked = splat_int(0);
-      for (size_t i = 0; i < k; ++i) marked[i] = f[n + i];
-      flagged += select(marked != 0, a, zero);
-    }
+    if constexpr (HasFlag) flagged += select(flags4(f + n, k) != 0, a, zero);
   });
   const double g = sum(gross), l = double(sum(longs)), sh = double(sum(shorts));
   s.pnl[t] = sum(pnl); s.traded[t] = sum(traded); s.longs[t] = l; s.shorts[t] = sh;

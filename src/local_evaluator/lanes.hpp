@@ -42,12 +42,26 @@ QM_INLINE void store(double* p, v4d v, std::size_t k) {
   else for (std::size_t i = 0; i < k; ++i) p[i] = v[i];
 }
 
-QM_INLINE v4d select(v4l mask, v4d a, v4d b) {  // mask ? a : b, lane by lane
+// mask ? a : b, lane by lane (every mask lane is 0 or -1). On AVX one blend, which picks by each lane's sign
+// bit: the same lanes.
+QM_INLINE v4d select(v4l mask, v4d a, v4d b) {
+#if QM_ISA_AVX
+  return (v4d)_mm256_blendv_pd((__m256d)b, (__m256d)a, (__m256d)mask);
+#else
   return (v4d)(((v4l)a & mask) | ((v4l)b & ~mask));
+#endif
 }
 QM_INLINE v4l valid(v4d x) { return x == x; }  // not NaN
 QM_INLINE v4d abs(v4d x) { return (v4d)((v4l)x & splat_int(INT64_MAX)); }
-QM_INLINE v4d max(v4d a, v4d b) { return select(a > b, a, b); }
+// a > b ? a : b, lane by lane (b where either is NaN, and where they are equal, as for -0.0 against 0.0):
+// exactly what the AVX max instruction returns for (a, b).
+QM_INLINE v4d max(v4d a, v4d b) {
+#if QM_ISA_AVX
+  return (v4d)_mm256_max_pd((__m256d)a, (__m256d)b);
+#else
+  return select(a > b, a, b);
+#endif
+}
 QM_INLINE v4d sqrt(v4d x) {
 #if QM_ISA_AVX
   return (v4d)_mm256_sqrt_pd((__m256d)x);
@@ -80,7 +94,18 @@ QM_INLINE v4d log_positive(v4d x) {
   return k * 6.93147180369123816490e-01 - ((hfsq - (s * (hfsq + r) + k * 1.90821492927058770002e-10)) - f);
 }
 
-QM_INLINE bool any(v4l mask) { return (mask[0] | mask[1] | mask[2] | mask[3]) != 0; }
+// Whether any lane of a mask is set: one test of the whole vector, not four lane extractions (it sits in
+// the inner loop of every rolling kernel).
+QM_INLINE bool any(v4l mask) {
+#if QM_ISA_AVX
+  return !_mm256_testz_si256((__m256i)mask, (__m256i)mask);
+#elif defined(__SSE2__)
+  const __m128i lo = __m128i{mask[0], mask[1]}, hi = __m128i{mask[2], mask[3]};
+  return _mm_movemask_epi8(_mm_or_si128(lo, hi)) != 0;
+#else
+  return (mask[0] | mask[1] | mask[2] | mask[3]) != 0;
+#endif
+}
 
 QM_INLINE double sum(v4d v) { return (v[0] + v[1]) + (v[2] + v[3]); }
 QM_INLINE std::int64_t sum(v4l v) { return (v[0] + v[1]) + (v[2] + v[3]); }

@@ -1,4 +1,5 @@
 """Each panel kernel against a direct NumPy rendition of the same definition, NaN positions included."""
+import math
 import os
 import subprocess
 import sys
@@ -134,6 +135,11 @@ def test_rolling_values_keep_their_precision_through_outliers(op, w):
     got = ev.ts2(op, x, y, w) if op in ("corr", "cov") else ev.ts(op, x, w)
     want, scale = _direct_rolling(op, x, y, w)
     assert np.max(np.abs(got[w - 1:] - want) / scale) < 1e-9
+    # Each instrument on its own gives the bits it gives beside the others, re-anchorings included.
+    for n in range(x.shape[1]):
+        a, b = np.ascontiguousarray(x[:, n:n + 1]), np.ascontiguousarray(y[:, n:n + 1])
+        alone = ev.ts2(op, a, b, w) if op in ("corr", "cov") else ev.ts(op, a, w)
+        assert alone.tobytes() == np.ascontiguousarray(got[:, n:n + 1]).tobytes()
 
 
 @pytest.mark.parametrize("op", ["corr", "cov"])
@@ -186,6 +192,46 @@ def test_cross_sectional_operators_match_numpy(op):
     x[4, 1:] = np.nan
     x[6, :] = np.round(x[6, :])  # ties
     assert_panel_equal(ev.cs(op, x), cs_ref(x, op))
+
+
+def cs_in_order(row, op):
+    """demean, zscore or scale of one row with every sum added one value at a time in instrument order."""
+    s = m = 0.0
+    for v in row:
+        if v == v:
+            s += abs(v) if op == "scale" else v
+            m += 1.0
+    if op == "scale":
+        return [v / s if s > 0.0 else math.nan for v in row]
+    mean = s / m if m > 0.0 else (0.0 if op == "demean" else math.nan)
+    if op == "demean":
+        return [v - mean for v in row]
+    ss = 0.0
+    for v in row:
+        if v == v:
+            ss += (v - mean) * (v - mean)
+    sd = math.sqrt(ss / m) if m > 0.0 else math.nan
+    bad = m < 2.0 or not sd > 1e-12 * abs(mean) or sd == 0.0
+    return [math.nan if bad or v != v else (v - mean) / sd for v in row]
+
+
+@pytest.mark.parametrize("op", ["zscore", "demean", "scale"])
+@pytest.mark.parametrize("shape", [(19, 13), (8, 4), (3, 1), (17, 501)])
+def test_cross_sectional_sums_are_exact_in_instrument_order(op, shape):
+    # Magnitudes that make every order of addition round differently, rows that are empty, hold one value
+    # or are constant, and shapes that do not fill the groups of rows computed side by side.
+    rng = np.random.default_rng(shape[1])
+    x = rng.standard_normal(shape) * 10.0 ** rng.integers(-8, 9, shape)
+    x[rng.random(shape) < 0.3] = np.nan
+    x[0] = np.nan
+    if shape[0] > 2:
+        x[1, 1:] = np.nan
+        x[2] = 7.25
+    got = ev.cs(op, x)
+    want = np.array([cs_in_order(row.tolist(), op) for row in x]).reshape(shape)
+    assert got.tobytes() == want.tobytes()
+    for t in range(0, shape[0], 5):  # a row alone gives the bits it gives beside the others
+        assert ev.cs(op, np.ascontiguousarray(x[t:t + 1])).tobytes() == got[t:t + 1].tobytes()
 
 
 UNARY = {
