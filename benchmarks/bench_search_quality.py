@@ -17,6 +17,7 @@ from __future__ import annotations
 
 import argparse
 import json
+import math
 import os
 import random
 import statistics
@@ -73,9 +74,11 @@ def run_method(method: str, seconds: float, data_dir: str) -> dict:
         (started,)).fetchall()
     graphs = [json.loads(g) for g, _, _ in rows]
     # Pass rate by minute of the run: does the search learn while it runs, and how fast?
-    by_minute = {}
+    by_minute = {m: [0, 0] for m in range(max(1, math.ceil(seconds / 60.0)))}
     for _, passed, created_at in rows:
-        counts = by_minute.setdefault(int((created_at - started) // 60.0), [0, 0])
+        if created_at - started >= seconds:
+            continue  # settled while the search stopped
+        counts = by_minute[int((created_at - started) // 60.0)]
         counts[0] += 1
         counts[1] += int(bool(passed))
     hashes = [st._adaptive_weighted_graph_hash(g) for g in graphs]
