@@ -2,8 +2,8 @@
 plain uniform random draws over the same functions and features, each on a fresh data directory of the
 local platform (each in a process of its own, so that nothing carries over).
 
-Per method: evaluations, exact repeats (evaluations of a graph already evaluated in the run), found (what
-the search judged a pass), distinct found (found signals kept greedily in the order found while the
+Per method: evaluations (and per second), the pass rate by minute of the run, exact repeats (evaluations
+of a graph already evaluated in the run), found (what the search judged a pass), distinct found (found signals kept greedily in the order found while the
 absolute correlation of their in-sample daily pnl with every signal already kept stays below 0.7), and
 the median in-sample and held-out Sharpe of the distinct ones (held out: the market's last 20% of days,
 which the search never sees).
@@ -17,6 +17,7 @@ from __future__ import annotations
 
 import argparse
 import json
+import math
 import os
 import random
 import statistics
@@ -69,12 +70,20 @@ def run_method(method: str, seconds: float, data_dir: str) -> dict:
         handle.stop()
     tracker = st._library_runtime.search_tracker
     rows = tracker._conn.execute(
-        "SELECT graph_json, passed FROM signal_evaluations WHERE created_at >= ? ORDER BY created_at",
+        "SELECT graph_json, passed, created_at FROM signal_evaluations WHERE created_at >= ? ORDER BY created_at",
         (started,)).fetchall()
-    graphs = [json.loads(g) for g, _ in rows]
+    graphs = [json.loads(g) for g, _, _ in rows]
+    # Pass rate by minute of the run: does the search learn while it runs, and how fast?
+    by_minute = {m: [0, 0] for m in range(max(1, math.ceil(seconds / 60.0)))}
+    for _, passed, created_at in rows:
+        if created_at - started >= seconds:
+            continue  # settled while the search stopped
+        counts = by_minute[int((created_at - started) // 60.0)]
+        counts[0] += 1
+        counts[1] += int(bool(passed))
     hashes = [st._adaptive_weighted_graph_hash(g) for g in graphs]
     repeats = len(hashes) - len(set(hashes))
-    found = [g for g, (_, passed) in zip(graphs, rows) if passed]
+    found = [g for g, (_, passed, _) in zip(graphs, rows) if passed]
 
     evaluator = local.evaluator
     kept, kept_pnl, in_sample, held_out = [], [], [], []
@@ -90,7 +99,9 @@ def run_method(method: str, seconds: float, data_dir: str) -> dict:
         kept_pnl.append(pnl)
         in_sample.append(float(stats.sharpe))
         held_out.append(float(stats.held_out_sharpe))
-    result = {"method": method, "evaluations": len(rows), "repeats": repeats, "found": len(found),
+    result = {"method": method, "evaluations": len(rows), "evaluations_per_second": len(rows) / seconds,
+              "pass_rate_by_minute": [round(p / max(1, n), 4) for n, p in (by_minute[m] for m in sorted(by_minute))],
+              "repeats": repeats, "found": len(found),
               "distinct": len(kept),
               "in_sample_median": statistics.median(in_sample) if in_sample else None,
               "held_out_median": statistics.median(held_out) if held_out else None}
@@ -130,15 +141,18 @@ def main() -> None:
         print(json.dumps(result), flush=True)
     print("load after: %s" % os.getloadavg().__repr__())
     print("\n%.1f minutes, one thread, fresh data directory each" % args.minutes)
-    header = "%-18s %11s %8s %6s %9s %10s %9s" % ("method", "evaluations", "repeats", "found", "distinct",
-                                                 "IS sharpe", "HO sharpe")
+    header = "%-18s %11s %7s %8s %6s %9s %10s %9s  %s" % (
+        "method", "evaluations", "eval/s", "repeats", "found", "distinct", "IS sharpe", "HO sharpe",
+        "pass rate by minute")
     print(header)
     print("-" * len(header))
     for r in results:
         fmt = lambda v: "-" if v is None else "%.2f" % v  # noqa: E731
-        print("%-18s %11d %7.1f%% %6d %9d %10s %9s" % (
-            r["method"], r["evaluations"], 100.0 * r["repeats"] / max(1, r["evaluations"]), r["found"],
-            r["distinct"], fmt(r["in_sample_median"]), fmt(r["held_out_median"])))
+        print("%-18s %11d %7.1f %7.1f%% %6d %9d %10s %9s  %s" % (
+            r["method"], r["evaluations"], r["evaluations_per_second"],
+            100.0 * r["repeats"] / max(1, r["evaluations"]), r["found"], r["distinct"],
+            fmt(r["in_sample_median"]), fmt(r["held_out_median"]),
+            " ".join("%.1f%%" % (100.0 * x) for x in r["pass_rate_by_minute"])))
     print("target for adaptive_weighted: distinct >= 200, held-out median >= 1.8, repeats < 2%")
 
 

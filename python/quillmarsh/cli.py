@@ -325,7 +325,7 @@ def render_report(report: dict, limit: int = 15) -> str:
         parts.append(render_learning(learning))
     elif learning is None:
         parts.append("adaptive_weighted has not run in this process: the weights above are what it starts "
-                     "from; it refreshes them while it runs and draws about a sixth of its graphs with flat weights.")
+                     "from; it refreshes them while it runs and draws about one graph in twenty with flat weights.")
     for key, value in report.items():
         if key not in ("function_weights", "feature_weights", "unsafe_functions", "learning") \
                 and isinstance(value, (dict, list)):
@@ -336,7 +336,11 @@ def render_report(report: dict, limit: int = 15) -> str:
 def render_learning(learning: dict, limit: int = 8) -> str:
     """What adaptive_weighted learnt in a search: its draws by kind, what it skipped, its heaviest names."""
     draws = learning.get("draws") or {}
-    rows = [("draws: explore / learned / local", " / ".join(str(draws.get(k, 0)) for k in ("explore", "learned", "local"))),
+    moves = learning.get("local_moves") or {}
+    rows = [("draws: explore / learned / local / mirror",
+             " / ".join(str(draws.get(k, 0)) for k in ("explore", "learned", "local", "mirror"))),
+            ("local moves: feature / sibling / subtree / combine",
+             " / ".join(str(moves.get(k, 0)) for k in ("feature", "sibling", "subtree", "combine"))),
             ("exploration share", f"{100.0 * (learning.get('exploration_share') or 0.0):.1f}%")]
     rows += [(key.replace("_", " "), learning.get(key, 0)) for key in
              ("found", "evaluated_known", "repeats_skipped", "near_copies_skipped", "refreshes", "refresh_failures")]

@@ -887,9 +887,9 @@ def _validate_submit_contract_kwargs(kwargs: typing.Any) -> None:
     ...
 def _weighted_choice(items: typing.Any, cum_weights: typing.Any) -> typing.Any:
     ...
-def adaptive_weighted(ctx: typing.Any, refresh_seconds: typing.Any = 5.0, refresh_evaluations: typing.Any = 500, explore_share: typing.Any = 0.15, local_share: typing.Any = 0.5, wrapper_subfamilies: typing.Any = None, mirror_function: typing.Any = 'neg') -> typing.Any:
+def adaptive_weighted(ctx: typing.Any, refresh_seconds: typing.Any = 5.0, refresh_evaluations: typing.Any = 500, explore_share: typing.Any = 0.05, local_share: typing.Any = 0.7, wrapper_subfamilies: typing.Any = None, mirror_function: typing.Any = 'neg') -> typing.Any:
     """
-    Built-in template that learns while it runs: refreshes analytics every refresh_seconds or refresh_evaluations graphs, never yields a graph already evaluated in the era, draws a share of graphs with flat weights (explore_share) and a share by local moves around found signals (local_share), skips near-copies of found signals under wrappers of the given subfamilies, and draws mirror_function(graph) for graphs whose Sharpe was at or below minus the era's floor.
+    Built-in template that learns while it runs: refreshes analytics every refresh_seconds or refresh_evaluations graphs (more often in its first minute), never yields a graph already evaluated in the era, draws a share of graphs with flat weights (explore_share) and a share by local moves around found signals (local_share), skips near-copies of found signals under wrappers of the given subfamilies, and draws mirror_function(graph) for graphs whose Sharpe was at or below minus the era's floor.
     """
 def adaptive_weighted_learning() -> typing.Any:
     """

@@ -52,12 +52,22 @@ def test_outcomes_recorded_during_a_run_change_later_draws(store):
     # The run's outcomes: whatever used "good" passed, everything else failed.
     for graph in before:
         record(store, graph, "good" in leaves(graph))
-    after = [next(gen) for _ in range(200)]  # the first of these refreshes
-    assert share(after) > share(before) + 0.2, (share(before), share(after))
+    after = [next(gen) for _ in range(400)]  # the first of these refreshes
+    assert share(after) > share(before) + 0.15, (share(before), share(after))
     learnt = st.adaptive_weighted_learning()
     assert learnt["refreshes"] >= 1 and learnt["refresh_failures"] == 0
     weights = learnt["feature_weights"]
-    assert weights["good"] > 2 * max(weights[f] for f in features[1:])
+    # The other features pass too where they stand beside "good", so their weights rise less, not never.
+    assert weights["good"] > max(weights[f] for f in features[1:])
+
+
+def test_the_first_refresh_comes_early_whatever_cadence_was_asked_for(store):
+    features = ("good", "n1", "n2", "n3", "n4", "n5")
+    gen = st.adaptive_weighted(make_ctx(store, features=features, depth=4), refresh_seconds=3600.0,
+                               refresh_evaluations=10**6)
+    for _ in range(150):
+        next(gen)
+    assert st.adaptive_weighted_learning()["refreshes"] >= 1
 
 
 def test_no_graph_already_in_the_store_is_drawn_again_and_workers_share_what_was_drawn(store):
@@ -177,6 +187,8 @@ def test_local_moves_stay_near_found_signals_and_within_the_budget(store):
     assert all(depth_of(g) <= 3 and nodes_of(g) <= 9 for g in graphs)
     learnt = st.adaptive_weighted_learning()
     assert learnt["draws"]["local"] > 50 and learnt["found"] == 1
+    # The found signal fills the depth: a combination takes a subtree of it under the new root.
+    assert learnt["local_moves"]["combine"] > 0
     parts = [json.dumps(flip("good"), sort_keys=True), json.dumps(flip("n1"), sort_keys=True)]
     near = sum(any(p in json.dumps(g, sort_keys=True) for p in parts) for g in graphs)
     assert near > 0.3 * len(graphs), near

@@ -18,6 +18,7 @@ namespace {
 constexpr long long kGiveUpAfter = 20000;        // consecutive refused candidates that end the template
 constexpr size_t kMaxSearchMemories = 8;         // memories of earlier searches kept in a process
 constexpr size_t kMaxElites = 20000;             // found graphs kept for local moves
+constexpr long long kStickyRefusals = 64;        // refused candidates before the kind of draw is chosen again
 
 double now_seconds() {
     return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
@@ -107,6 +108,12 @@ py::dict AdaptiveSearchMemory::summary() const {
     by_mode["local"] = py::int_(draws_local);
     by_mode["mirror"] = py::int_(draws_mirror);
     out["draws"] = by_mode;
+    py::dict moves;
+    moves["feature"] = py::int_(local_moves[0]);
+    moves["sibling"] = py::int_(local_moves[1]);
+    moves["subtree"] = py::int_(local_moves[2]);
+    moves["combine"] = py::int_(local_moves[3]);
+    out["local_moves"] = moves;
     out["exploration_share"] = py::float_(draws ? static_cast<double>(draws_explore) / draws : 0.0);
     out["repeats_skipped"] = py::int_(repeats_skipped);
     out["near_copies_skipped"] = py::int_(near_copies_skipped);
@@ -522,8 +529,13 @@ void AdaptiveWeightedGenerator::refresh_weights() {
 
 void AdaptiveWeightedGenerator::maybe_refresh(bool force) {
     double now = now_seconds();
-    if (!force && yields_since_refresh_ < options_.refresh_evaluations && now - last_refresh_ < options_.refresh_seconds)
-        return;
+    if (force) started_ = now;
+    // Early on every outcome moves the weights a lot: the cadence starts at a second (or a hundred graphs)
+    // and slows to the one asked for over the first minute or so.
+    double age = now - started_;
+    double period = std::min(options_.refresh_seconds, 1.0 + age / 10.0);
+    double every = std::min(static_cast<double>(options_.refresh_evaluations), 100.0 + age * 10.0);
+    if (!force && static_cast<double>(yields_since_refresh_) < every && now - last_refresh_ < period) return;
     yields_since_refresh_ = 0;
     last_refresh_ = now;
     if (!force) {
@@ -533,7 +545,7 @@ void AdaptiveWeightedGenerator::maybe_refresh(bool force) {
     }
     refresh_weights();
     // One read of the store per refresh period serves every worker of the search.
-    if (now - memory_->last_found_read >= options_.refresh_seconds * 0.5) read_found();
+    if (now - memory_->last_found_read >= period * 0.5) read_found();
     while (parsed_found_ < memory_->found.size()) {
         Tree t;
         if (parse(memory_->found[parsed_found_], t, 1)) elites_.push_back(std::move(t));
@@ -565,15 +577,29 @@ void collect(TreeT& t, int level, std::vector<std::pair<TreeT*, int>>& out) {
 }
 }  // namespace
 
+// The less used of two found signals drawn at random: local moves spread over the signals found rather
+// than piling onto the first ones, whose neighbourhoods are the most worked already.
+size_t AdaptiveWeightedGenerator::pick_elite() {
+    if (elite_uses_.size() < elites_.size()) elite_uses_.resize(elites_.size(), 0);
+    size_t a = static_cast<size_t>(rng_.below(elites_.size()));
+    size_t b = static_cast<size_t>(rng_.below(elites_.size()));
+    size_t chosen = elite_uses_[b] < elite_uses_[a] ? b : a;
+    ++elite_uses_[chosen];
+    return chosen;
+}
+
 bool AdaptiveWeightedGenerator::local_move(Tree& out) {
-    out = elites_[static_cast<size_t>(rng_.below(elites_.size()))];
+    out = elites_[pick_elite()];
     std::vector<std::pair<Tree*, int>> nodes;
     collect(out, 0, nodes);
-    // Moves that change little (a feature, a window) a quarter and a tenth of the time; moves that add
-    // something new (a fresh subtree, a combination) the rest, as they more often give a signal unlike
-    // the one it came from.
+    // Moves that change little (a feature, a window) a tenth and a twentieth of the time: their passes are
+    // mostly copies of the signal they came from, and a window change keeps the shape, so it is refused
+    // as a near-copy whenever the signal was found. Moves that add something new (a fresh subtree 55%, a
+    // combination 30%) the rest: per evaluation they give two to four times as many signals unlike every
+    // one found before.
     std::uint64_t r = rng_.below(20);
-    int op = r < 5 ? 0 : r < 7 ? 1 : r < 13 ? 2 : 3;
+    int op = r < 2 ? 0 : r < 3 ? 1 : r < 14 ? 2 : 3;
+    last_move_ = op;
     if (op == 0) {  // swap a feature
         std::vector<Tree*> leaves;
         for (auto& [node, level] : nodes)
@@ -604,8 +630,17 @@ bool AdaptiveWeightedGenerator::local_move(Tree& out) {
     // combine with another found signal, or with a fresh small tree, under a two-input function
     if (binary_functions_.empty()) return false;
     Tree other = elites_.size() > 1 && rng_.below(2) == 0
-                     ? elites_[static_cast<size_t>(rng_.below(elites_.size()))]
+                     ? elites_[pick_elite()]
                      : random_tree(1 + static_cast<int>(rng_.below(2)) + 1, false);
+    // Each side must leave room for the new root: a side too deep gives way to one of its subtrees (the
+    // part of a found signal that carries its edge is more often than not below a wrapper at its root).
+    int room = effective_max_depth_ - 1;
+    for (Tree* side : {&out, &other}) {
+        while (depth(*side) > room) {
+            Tree kid = std::move(side->kids[static_cast<size_t>(rng_.below(side->kids.size()))]);
+            *side = std::move(kid);
+        }
+    }
     Tree root;
     root.fn = binary_functions_[static_cast<size_t>(rng_.below(binary_functions_.size()))];
     if (rng_.below(2) == 0) std::swap(out, other);
@@ -640,11 +675,18 @@ py::object AdaptiveWeightedGenerator::next() {
                 return to_graph(mirrored);
             }
         }
+        // The kind of draw is chosen once per graph and kept while its candidates are refused (repeats and
+        // near-copies are refused far more often around found signals than elsewhere, and a fresh choice
+        // after each refusal would shift the draws away from local moves); after kStickyRefusals the choice
+        // is made again.
+        Mode mode = Mode::Learned;
         for (long long refused = 0; refused < kGiveUpAfter; ++refused) {
-            double u = rng_.uniform();
-            Mode mode = u < options_.explore_share ? Mode::Explore
-                        : (!elites_.empty() && u < options_.explore_share + options_.local_share) ? Mode::Local
-                                                                                                  : Mode::Learned;
+            if (refused % kStickyRefusals == 0) {
+                double u = rng_.uniform();
+                mode = u < options_.explore_share ? Mode::Explore
+                       : (!elites_.empty() && u < options_.explore_share + options_.local_share) ? Mode::Local
+                                                                                                 : Mode::Learned;
+            }
             Tree candidate;
             if (mode == Mode::Local) {
                 if (!local_move(candidate)) continue;
@@ -673,6 +715,7 @@ py::object AdaptiveWeightedGenerator::next() {
                 continue;
             }
             memory.evaluated.insert(h);
+            if (mode == Mode::Local) ++memory.local_moves[last_move_];
             (mode == Mode::Explore ? memory.draws_explore
                                    : mode == Mode::Local ? memory.draws_local : memory.draws_learned)++;
             ++yields_since_refresh_;
@@ -754,10 +797,10 @@ void bind_adaptive_weighted(py::module_& m) {
         .def("__next__", &AdaptiveWeightedGenerator::next)
         .def("close", [](AdaptiveWeightedGenerator&) {});
     m.def("adaptive_weighted", &adaptive_weighted, py::arg("ctx"), py::arg("refresh_seconds") = 5.0,
-          py::arg("refresh_evaluations") = 500, py::arg("explore_share") = 0.15, py::arg("local_share") = 0.5,
+          py::arg("refresh_evaluations") = 500, py::arg("explore_share") = 0.05, py::arg("local_share") = 0.7,
           py::arg("wrapper_subfamilies") = py::none(), py::arg("mirror_function") = "neg",
           "Built-in template that learns while it runs: refreshes analytics every refresh_seconds or "
-          "refresh_evaluations graphs, never yields a graph already evaluated in the era, draws a share of "
+          "refresh_evaluations graphs (more often in its first minute), never yields a graph already evaluated in the era, draws a share of "
           "graphs with flat weights (explore_share) and a share by local moves around found signals "
           "(local_share), skips near-copies of found signals under wrappers of the given subfamilies, and "
           "draws mirror_function(graph) for graphs whose Sharpe was at or below minus the era's floor.");

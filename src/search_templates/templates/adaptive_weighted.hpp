@@ -4,12 +4,14 @@
 //
 // * it refreshes the analytics while it runs, through `ctx.refresh_analytics()`, every `refresh_seconds`
 //   or every `refresh_evaluations` graphs, whichever comes first, so that outcomes recorded during the run
-//   bend the draws that follow;
+//   bend the draws that follow; in its first minute more often (from every second or hundred graphs,
+//   slowing to the cadence asked for), while each outcome still moves the weights a lot;
 // * it never yields a graph already evaluated in this era: a set of 64-bit hashes of canonical forms,
 //   seeded from the store at start and shared by every worker of the search;
 // * it keeps exploring while it exploits: a share of draws with flat weights, local moves around the
-//   signals found so far (swap a feature, change a window, replace a subtree, combine two signals), and a
-//   refusal of near-copies of found signals, which a pool's correlation check would reject anyway;
+//   signals found so far (swap a feature, change a window, replace a subtree, combine two signals; each
+//   starting from the less used of two found signals), and a refusal of near-copies of found signals,
+//   which a pool's correlation check would reject anyway;
 // * it mirrors: an evaluation whose Sharpe was at or below minus the era's Sharpe floor is a signal with
 //   the wrong sign, and the same graph under the sign-flipping function (`mirror_function`, "neg" by
 //   default) is drawn next, ahead of anything else.
@@ -64,6 +66,7 @@ struct AdaptiveSearchMemory {
     double last_found_read = -1e300;                // steady-clock seconds of the last read of the store
     long long seeded_count = 0;
     long long draws_explore = 0, draws_learned = 0, draws_local = 0, draws_mirror = 0;
+    long long local_moves[4] = {0, 0, 0, 0};       // local draws by move: feature, sibling, subtree, combine
     long long repeats_skipped = 0, near_copies_skipped = 0, degenerate_skipped = 0, budget_skipped = 0;
     long long refreshes = 0, refresh_failures = 0, store_read_failures = 0;
     py::object function_weights, feature_weights;   // name -> weight after the last refresh (maps)
@@ -74,8 +77,8 @@ struct AdaptiveSearchMemory {
 struct AdaptiveOptions {
     double refresh_seconds = 5.0;
     long long refresh_evaluations = 500;
-    double explore_share = 0.15;
-    double local_share = 0.5;
+    double explore_share = 0.05;
+    double local_share = 0.7;
     std::vector<std::string> wrapper_subfamilies{"smoothing", "normalization", "order", "unary"};
     std::string mirror_function = "neg";  // empty: no mirror images
 };
@@ -123,7 +126,8 @@ private:
 
     size_t pick(const std::vector<double>& cum);
     Tree random_tree(int depth, bool flat);
-    bool local_move(Tree& out);
+    size_t pick_elite();
+    bool local_move(Tree& out);  // sets last_move_
 
     py::object ctx_;
     AdaptiveOptions options_;
@@ -147,10 +151,13 @@ private:
     py::object cached_analytics_;
 
     std::vector<Tree> elites_;  // parsed found graphs, in the order of memory_->found
+    std::vector<std::uint32_t> elite_uses_;  // local moves started from each of them
     size_t parsed_found_ = 0;
+    int last_move_ = 0;
 
     long long yields_since_refresh_ = 0;
     double last_refresh_ = 0.0;
+    double started_ = 0.0;
     SplitMix64 rng_;
     py::object random_module_, json_loads_;
 };
