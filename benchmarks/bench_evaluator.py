@@ -216,35 +216,6 @@ def memory_bandwidth():
     return 2 * src.nbytes / best  # read + write
 
 
-def run_fast(evaluator, graphs):
-    for g in graphs:
-        evaluator.evaluate_expression(g)
-        evaluator.run_backtest(g)
-
-
-def run_two(evaluator, graphs):
-    """The graphs evaluated by two threads at once, each taking the next one as it finishes its last (as
-    a search's workers do), so that neither waits idle on a share that happened to be cheaper."""
-    todo = queue.SimpleQueue()
-    for g in graphs:
-        todo.put(g)
-
-    def work():
-        while True:
-            try:
-                g = todo.get_nowait()
-            except queue.Empty:
-                return
-            evaluator.evaluate_expression(g)
-            evaluator.run_backtest(g)
-
-    threads = [threading.Thread(target=work) for _ in range(2)]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join()
-
-
 def timed(fn, *args):
     t0 = time.perf_counter()
     fn(*args)
@@ -261,17 +232,17 @@ def fixed_main(data_dir):
         evaluator._feature(name)
     evaluator._illiquid_flag()
     # Warm-up on one thread and on two: each thread's allocator arena fills once, outside the timing.
-    run_fast(evaluator, graphs[:5])
-    run_two(evaluator, graphs[:10])
+    run_graphs(evaluator, graphs[:5], 1)
+    run_graphs(evaluator, graphs[:10], 2)
 
     # One thread and two threads alternately, RUNS times each; the median of each is reported, so that a
     # burst of load from another process on this shared machine moves neither figure much.
     ones, cpus, twos = [], [], []
     for _ in range(RUNS):
         cpu0 = time.thread_time()
-        ones.append(timed(run_fast, evaluator, graphs))
+        ones.append(timed(run_graphs, evaluator, graphs, 1))
         cpus.append(time.thread_time() - cpu0)
-        twos.append(timed(run_two, evaluator, graphs))
+        twos.append(timed(run_graphs, evaluator, graphs, 2))
     rate1 = len(graphs) / statistics.median(ones)
     rate_cpu = len(graphs) / statistics.median(cpus)
     rate2 = len(graphs) / statistics.median(twos)
@@ -281,7 +252,7 @@ def fixed_main(data_dir):
     t0 = time.perf_counter()
     np_sharpes = [np_backtest(evaluator, np_eval(evaluator, g))["gross"]["sharpe"] for g in ref]
     rate_np = len(ref) / (time.perf_counter() - t0)
-    fast_ref = len(ref) / timed(run_fast, evaluator, ref)
+    fast_ref = len(ref) / timed(run_graphs, evaluator, ref, 1)
     fast_sharpes = []
     for g in ref:
         evaluator.evaluate_expression(g)
@@ -351,14 +322,14 @@ def stream_worker(path, mode, threads, block=None):
     evaluator._illiquid_flag()
     evaluator._liquidity_rank()
     warm = expressions(evaluator)[:10]
-    run_safe(evaluator, warm, 1)
-    run_safe(evaluator, warm, 2)
+    run_graphs(evaluator, warm, 1)
+    run_graphs(evaluator, warm, 2)
     rates, cpu_rates, infos = [], [], []
     for _ in range(job["runs"]):
         evaluator.cache_clear()
         before = evaluator.cache_info()
         cpu0 = time.process_time()
-        t = timed(run_safe, evaluator, graphs, threads)
+        t = timed(run_graphs, evaluator, graphs, threads)
         rates.append(len(graphs) / t)
         cpu_rates.append(len(graphs) / (time.process_time() - cpu0))
         after = evaluator.cache_info()
@@ -368,9 +339,10 @@ def stream_worker(path, mode, threads, block=None):
     print(json.dumps({"rates": rates, "cpu_rates": cpu_rates, "maxrss_mib": maxrss, "cache": infos[-1]}))
 
 
-def run_safe(evaluator, graphs, threads):
-    """The graphs in order, on `threads` threads taking the next from one queue; a graph the evaluator
-    refuses counts as evaluated, as it would in a search."""
+def run_graphs(evaluator, graphs, threads):
+    """The graphs in order, on `threads` threads each taking the next from one queue as it finishes its
+    last (as a search's workers do, so that none waits idle on a share that happened to be cheaper); a graph
+    the evaluator refuses counts as evaluated, as it would in a search."""
     todo = queue.SimpleQueue()
     for g in graphs:
         todo.put(g)

@@ -74,7 +74,7 @@ void bind_node_budget(py::module_& m) {
           [](py::object ctx, py::object max_depth) { return random_weighted_window_limit(ctx, max_depth); },
           py::arg("ctx"), py::arg("max_depth"));
     m.def("_random_weighted_min_node_count", [](py::object rotation) { return random_weighted_min_node_count(rotation); },
-          py::arg("spec"));
+          py::arg("rotation"));
     m.def("_random_weighted_rotations_within_node_budget",
           [](py::object rotations, py::object node_limit) {
               return random_weighted_rotations_within_node_budget(rotations, node_limit);

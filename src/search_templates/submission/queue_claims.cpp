@@ -113,6 +113,17 @@ py::object decode_claimed_row(SearchHandle& h, const py::object& row_id, const p
     }
 }
 
+// What a dequeue hands out: the payload (or nothing), or nothing when a replacement abort overtook the
+// payload (it is then dropped); the counts are brought up to date either way.
+py::object hand_out(SearchHandle& h, py::object payload) {
+    if (!payload.is_none() && h.replacement_abort_requested()) {
+        h.drop_replacement_aborted_payload(payload, py::none());
+        payload = py::none();
+    }
+    h.update_submission_counts();
+    return payload;
+}
+
 // What the tracker of a store-less search hands out (dequeue_submission()/dequeue_retryable()): a map is
 // the payload itself, anything else an item with `queue_id` and `payload_json`. When it gave something,
 // the dequeue returns `payload` (None if an abort dropped it); else the dequeue goes on to memory.
@@ -121,13 +132,13 @@ struct TrackerTake {
     py::object payload;
 };
 
-TrackerTake take_from_tracker(SearchHandle& h, const char* method, const char* operation) {
+TrackerTake take_from_tracker(SearchHandle& h, const char* method) {
     py::object item;
     try {
         item = h._tracker.attr(method)();
     } catch (...) {
         py::object exc = caught_general_exception();
-        h.record_background_failure(py::str("submission"), py::str(operation), exc, true);
+        h.record_background_failure(py::str("submission"), py::str(method), exc, true);
         return {};
     }
     if (item.is_none()) return {};
@@ -138,13 +149,21 @@ TrackerTake take_from_tracker(SearchHandle& h, const char* method, const char* o
         payload = h.payload_from_tracker_item(item);
         if (payload.is_none()) return {};
     }
-    if (h.replacement_abort_requested()) {
-        h.drop_replacement_aborted_payload(payload, py::none());
+    return {true, hand_out(h, payload)};
+}
+
+// Both dequeues open alike: nothing while a replacement aborts or a receipt waits for the store, then a
+// tracker without a persistent store is asked first. True when that settled the dequeue's result.
+bool open_dequeue(SearchHandle& h, const char* tracker_method, py::object& result) {
+    if (h.replacement_abort_requested() || !h.flush_pending_receipt_finalizations()) {
         h.update_submission_counts();
-        return {true, py::none()};
+        result = py::none();
+        return true;
     }
-    h.update_submission_counts();
-    return {true, payload};
+    if (h._tracker_uses_persistent_store) return false;
+    TrackerTake taken = take_from_tracker(h, tracker_method);
+    if (taken.returned) result = taken.payload;
+    return taken.returned;
 }
 
 // A dequeue from the persistent store: peek until a payload, nothing, or a reason to stop (stop, abort,
@@ -269,14 +288,8 @@ py::object SearchHandle::peek_retry_payload() {
 }
 
 py::object SearchHandle::dequeue_submission_payload() {
-    if (replacement_abort_requested() || !flush_pending_receipt_finalizations()) {
-        update_submission_counts();
-        return py::none();
-    }
-    if (!_tracker_uses_persistent_store) {
-        TrackerTake taken = take_from_tracker(*this, "dequeue_submission", "dequeue_submission");
-        if (taken.returned) return taken.payload;
-    }
+    py::object opened;
+    if (open_dequeue(*this, "dequeue_submission", opened)) return opened;
     py::object item = py::none();
     try {
         item = _submission_queue.attr("get_nowait")();
@@ -287,46 +300,21 @@ py::object SearchHandle::dequeue_submission_payload() {
         }
         item = py::none();
     }
-    if (!_tracker_uses_persistent_store) {
-        if (!item.is_none()) {
-            if (replacement_abort_requested()) {
-                drop_replacement_aborted_payload(item, py::none());
-                update_submission_counts();
-                return py::none();
-            }
-            update_submission_counts();
-            return item;
-        }
-        update_submission_counts();
-        return py::none();
-    }
+    if (!_tracker_uses_persistent_store) return hand_out(*this, item);
     // In persistent mode an item of the in-memory queue is only a wake-up: the work comes from the store.
     return dequeue_from_store(*this, false);
 }
 
 py::object SearchHandle::dequeue_retry_payload() {
-    if (replacement_abort_requested() || !flush_pending_receipt_finalizations()) {
-        update_submission_counts();
-        return py::none();
-    }
-    if (!_tracker_uses_persistent_store) {
-        TrackerTake taken = take_from_tracker(*this, "dequeue_retryable", "dequeue_retryable");
-        if (taken.returned) return taken.payload;
-    }
+    py::object opened;
+    if (open_dequeue(*this, "dequeue_retryable", opened)) return opened;
     // A due entry of the in-memory retry list, the oldest first, in every mode.
     double now = wall_now();
     py::list snapshot = new_list(_retry_queue);
     for (size_t i = 0; i < snapshot.size(); ++i) {
         py::object retry_after = payload_get(snapshot[i], "retry_after");
         if (!retry_after.is_none() && py_gt(retry_after, py::float_(now))) continue;
-        py::object entry = _retry_queue.attr("pop")(i);
-        if (replacement_abort_requested()) {
-            drop_replacement_aborted_payload(entry, py::none());
-            update_submission_counts();
-            return py::none();
-        }
-        update_submission_counts();
-        return entry;
+        return hand_out(*this, _retry_queue.attr("pop")(i));
     }
     if (!_tracker_uses_persistent_store) {
         update_submission_counts();
