@@ -328,11 +328,21 @@ void harden_template_sandbox() {
 
 bool template_sandbox_hardened() { return g_guard_requested; }
 
-TemplateSandboxScope::TemplateSandboxScope() {
+namespace {
+
+// Entering the sandbox: the hooks (and the hardened guard, when the host asked for it) in place, then this
+// thread marked.
+void enter_template_sandbox() {
     install_template_sandbox_hooks();
     if (g_guard_requested) install_template_sandbox_guard();
-    thread_id_ = current_thread_id();
     mark_current_thread();
+}
+
+}  // namespace
+
+TemplateSandboxScope::TemplateSandboxScope() {
+    thread_id_ = current_thread_id();
+    enter_template_sandbox();
 }
 
 TemplateSandboxScope::~TemplateSandboxScope() {
@@ -376,11 +386,7 @@ void init_template_sandbox(py::module_& m) {
 
     // The context manager of `_template_sandbox()`: marks the thread on entry, unmarks it on any exit.
     py::class_<SandboxContext>(m, "_TemplateSandboxContext")
-        .def("__enter__", [](SandboxContext&) {
-            install_template_sandbox_hooks();
-            if (g_guard_requested) install_template_sandbox_guard();
-            mark_current_thread();
-        })
+        .def("__enter__", [](SandboxContext&) { enter_template_sandbox(); })
         .def("__exit__", [](SandboxContext&, py::args) {
             unmark_thread(current_thread_id());
             return false;
