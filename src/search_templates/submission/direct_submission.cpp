@@ -3,16 +3,13 @@
 
 #include "common/py_helpers.hpp"
 #include "evaluation/metric_contract.hpp"
+#include "submission/store_transaction.hpp"
 
 #include <string>
 
 namespace quillmarsh::st {
 
 namespace {
-
-[[noreturn]] void raise_value_error(const std::string& message) {
-    raise_new(py::handle(PyExc_ValueError), py::make_tuple(message));
-}
 
 [[noreturn]] void raise_connection_error(const std::string& message) {
     raise_new(py::handle(PyExc_ConnectionError), py::make_tuple(message));
