@@ -3,16 +3,13 @@
 
 #include "common/py_helpers.hpp"
 #include "evaluation/metric_contract.hpp"
+#include "submission/store_transaction.hpp"
 
 #include <string>
 
 namespace quillmarsh::st {
 
 namespace {
-
-[[noreturn]] void raise_value_error(const std::string& message) {
-    raise_new(py::handle(PyExc_ValueError), py::make_tuple(message));
-}
 
 [[noreturn]] void raise_connection_error(const std::string& message) {
     raise_new(py::handle(PyExc_ConnectionError), py::make_tuple(message));
@@ -51,6 +48,16 @@ long long status_code_of(py::handle result) { return py::int_(key_or_attr(result
     py::dict kwargs;
     kwargs["body"] = body;
     raise_instance(call_kw(rejected_error_type, {py::int_(status_code), reason, details_from_body(body)}, kwargs));
+}
+
+// The service's answer sorted by its status code, `what` naming the call ("during signal submission",
+// "while polling <id>"): no answer at all or a 5xx is a connection error, anything else outside 2xx a
+// refusal; a 2xx passes.
+void raise_unless_success(py::handle result, py::handle rejected_error_type, const std::string& what) {
+    const long long code = status_code_of(result);
+    if (code == 0 && truthy(key_or_attr(result, "error"))) raise_connection_error("transport error " + what);
+    if (code >= 500) raise_connection_error("Server error " + std::to_string(code) + " " + what);
+    if (code < 200 || code > 299) raise_rejection(rejected_error_type, code, result);
 }
 
 }  // namespace
@@ -125,12 +132,8 @@ py::object details_from_body(py::handle body) {
 
 py::object result_to_receipt(py::handle result, py::handle submission_type, py::handle receipt_type,
                              py::handle rejected_error_type) {
-    const long long code = status_code_of(result);
     const std::string kind = str(submission_type);
-    if (code == 0 && truthy(key_or_attr(result, "error")))
-        raise_connection_error("transport error during " + kind + " submission");
-    if (code >= 500) raise_connection_error("Server error " + std::to_string(code) + " during " + kind + " submission");
-    if (code < 200 || code > 299) raise_rejection(rejected_error_type, code, result);
+    raise_unless_success(result, rejected_error_type, "during " + kind + " submission");
     py::object submission_id = key_or_attr(result, "submission_id");
     if (!truthy(submission_id))
         raise_new(module_attr("SubmissionProtocolError"),
@@ -153,12 +156,7 @@ py::object poll_status_internal(py::handle submission_id) {
     py::object rejected_type = import_from("quillmarsh.submit", "SubmissionRejectedError");
     return with_client([&](py::object client) {
         py::object result = client.attr("get_signal_status")(submission_id);
-        const long long code = status_code_of(result);
-        const std::string id = str(submission_id);
-        if (code == 0 && truthy(key_or_attr(result, "error")))
-            raise_connection_error("transport error while polling " + id);
-        if (code >= 500) raise_connection_error("Server error " + std::to_string(code) + " while polling " + id);
-        if (code < 200 || code > 299) raise_rejection(rejected_type, code, result);
+        raise_unless_success(result, rejected_type, "while polling " + str(submission_id));
         py::object raw = key_or_attr(result, "body");
         py::dict body = is_dict(raw) ? py::reinterpret_borrow<py::dict>(raw) : py::dict();
         auto get = [&](const char* key, py::object dflt) { return body.attr("get")(key, dflt); };

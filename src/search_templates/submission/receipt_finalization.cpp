@@ -57,62 +57,54 @@ void SearchHandle::record_submission_and_delete_queue(py::object payload, py::ob
     }
 
     bool journal_replay = truthy(payload_get(payload, "_journal_replay"));
-    {
-        PyLockHold write_guard(_tracker_write_lock);
-        py::object conn = _tracker.attr("_conn");
-        try {
-            execute(conn, "BEGIN IMMEDIATE");
-            py::tuple pools = resolve_submission_pool_ids(conn, payload);
-            py::object pool_id = pools[0];
-            if (!is_str(pool_id) || !truthy(pool_id)) raise_value_error("pool_id must be a non-empty string");
-            bound_sibling("_ensure_submission_sim_parent")(conn, sim_id, era_id);
-            execute(conn,
-                    "INSERT INTO submission_status (eval_id, eval_type, pool_id, signal_pool_id, submission_id, "
-                    "sim_id, era_id, status, submitted_at) VALUES (?, ?, ?, ?, ?, ?, ?, 'pending', ?)",
-                    py::make_tuple(eval_id, submission_type, pool_id, pools[1], submission_id, sim_id, era_id,
-                                   wall_now()));
-            std::string table = is_strategy(submission_type) ? "strategy_evaluations" : "signal_evaluations";
-            std::string mark = "UPDATE " + table + " SET submitted=1 WHERE eval_id=?";
-            if (rowcount(execute(conn, mark.c_str(), py::make_tuple(eval_id))) != 1)
-                raise_value_error("eval_id=" + str(eval_id) + " not found in " + table);
+    write_transaction(*this, "ROLLBACK failed during submission commit: %s", [&](py::object conn) {
+        py::tuple pools = resolve_submission_pool_ids(conn, payload);
+        py::object pool_id = pools[0];
+        if (!is_str(pool_id) || !truthy(pool_id)) raise_value_error("pool_id must be a non-empty string");
+        bound_sibling("_ensure_submission_sim_parent")(conn, sim_id, era_id);
+        execute(conn,
+                "INSERT INTO submission_status (eval_id, eval_type, pool_id, signal_pool_id, submission_id, "
+                "sim_id, era_id, status, submitted_at) VALUES (?, ?, ?, ?, ?, ?, ?, 'pending', ?)",
+                py::make_tuple(eval_id, submission_type, pool_id, pools[1], submission_id, sim_id, era_id,
+                               wall_now()));
+        std::string table = is_strategy(submission_type) ? "strategy_evaluations" : "signal_evaluations";
+        std::string mark = "UPDATE " + table + " SET submitted=1 WHERE eval_id=?";
+        if (rowcount(execute(conn, mark.c_str(), py::make_tuple(eval_id))) != 1)
+            raise_value_error("eval_id=" + str(eval_id) + " not found in " + table);
 
-            py::object retry_id = payload_get(payload, "retry_id");
-            bool retry = !retry_id.is_none();
-            py::object source_id = retry ? retry_id : payload_get(payload, "_queue_id");
-            py::object cur;
-            if (!journal_replay) {
-                const char* sql = retry ? "DELETE FROM submission_retry WHERE retry_id=? AND in_flight_owner=?"
-                                        : "DELETE FROM submission_queue WHERE queue_id=? AND in_flight_owner=?";
-                cur = execute(conn, sql, py::make_tuple(source_id, _submission_owner));
-            } else {
-                // The owner of the crashed run is gone: the row is pinned by its content instead.
-                std::string sql = retry ? "DELETE FROM submission_retry WHERE retry_id=? AND eval_id=? AND "
-                                          "eval_type=? AND era_id=?"
-                                        : "DELETE FROM submission_queue WHERE queue_id=? AND eval_id=? AND "
-                                          "eval_type=? AND era_id=?";
-                py::list params;
-                for (py::handle p : {source_id.ptr(), eval_id.ptr(), submission_type.ptr(), era_id.ptr()})
-                    params.append(p);
-                py::object created_at = payload_get(payload, "_source_created_at");
-                if (!created_at.is_none()) {
-                    sql += " AND created_at=?";
-                    params.append(created_at);
-                }
-                py::object source_json = payload_get(payload, "_source_payload_json");
-                if (!source_json.is_none()) {
-                    sql += " AND payload_json=?";
-                    params.append(source_json);
-                }
-                cur = execute(conn, sql.c_str(), py::tuple(params));
+        py::object retry_id = payload_get(payload, "retry_id");
+        bool retry = !retry_id.is_none();
+        py::object source_id = retry ? retry_id : payload_get(payload, "_queue_id");
+        py::object cur;
+        if (!journal_replay) {
+            const char* sql = retry ? "DELETE FROM submission_retry WHERE retry_id=? AND in_flight_owner=?"
+                                    : "DELETE FROM submission_queue WHERE queue_id=? AND in_flight_owner=?";
+            cur = execute(conn, sql, py::make_tuple(source_id, _submission_owner));
+        } else {
+            // The owner of the crashed run is gone: the row is pinned by its content instead.
+            std::string sql = retry ? "DELETE FROM submission_retry WHERE retry_id=? AND eval_id=? AND "
+                                      "eval_type=? AND era_id=?"
+                                    : "DELETE FROM submission_queue WHERE queue_id=? AND eval_id=? AND "
+                                      "eval_type=? AND era_id=?";
+            py::list params;
+            for (py::handle p : {source_id.ptr(), eval_id.ptr(), submission_type.ptr(), era_id.ptr()})
+                params.append(p);
+            py::object created_at = payload_get(payload, "_source_created_at");
+            if (!created_at.is_none()) {
+                sql += " AND created_at=?";
+                params.append(created_at);
             }
-            // A claim lost between send and commit rolls everything back; the receipt then waits.
-            if (rowcount(cur) != 1) raise_runtime_error("claimed submission row was not deleted");
-            execute(conn, "COMMIT");
-        } catch (...) {
-            rollback_quietly(conn, "ROLLBACK failed during submission commit: %s");
-            throw;
+            py::object source_json = payload_get(payload, "_source_payload_json");
+            if (!source_json.is_none()) {
+                sql += " AND payload_json=?";
+                params.append(source_json);
+            }
+            cur = execute(conn, sql.c_str(), py::tuple(params));
         }
-    }
+        // A claim lost between send and commit rolls everything back; the receipt then waits.
+        if (rowcount(cur) != 1) raise_runtime_error("claimed submission row was not deleted");
+        return py::none();
+    });
     maybe_fire_discovery_rate_declining_nudge();
 }
 

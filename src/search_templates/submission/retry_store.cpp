@@ -15,29 +15,12 @@ namespace quillmarsh::st {
 
 namespace {
 
-// A transaction on one claimed row: BEGIN IMMEDIATE, `body(conn)`, COMMIT; on any error a guarded
-// ROLLBACK and the error goes on.
-template <typename Body>
-py::object claimed_row_transaction(SearchHandle& h, const char* rollback_message, Body&& body) {
-    PyLockHold write_guard(h._tracker_write_lock);
-    py::object conn = h._tracker.attr("_conn");
-    try {
-        execute(conn, "BEGIN IMMEDIATE");
-        py::object result = body(conn);
-        execute(conn, "COMMIT");
-        return result;
-    } catch (...) {
-        rollback_quietly(conn, rollback_message);
-        throw;
-    }
-}
-
 // One UPDATE of a claimed row, guarded by its predicates with the owner.
 void update_claimed_row(SearchHandle& h, const py::object& payload, const char* id_key, const char* id_name,
                         const char* head, py::list params, const char* stale_message,
                         const char* rollback_message) {
     py::object row_id = payload_get(payload, id_key);
-    claimed_row_transaction(h, rollback_message, [&](py::object conn) -> py::object {
+    write_transaction(h, rollback_message, [&](py::object conn) -> py::object {
         py::tuple predicates = h.source_sql_predicates(payload, py::str(id_name), row_id, true);
         for (auto p : predicates[1].cast<py::list>()) params.append(p);
         std::string sql = std::string(head) + predicates[0].cast<std::string>();
@@ -131,7 +114,7 @@ py::object SearchHandle::move_claimed_queue_to_retry(py::object payload, py::obj
     py::object queue_id = payload_get(payload, "_queue_id");
     if (queue_id.is_none()) raise_value_error("queue_id required to move submission_queue row to retry");
     require_payload_typed_keys(payload, py::str("submission_queue"), queue_id);
-    return claimed_row_transaction(*this, "ROLLBACK failed during retry-move: %s", [&](py::object conn) {
+    return write_transaction(*this, "ROLLBACK failed during retry-move: %s", [&](py::object conn) {
         py::tuple predicates = source_sql_predicates(payload, py::str("queue_id"), queue_id, true);
         py::object pool_id = resolve_submission_pool_ids(conn, payload)[0];
         if (!is_str(pool_id) || !truthy(pool_id)) raise_value_error("pool_id must be a non-empty string");

@@ -13,10 +13,6 @@ namespace quillmarsh::st {
 
 namespace {
 
-constexpr double BACKOFF_RESET_SECONDS = 5.0;
-constexpr double BACKOFF_FACTOR = 2.0;
-constexpr double BACKOFF_CEILING_SECONDS = 300.0;
-
 bool stopped(SearchHandle& h) { return truthy(h._stop_event.attr("is_set")()); }
 
 double polling_interval() {
@@ -76,9 +72,7 @@ py::list pending_payloads(SearchHandle& h) {
     // The memory's view wins: it is what this run has just recorded.
     for (py::handle pair : snapshot) {
         py::tuple kv = pair.cast<py::tuple>();
-        py::object copy = py::reinterpret_steal<py::object>(PyObject_CallOneArg((PyObject*)&PyDict_Type, kv[1].ptr()));
-        if (!copy) throw py::error_already_set();
-        result[kv[0]] = copy;
+        result[kv[0]] = copy_of(py::object(kv[1]));
     }
     return new_list(result.attr("values")());
 }
@@ -174,19 +168,14 @@ void polling_loop_inner(SearchHandle& h) {
                     if (h.replacement_abort_requested()) return;
                     PyLockHold hold(h._lock);
                     h._polling_backoff_seconds =
-                        std::min(h._polling_backoff_seconds * BACKOFF_FACTOR, BACKOFF_CEILING_SECONDS);
+                        std::min(h._polling_backoff_seconds * LOOP_BACKOFF_FACTOR, LOOP_BACKOFF_CEILING_SECONDS);
                     h._polling_backoff_until = monotonic_now() + current_backoff;
                     break;
                 }
                 if (error_matches(e, rejected_type)) {
                     if (h.replacement_abort_requested()) return;
                     py::object exc = e.value();
-                    py::object details = attr_or(exc, "details");
-                    if (!is_dict(details)) details = py::dict();
-                    py::object reason = attr_or(exc, "reason");
-                    if (!truthy(reason)) reason = details.attr("get")("error");
-                    if (!truthy(reason)) reason = py::str("unknown");
-                    op(h, "_finalize_pending_error")(item, attr_or(exc, "status_code"), reason);
+                    op(h, "_finalize_pending_error")(item, attr_or(exc, "status_code"), rejection_reason(exc));
                     continue;
                 }
                 if (!is_general_exception(e)) throw;
@@ -202,7 +191,7 @@ void polling_loop_inner(SearchHandle& h) {
             op(h, "_apply_polled_status")(item, poll_result);
             if (h.replacement_abort_requested()) return;
             PyLockHold hold(h._lock);
-            h._polling_backoff_seconds = BACKOFF_RESET_SECONDS;
+            h._polling_backoff_seconds = LOOP_BACKOFF_RESET_SECONDS;
             h._polling_backoff_until = 0.0;
         }
     }

@@ -3,6 +3,8 @@
 // exception object that the failure ledger records.
 #pragma once
 
+#include "engine/search_handle.hpp"
+
 #include <pybind11/pybind11.h>
 
 #include <initializer_list>
@@ -25,6 +27,24 @@ long long rowcount(py::handle cursor);
 // "ROLLBACK" in a guard of its own: a general exception there is logged at warning level with
 // `message` (a %s format) and swallowed, so that the first error goes on.
 void rollback_quietly(py::handle conn, const char* message);
+
+// One write transaction on the tracker's connection, under `_tracker_write_lock`: "BEGIN IMMEDIATE",
+// `body(conn)`, "COMMIT"; on any error a guarded "ROLLBACK" (logged with `rollback_message`) and the error
+// goes on. Returns what `body` returned.
+template <typename Body>
+py::object write_transaction(SearchHandle& h, const char* rollback_message, Body&& body) {
+    PyLockHold write_guard(h._tracker_write_lock);
+    py::object conn = h._tracker.attr("_conn");
+    try {
+        execute(conn, "BEGIN IMMEDIATE");
+        py::object result = body(conn);
+        execute(conn, "COMMIT");
+        return result;
+    } catch (...) {
+        rollback_quietly(conn, rollback_message);
+        throw;
+    }
+}
 
 // Raises RuntimeError(message) / ValueError(message) as Python exceptions.
 [[noreturn]] void raise_runtime_error(const std::string& message);

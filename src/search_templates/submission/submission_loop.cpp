@@ -15,9 +15,6 @@ namespace quillmarsh::st {
 
 namespace {
 
-constexpr double BACKOFF_RESET_SECONDS = 5.0;
-constexpr double BACKOFF_FACTOR = 2.0;
-constexpr double BACKOFF_CEILING_SECONDS = 300.0;
 constexpr double PAUSED_STEP_SECONDS = 0.05;
 
 bool event_is_set(const py::object& event) { return truthy(event.attr("is_set")()); }
@@ -36,22 +33,6 @@ bool has_in_memory_work(SearchHandle& h) { return truthy(op(h, "_has_in_memory_s
 bool stopped(SearchHandle& h) { return event_is_set(h._stop_event); }
 
 py::object get(py::handle payload, const char* key) { return key_or_attr(payload, key); }
-
-py::dict copy_of(py::handle payload) {
-    py::object copy = py::reinterpret_steal<py::object>(PyObject_CallOneArg((PyObject*)&PyDict_Type, payload.ptr()));
-    if (!copy) throw py::error_already_set();
-    return copy.cast<py::dict>();
-}
-
-// The reason of a refusal: its `reason`, else the `error` entry of its details, else "unknown".
-py::object rejection_reason(py::handle exc) {
-    py::object details = attr_or(exc, "details");
-    if (!is_dict(details)) details = py::dict();
-    py::object reason = attr_or(exc, "reason");
-    if (!truthy(reason)) reason = details.attr("get")("error");
-    if (!truthy(reason)) reason = py::str("unknown");
-    return reason;
-}
 
 // A payload that has met its final verdict: its source row goes, or, when that delete finds nothing, its
 // queue id waits in `_finished_queue_ids` so that it is removed instead of sent again.
@@ -76,8 +57,8 @@ void on_connection_error(SearchHandle& h, py::object payload) {
         {
             PyLockHold hold(h._lock);
             h._submission_backoff = true;
-            h._submission_backoff_seconds = std::min(h._submission_backoff_seconds * BACKOFF_FACTOR,
-                                                     BACKOFF_CEILING_SECONDS);
+            h._submission_backoff_seconds = std::min(h._submission_backoff_seconds * LOOP_BACKOFF_FACTOR,
+                                                     LOOP_BACKOFF_CEILING_SECONDS);
             h._submission_backoff_until = monotonic_now() + current_backoff;
         }
         bool kept_in_store = false;
@@ -129,7 +110,7 @@ void on_rejection(SearchHandle& h, py::object payload, py::handle exc) {
                 h._submission_discarded += 1;
                 h._submission_rejected += 1;
                 h._submission_backoff = false;
-                h._submission_backoff_seconds = BACKOFF_RESET_SECONDS;
+                h._submission_backoff_seconds = LOOP_BACKOFF_RESET_SECONDS;
                 h._submission_backoff_until = 0.0;
             }
             h.append_error(py::str("submission " + str(status_code) + ": " + str(reason)));
@@ -158,6 +139,21 @@ void on_defect(SearchHandle& h, py::object payload, py::handle exc) {
 }
 
 }  // namespace
+
+py::dict copy_of(py::handle payload) {
+    py::object copy = py::reinterpret_steal<py::object>(PyObject_CallOneArg((PyObject*)&PyDict_Type, payload.ptr()));
+    if (!copy) throw py::error_already_set();
+    return copy.cast<py::dict>();
+}
+
+py::object rejection_reason(py::handle exc) {
+    py::object details = attr_or(exc, "details");
+    if (!is_dict(details)) details = py::dict();
+    py::object reason = attr_or(exc, "reason");
+    if (!truthy(reason)) reason = details.attr("get")("error");
+    if (!truthy(reason)) reason = py::str("unknown");
+    return reason;
+}
 
 void submission_backoff_sleep(py::object seconds) {
     const double wanted = py::float_(seconds).cast<double>();

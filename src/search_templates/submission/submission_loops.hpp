@@ -36,6 +36,19 @@ void submission_backoff_sleep(py::object seconds);
 // A C++ failure inside a loop, as the RuntimeError it would have been in Python.
 py::object loop_runtime_error(const std::exception& ex);
 
+// The back-off of both threads after a connection error: the value it starts from and returns to, its
+// growth per failure and its ceiling, in seconds.
+inline constexpr double LOOP_BACKOFF_RESET_SECONDS = 5.0;
+inline constexpr double LOOP_BACKOFF_FACTOR = 2.0;
+inline constexpr double LOOP_BACKOFF_CEILING_SECONDS = 300.0;
+
+// The reason of a refusal by the service (a SubmissionRejectedError): its `reason`, else the `error`
+// entry of its details, else "unknown".
+py::object rejection_reason(py::handle exc);
+
+// dict(payload): a shallow copy as a new map.
+py::dict copy_of(py::handle payload);
+
 // The outer guard of both threads: runs the handle's operation `inner` until it returns normally, while
 // `keep_going(h)` holds and `degraded` is false. A failure goes to the ledger under `component` as "loop";
 // the thread ends once that has degraded it, else sleeps `backoff_seconds` and starts over.
