@@ -311,11 +311,7 @@ class Engine {
       if (v.T != T_ || v.N != N_) throw py::value_error("leaf panels must have the market's shape");
       ptrs.push_back(v.data);
     }
-    try {
-      plan.finish(block != 0 && block < N_);
-    } catch (const std::invalid_argument& e) {
-      throw py::value_error(e.what());
-    }
+    plan.finish(block != 0 && block < N_);
     ql::PanelPtr out;
     {
       py::gil_scoped_release release;

@@ -49,7 +49,8 @@ struct PlanNode {
 struct Plan {
   std::vector<PlanNode> nodes;  // post-order; the last is the root
   // Which nodes are whole panels: all of them unless `blocked`, else those that leave a run of blockable
-  // operators (read by a whole-panel operator or by more than one operator, or the root).
+  // operators (read by a whole-panel operator or by more than one operator, or the root). Every input
+  // names a leaf or an earlier node (the module checks each node as it reads it).
   void finish(bool blocked);
   static bool blockable(OpKind k) {
     return k == OpKind::ts || k == OpKind::ts2 || k == OpKind::unary || k == OpKind::binary;

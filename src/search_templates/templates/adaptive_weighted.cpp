@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cmath>
 #include <deque>
-#include <map>
 
 namespace quillmarsh::st {
 
@@ -299,6 +298,7 @@ bool AdaptiveWeightedGenerator::prepare() {
     }
 
     // One function per name: a name listed twice keeps its later record.
+    std::vector<std::string> family_keys;  // family/subfamily/data inputs of each function, its later record
     for (py::handle record : safe) {
         py::object name = record["name"];
         Function f;
@@ -310,8 +310,9 @@ bool AdaptiveWeightedGenerator::prepare() {
         }
         f.base_hash = node_hash("rotation", name.cast<std::string>());
         std::string subfamily = text_of(map_get(record, "function_subfamily", py::str("")));
-        f.family_hash = node_hash("family", text_of(map_get(record, "function_family", py::str(""))) + "/" +
-                                                subfamily + "/" + std::to_string(f.data_inputs));
+        std::string family_key = text_of(map_get(record, "function_family", py::str(""))) + "/" + subfamily + "/" +
+                                 std::to_string(f.data_inputs);
+        f.family_hash = node_hash("family", family_key);
         f.wrapper = f.data_inputs == 1 &&
                     std::find(options_.wrapper_subfamilies.begin(), options_.wrapper_subfamilies.end(), subfamily) !=
                         options_.wrapper_subfamilies.end();
@@ -321,10 +322,13 @@ bool AdaptiveWeightedGenerator::prepare() {
         proto["children"] = py::none();
         f.prototype = proto;
         if (PyDict_Contains(function_index_.ptr(), name.ptr())) {
-            functions_[function_index_[name].cast<size_t>()] = std::move(f);
+            size_t i = function_index_[name].cast<size_t>();
+            functions_[i] = std::move(f);
+            family_keys[i] = std::move(family_key);
         } else {
             function_index_[name] = py::int_(functions_.size());
             functions_.push_back(std::move(f));
+            family_keys.push_back(std::move(family_key));
             function_names_.append(name);
         }
     }
@@ -338,21 +342,9 @@ bool AdaptiveWeightedGenerator::prepare() {
     py::object thresholds = attr_or(ctx_, "_thresholds");
     if (is_dict(thresholds))
         mirror_sharpe_ = std::max(0.5, std::fabs(random_weighted_float_value(map_get(thresholds, "sharpe_min"), 1.0)));
-    std::vector<std::string> families;
-    for (py::handle record : safe)
-        families.push_back(text_of(map_get(record, "function_family", py::str(""))) + "/" +
-                           text_of(map_get(record, "function_subfamily", py::str(""))));
-    std::map<std::string, std::string> family_of;  // name -> family/subfamily, the later record
-    {
-        size_t i = 0;
-        for (py::handle record : safe) family_of[record["name"].cast<std::string>()] = families[i++];
-    }
     for (size_t i = 0; i < functions_.size(); ++i) {
-        for (size_t j = 0; j < functions_.size(); ++j) {
-            if (i != j && functions_[i].data_inputs == functions_[j].data_inputs &&
-                family_of[functions_[i].name.cast<std::string>()] == family_of[functions_[j].name.cast<std::string>()])
-                functions_[i].siblings.push_back(static_cast<int>(j));
-        }
+        for (size_t j = 0; j < functions_.size(); ++j)
+            if (i != j && family_keys[i] == family_keys[j]) functions_[i].siblings.push_back(static_cast<int>(j));
         if (functions_[i].data_inputs == 2) binary_functions_.push_back(static_cast<int>(i));
     }
     py::list unique_features;
@@ -398,13 +390,19 @@ bool AdaptiveWeightedGenerator::accept_found(py::handle graph, py::handle sharpe
     return true;
 }
 
+// The tracker's `signal_graphs` and the era it reads, when the search has a store to read.
+bool AdaptiveWeightedGenerator::store_reader(py::object& read, py::object& era_id) const {
+    py::object tracker = attr_or(ctx_, "_tracker");
+    era_id = attr_or(ctx_, "_era_id");
+    read = tracker.is_none() ? py::object(py::none()) : callable_attr(tracker, "signal_graphs");
+    return !read.is_none() && !era_id.is_none();
+}
+
 void AdaptiveWeightedGenerator::seed_memory() {
     if (memory_->seeded) return;
     memory_->seeded = true;
-    py::object tracker = attr_or(ctx_, "_tracker");
-    py::object era_id = attr_or(ctx_, "_era_id");
-    py::object read = tracker.is_none() ? py::object(py::none()) : callable_attr(tracker, "signal_graphs");
-    if (read.is_none() || era_id.is_none()) return;
+    py::object read, era_id;
+    if (!store_reader(read, era_id)) return;
     bool ok = guarded([&] {
         py::object rows = read(era_id);
         for (py::handle row : rows) {
@@ -421,10 +419,8 @@ void AdaptiveWeightedGenerator::seed_memory() {
 }
 
 void AdaptiveWeightedGenerator::read_found() {
-    py::object tracker = attr_or(ctx_, "_tracker");
-    py::object era_id = attr_or(ctx_, "_era_id");
-    py::object read = tracker.is_none() ? py::object(py::none()) : callable_attr(tracker, "signal_graphs");
-    if (read.is_none() || era_id.is_none()) return;
+    py::object read, era_id;
+    if (!store_reader(read, era_id)) return;
     memory_->last_found_read = now_seconds();
     bool ok = guarded([&] {
         py::dict kwargs;

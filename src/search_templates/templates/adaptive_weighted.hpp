@@ -108,6 +108,7 @@ private:
     enum class Mode { Explore, Learned, Local };
 
     bool prepare();
+    bool store_reader(py::object& read, py::object& era_id) const;
     void seed_memory();
     void maybe_refresh(bool force);
     void read_found();
