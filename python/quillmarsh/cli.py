@@ -231,7 +231,8 @@ def run_demo(args, out=None) -> dict:
     from quillmarsh.local.service import start_demo_service
 
     service = start_demo_service(local.data_dir, args.instruments, args.days, args.seed, out)
-    handle = st.search(getattr(st, getattr(args, "template", TEMPLATES[0])), n_jobs=args.jobs)
+    template = getattr(args, "template", TEMPLATES[0])
+    handle = st.search(getattr(st, template), n_jobs=args.jobs)
     snap = _follow_search(handle, conn, local.data_dir, args.minutes * 60.0, out)
     if snap.error_code:
         print(f"The search stopped: {snap.error_code}: {snap.recovery_advice}", file=out)
@@ -240,7 +241,7 @@ def run_demo(args, out=None) -> dict:
     plot_path = Path(args.plot) if args.plot else local.data_dir / "best_signals.png"
     result = summarise(conn, started, local.evaluator, plot_path, out)
     result["service"] = service.finish(out, started)
-    learning = st.adaptive_weighted_learning() if getattr(args, "template", TEMPLATES[0]) == "adaptive_weighted" else None
+    learning = st.adaptive_weighted_learning() if template == "adaptive_weighted" else None
     if isinstance(learning, dict):
         print("\n" + render_learning(learning), file=out)
     result["learning"] = learning

@@ -366,7 +366,7 @@ def _cache_text() -> str | None:
     if not isinstance(data, dict):
         return None
     hits, misses = int(data.get("hits", 0) or 0), int(data.get("misses", 0) or 0)
-    held = float(data.get("bytes", data.get("bytes_held", 0)) or 0) / 1048576.0
+    held = float(data.get("bytes", 0) or 0) / 1048576.0
     share = 100.0 * hits / (hits + misses) if hits + misses else 0.0
     return f"evaluator cache: hits {hits} ({share:.0f}%)  misses {misses}  held {held:.0f} MiB"
 

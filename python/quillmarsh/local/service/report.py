@@ -8,6 +8,7 @@ import sqlite3
 import time
 import urllib.request
 
+from quillmarsh.signals import format_expression, plain_table
 from quillmarsh.submit import SIGNAL_SUBMIT_FIELDS, SignalServiceClient
 
 from .judge import ACCEPTED_STATUSES
@@ -97,31 +98,20 @@ def render(s: dict) -> str:
     if s["refused"]:
         lines.append("refused: " + ", ".join(f"{k} {n}" for k, n in sorted(s["refused"].items(), key=lambda kv: -kv[1])))
     if s["best"]:
-        rows = [("#", "IS sharpe", "OOS sharpe", "OOS fitness", "correlation", "payment", "expression")]
+        rows = []
         for i, sub in enumerate(s["best"], 1):
             pay = sub.get("payment") or {}
             rows.append((str(i), _num(sub.get("in_sample_sharpe")), _num(sub["is_stats"].get("sharpe")),
                          _num(sub["is_stats"].get("fitness")), _num(sub.get("is_correlation")),
-                         _num(pay.get("amount")), _expression(sub.get("graph"))))
-        widths = [max(len(r[i]) for r in rows) for i in range(len(rows[0]))]
-        rows.insert(1, tuple("-" * w for w in widths))
+                         _num(pay.get("amount")), format_expression(sub.get("graph"))))
         lines.append(f"Best {len(s['best'])} accepted signals:")
-        lines += ["  ".join(c.ljust(w) for c, w in zip(r, widths)).rstrip() for r in rows]
+        lines.append(plain_table(rows, ("#", "IS sharpe", "OOS sharpe", "OOS fitness", "correlation", "payment",
+                                        "expression")))
     return "\n".join(lines)
 
 
 def _num(value, digits=2) -> str:
     return "-" if value is None else f"{value:.{digits}f}"
-
-
-def _expression(graph) -> str:
-    if not isinstance(graph, dict):
-        return repr(graph)
-    if graph.get("type") == "feature":
-        return str(graph.get("node"))
-    if graph.get("type") in ("int", "float", "bool", "string"):
-        return repr(graph.get("node"))
-    return f"{graph.get('node')}({', '.join(_expression(c) for c in graph.get('children') or [])})"
 
 
 def report_to(out, data_dir, url: str, since: float, review_timeout: float = 60.0) -> dict:

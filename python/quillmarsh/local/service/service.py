@@ -30,7 +30,7 @@ from .app import ServiceError, create_app
 from .config import ServiceConfig
 from .feed import publish_found_signals, read_found_signals
 from .judge import ACCEPTED_STATUSES, OutOfSampleJudge, Reviewer
-from .store import PENDING_STATUS, ServiceStore
+from .store import MAX_BATCH, PENDING_STATUS, ServiceStore
 
 logger = logging.getLogger(__name__)
 
@@ -223,7 +223,7 @@ class CommitBatcher:
     """Gathers the submissions of concurrent requests into shared commits, run on one thread off the event
     loop: while one commit is under way, the rows that arrive wait for the next, which takes them all."""
 
-    def __init__(self, store: ServiceStore, max_batch: int = 256):
+    def __init__(self, store: ServiceStore, max_batch: int = MAX_BATCH):
         self.store = store
         self.max_batch = max_batch
         self._pending: list = []

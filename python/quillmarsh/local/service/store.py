@@ -68,8 +68,17 @@ def _connect(path: Path, durable: bool, check_same_thread: bool = True) -> sqlit
 _INSERT = ("INSERT INTO submissions (submission_id, account_id, idempotency_key, fingerprint, signal_pool_id, "
            "universe_id, body_json, response_code, response_json, received_at, review_at, status) "
            "VALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?) ON CONFLICT (account_id, idempotency_key) DO NOTHING")
+# A submission as ``_row_map`` reads it.
+_SELECT_ROWS = ("SELECT submission_id, account_id, idempotency_key, signal_pool_id, universe_id, body_json, "
+                "received_at, review_at, status, verdict_json, judged_at FROM submissions")
 _SELECT_ANSWER = ("SELECT submission_id, fingerprint, response_code, response_json FROM submissions "
                   "WHERE account_id = ? AND idempotency_key = ?")
+
+
+
+def _stored_answer(row) -> StoredAnswer:
+    """The answer of a row of ``_SELECT_ANSWER``."""
+    return StoredAnswer(row[0], row[1], int(row[2]), json.loads(row[3]))
 
 
 class _SubmissionWriter:
@@ -112,8 +121,7 @@ class _SubmissionWriter:
                     if conn.execute(_INSERT, row).rowcount == 1:
                         answers.append(None)
                     else:
-                        found = conn.execute(_SELECT_ANSWER, (row[1], row[2])).fetchone()
-                        answers.append(StoredAnswer(found[0], found[1], int(found[2]), json.loads(found[3])))
+                        answers.append(_stored_answer(conn.execute(_SELECT_ANSWER, (row[1], row[2])).fetchone()))
                 conn.execute("COMMIT")
             except BaseException:
                 try:
@@ -146,9 +154,7 @@ class ServiceStore:
     def answer_for_key(self, account_id: str, key: str) -> StoredAnswer | None:
         with self._lock:
             row = self._conn.execute(_SELECT_ANSWER, (account_id, key)).fetchone()
-        if row is None:
-            return None
-        return StoredAnswer(row[0], row[1], int(row[2]), json.loads(row[3]))
+        return None if row is None else _stored_answer(row)
 
     @staticmethod
     def submission_row(*, submission_id, account_id, key, fingerprint, body: dict, status_code: int, answer: dict,
@@ -166,8 +172,7 @@ class ServiceStore:
         return self._writer.commit(rows)
 
     def submission(self, submission_id: str, account_id: str | None = None) -> dict | None:
-        sql = ("SELECT submission_id, account_id, idempotency_key, signal_pool_id, universe_id, body_json, "
-               "received_at, review_at, status, verdict_json, judged_at FROM submissions WHERE submission_id = ?")
+        sql = _SELECT_ROWS + " WHERE submission_id = ?"
         args: tuple = (submission_id,)
         if account_id is not None:
             sql += " AND account_id = ?"
@@ -177,8 +182,7 @@ class ServiceStore:
         return None if row is None else _row_map(row)
 
     def submissions(self, account_id: str, *, status: str | None = None, limit: int = 100) -> list:
-        sql = ("SELECT submission_id, account_id, idempotency_key, signal_pool_id, universe_id, body_json, "
-               "received_at, review_at, status, verdict_json, judged_at FROM submissions WHERE account_id = ?")
+        sql = _SELECT_ROWS + " WHERE account_id = ?"
         args: tuple = (account_id,)
         if status is not None:
             sql += " AND status = ?"
@@ -208,9 +212,7 @@ class ServiceStore:
     def due_for_review(self, now: float, limit: int = 32) -> list:
         with self._lock:
             rows = self._conn.execute(
-                "SELECT submission_id, account_id, idempotency_key, signal_pool_id, universe_id, body_json, "
-                "received_at, review_at, status, verdict_json, judged_at FROM submissions "
-                "WHERE status = ? AND review_at <= ? ORDER BY review_at, received_at LIMIT ?",
+                _SELECT_ROWS + " WHERE status = ? AND review_at <= ? ORDER BY review_at, received_at LIMIT ?",
                 (PENDING_STATUS, now, int(limit))).fetchall()
         return [_row_map(r) for r in rows]
 
