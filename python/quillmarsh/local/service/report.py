@@ -25,13 +25,12 @@ def fetch_submissions(url: str, token: str, limit: int = 10_000) -> dict:
         return json.loads(response.read())
 
 
-def send_queued(store_path, url: str, token: str) -> tuple:
-    """Send the signals still waiting in a search's ``submission_queue``; returns how many the service took
-    and the refusals, error text -> count.
+def send_queued(conn, url: str, token: str) -> tuple:
+    """Send the signals still waiting in the ``submission_queue`` of a search's store (``conn``, a reader of
+    it, closed here); returns how many the service took and the refusals, error text -> count.
 
     Each goes with the idempotency key the search's own pipeline would give it, so a later search that sends
     the same row is answered with the same submission."""
-    conn = sqlite3.connect(f"file:{store_path}?mode=ro", uri=True, timeout=10.0)
     try:
         rows = conn.execute("SELECT payload_json FROM submission_queue ORDER BY queue_id").fetchall()
     except sqlite3.Error:
@@ -118,12 +117,13 @@ def report_to(out, data_dir, url: str, since: float, review_timeout: float = 60.
     """Send what the search left queued, wait for the verdicts, and print the summary of this run."""
     from pathlib import Path
 
-    from quillmarsh.search_tracking import DB_FILE_NAME
+    from quillmarsh.cli import _open_store
 
     from .service import account_auth
 
     token = account_auth(data_dir).get_token()
-    _taken, refused = send_queued(Path(data_dir) / DB_FILE_NAME, url, token)
+    # The search's own store: the PostgreSQL database of a demo run with one, else the data directory's file.
+    _taken, refused = send_queued(_open_store(Path(data_dir)), url, token)
     s = summary(wait_for_verdicts(url, token, review_timeout), since=since)
     s["not_taken"] = refused
     print("\n" + render(s), file=out, flush=True)
