@@ -11,6 +11,9 @@
 #include "submission/store_transaction.hpp"
 #include "submission/submission_store.hpp"
 
+#include <string>
+#include <utility>
+
 namespace quillmarsh::st {
 
 namespace {
@@ -193,12 +196,15 @@ py::object dequeue_from_store(SearchHandle& h, bool retry) {
 }
 
 // Deletes by id, provided the row is unclaimed or claimed by this owner.
-bool delete_item(SearchHandle& h, const char* sql, const py::object& row_id, const char* operation) {
-    if (!h._tracker_uses_persistent_store) return false;
+// One delete under the write lock, committed: true if it removed exactly one row. `statement()` gives the
+// SQL and its parameters; any failure, its own included, is recorded under `operation` as nothing removed.
+template <class Statement>
+bool committed_delete(SearchHandle& h, const char* operation, Statement&& statement) {
     try {
+        auto [sql, params] = statement();
         PyLockHold write_guard(h._tracker_write_lock);
         py::object conn = h._tracker.attr("_conn");
-        py::object cur = execute(conn, sql, py::make_tuple(row_id, h._submission_owner));
+        py::object cur = execute(conn, sql.c_str(), params);
         conn.attr("commit")();
         return rowcount(cur) == 1;
     } catch (...) {
@@ -208,27 +214,26 @@ bool delete_item(SearchHandle& h, const char* sql, const py::object& row_id, con
     }
 }
 
+bool delete_item(SearchHandle& h, const char* sql, const py::object& row_id, const char* operation) {
+    if (!h._tracker_uses_persistent_store) return false;
+    return committed_delete(h, operation, [&] {
+        return std::make_pair(std::string(sql), py::make_tuple(row_id, h._submission_owner));
+    });
+}
+
 // Deletes the claimed row of a payload, guarded by its content and by this owner (or no owner).
 bool delete_payload(SearchHandle& h, const py::object& payload, const char* id_key, const char* id_name,
                     const char* head, const char* operation) {
     py::object row_id = payload_get(payload, id_key);
     if (row_id.is_none() || !h._tracker_uses_persistent_store) return false;
-    try {
+    return committed_delete(h, operation, [&] {
         py::tuple predicates = h.source_sql_predicates(payload, py::str(id_name), row_id, false);
         py::list params = predicates[1].cast<py::list>();
         params.append(h._submission_owner);
         std::string sql = std::string(head) + predicates[0].cast<std::string>() +
                           " AND (in_flight_owner IS NULL OR in_flight_owner=?)";
-        PyLockHold write_guard(h._tracker_write_lock);
-        py::object conn = h._tracker.attr("_conn");
-        py::object cur = execute(conn, sql.c_str(), py::tuple(params));
-        conn.attr("commit")();
-        return rowcount(cur) == 1;
-    } catch (...) {
-        py::object exc = caught_general_exception();
-        h.record_background_failure(py::str("submission"), py::str(operation), exc, true);
-        return false;
-    }
+        return std::make_pair(sql, py::tuple(params));
+    });
 }
 
 }  // namespace
